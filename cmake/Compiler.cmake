@@ -1,0 +1,23 @@
+# One place for what every target of ours is compiled with. Link to hoardex_options, privately.
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+
+add_library(hoardex_options INTERFACE)
+target_include_directories(hoardex_options INTERFACE ${PROJECT_SOURCE_DIR})
+target_compile_options(hoardex_options INTERFACE
+  $<$<COMPILE_LANGUAGE:CXX>:-Wall;-Wextra;-Wpedantic;-Werror>)
+if(WIN32)
+  # DWARF 4 is the newest that Wine's crash handler reads.
+  target_compile_options(hoardex_options INTERFACE $<$<COMPILE_LANGUAGE:CXX>:-gdwarf-4>)
+  target_compile_definitions(hoardex_options INTERFACE
+    UNICODE _UNICODE WINVER=0x0601 _WIN32_WINNT=0x0601 WIN32_LEAN_AND_MEAN NOMINMAX STRICT)
+endif()
+
+option(HOARDEX_SANITIZE "AddressSanitizer and UBSan (native builds)" OFF)
+if(HOARDEX_SANITIZE)
+  add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+endif()
