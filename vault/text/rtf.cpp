@@ -135,12 +135,12 @@ class Reader {
     if (negative) ++at_;
     has_parameter_ = false;
     std::int64_t number = 0;
-    for (int digits = 0; at_ < in_.size() && in_[at_] >= '0' && in_[at_] <= '9' && digits < 10; ++digits, ++at_) {
-      number = number * 10 + (in_[at_] - '0');
+    for (; at_ < in_.size() && in_[at_] >= '0' && in_[at_] <= '9'; ++at_) {
+      number = std::min<std::int64_t>(number * 10 + (in_[at_] - '0'), INT32_MAX);
       has_parameter_ = true;
     }
     if (at_ < in_.size() && in_[at_] == ' ') ++at_;
-    number = std::clamp<std::int64_t>(negative ? -number : number, INT32_MIN, INT32_MAX);
+    if (negative) number = -number;
 
     const bool optional_destination = std::exchange(star_, false);
     if (name != "bin" && SkippedAsFallback()) return;
