@@ -36,6 +36,7 @@ class NodeCursor {
   static constexpr unsigned kMaxLevels = 8;
   struct Level {
     std::uint64_t page = 0;  // offset in the file
+    Bid bid = 0;
     unsigned next = 0;       // entry to take
     std::uint64_t last_key = 0;
     bool any = false;
@@ -48,6 +49,7 @@ class NodeCursor {
   Level levels_[kMaxLevels];
   int at_ = -1;  // current level; -1: finished
   int top_ = -1;
+  bool started_ = false;
   NodeInfo node_;
   std::optional<Error> error_;
 };

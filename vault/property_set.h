@@ -52,7 +52,7 @@ class PropertySet {
 
   // Conveniences; nullopt when the property is missing or has another type. They throw Error as Find does.
   std::optional<std::int64_t> Int(std::uint16_t id) const;  // integers, booleans, times (FILETIME)
-  // kUnicode or kString8 (in `codepage`, see Utf16FromBytes), at most `limit` characters.
+  // kUnicode, or kString8 in the code page of PR_MESSAGE_CODEPAGE (see Utf16FromBytes); at most `limit` characters.
   std::optional<std::u16string> Text(std::uint16_t id, std::size_t limit = 1 << 24) const;
   std::optional<std::vector<std::uint8_t>> Binary(std::uint16_t id, std::size_t limit = 1 << 26) const;
 

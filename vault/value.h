@@ -14,6 +14,7 @@
 namespace vault {
 
 class Database;
+class DataTree;
 
 // A value of a property context or a table cell: a tag and either the bytes themselves or a reference to a long value.
 // A view: it lives as long as the PropertySet, Table (or a copy of either) that it came from. Trivially copyable.
@@ -52,10 +53,12 @@ class PropertyValue {
 };
 
 // Reads a value in pieces, wherever it lies; memory use is one block. Keeps the file (and the heap) alive.
-// Not for use by two threads at once; copies are independent.
+// Not for use by two threads at once; move-only.
 class ValueReader {
  public:
   ValueReader() = default;  // empty value
+  ValueReader(ValueReader&&) = default;
+  ValueReader& operator=(ValueReader&&) = default;
 
   // Bytes of the value; a string's closing NUL is not counted.
   std::uint64_t size() const { return size_; }
@@ -70,19 +73,18 @@ class ValueReader {
   // The whole value; at most `limit` bytes of it. For values known to be small.
   std::vector<std::uint8_t> ReadAll(std::uint64_t limit = ~std::uint64_t{0});
 
-  // For the reader's own layers: bytes kept alive by `owner`, or the data tree `root` of node `nid`.
+  // For the reader's own layers: bytes kept alive by `owner`, or the data of node `nid` from its block `root` on.
   ValueReader(std::shared_ptr<const void> owner, std::span<const std::uint8_t> bytes);
   ValueReader(std::shared_ptr<const Database> db, Bid root, Nid nid, PropType type);
 
  private:
-  struct Tree;  // position in the data tree, one decoded block
+  std::span<const std::uint8_t> LoadBlock(std::uint64_t index);
+
   std::shared_ptr<const void> owner_;
-  std::span<const std::uint8_t> bytes_;
-  std::shared_ptr<const Database> db_;
+  std::span<const std::uint8_t> bytes_;   // a value that lies in one piece
+  std::shared_ptr<const DataTree> tree_;  // or in blocks
   std::uint64_t size_ = 0;
-  Bid root_ = 0;
-  Nid nid_ = 0;
-  std::uint64_t block_begin_ = 0;
+  std::uint64_t block_index_ = 0;  // of block_, when that is not empty
   std::span<const std::uint8_t> block_;
   std::vector<std::uint8_t> buffer_;
 };
