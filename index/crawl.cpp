@@ -2,6 +2,8 @@
 
 #include <optional>
 
+#include "index/vaults.h"
+
 namespace hoardex {
 namespace {
 
@@ -26,7 +28,9 @@ class IndexSource : public WorkSource {
   }
 
   void Answered(const WorkItem& item, nlohmann::json json, const std::string& line) override {
-    store_.Finish(item.id, Record::FromJson(std::move(json)), options_.kept_vaults);
+    Record record = Record::FromJson(std::move(json));
+    std::erase_if(record.links, [](const Link& link) { return IsTemporaryVault(VaultOfUrl(link.url)); });
+    store_.Finish(item.id, record, options_.kept_vaults);
     Count(item, line.size());
   }
 

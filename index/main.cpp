@@ -1,1 +1,3 @@
-int main() { return 0; }
+#include "index/commands.h"
+
+int main(int argc, char** argv) { return hoardex::Main(argc, argv); }

@@ -28,13 +28,16 @@ Pipe MakePipe() {
   return {FileDescriptor(fds[0]), FileDescriptor(fds[1])};
 }
 
-// The lowest core this process may use, or -1 when there is only one.
+// The lowest core this process might use when it was asked for first, or -1 when there was only one.
 int FirstCore() {
-  cpu_set_t allowed;
-  if (sched_getaffinity(0, sizeof allowed, &allowed) != 0 || CPU_COUNT(&allowed) < 2) return -1;
-  int core = 0;
-  while (!CPU_ISSET(core, &allowed)) ++core;
-  return core;
+  static const int first = [] {
+    cpu_set_t allowed;
+    if (sched_getaffinity(0, sizeof allowed, &allowed) != 0 || CPU_COUNT(&allowed) < 2) return -1;
+    int core = 0;
+    while (!CPU_ISSET(core, &allowed)) ++core;
+    return core;
+  }();
+  return first;
 }
 
 // Runs in the child between fork and exec: system calls only.

@@ -215,11 +215,15 @@ class Parser {
   Node Or(std::string_view columns) {
     std::vector<Node> parts;
     parts.push_back(And(columns));
-    while (TakeWord("OR")) parts.push_back(And(columns));
+    while (TakeWord("OR")) {
+      if (AtEnd() || Peek(')')) throw MissingSide("OR");
+      parts.push_back(And(columns));
+    }
     return Group(Node::Type::kOr, std::move(parts));
   }
 
   Node And(std::string_view columns) {
+    if (AtOperator("OR")) throw MissingSide("OR");
     std::vector<Node> parts;
     while (!AtEnd() && !Peek(')') && !AtOperator("OR")) {
       if (TakeWord("AND")) {
@@ -229,7 +233,6 @@ class Parser {
       if (std::optional<Node> node = Unary(columns)) parts.push_back(std::move(*node));
     }
     if (parts.empty()) {
-      if (AtOperator("OR") || (at_ >= 2 && text_.substr(0, at_).find("OR") != std::string_view::npos && depth_ == 0)) throw MissingSide("OR");
       throw QueryError(depth_ > 0 ? "There is nothing between the parentheses." : "There is nothing to search for: write at least one word.");
     }
     return Group(Node::Type::kAnd, std::move(parts));

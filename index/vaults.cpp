@@ -77,7 +77,7 @@ VaultInfo VaultInfo::FromJson(const std::string& text) {
     info.error = "It cannot be examined.";
     return info;
   }
-  info.json = parsed.dump(-1, ' ', false, json::error_handler_t::replace);
+  info.text = parsed.dump(-1, ' ', false, json::error_handler_t::replace);
   const auto string = [&](const char* key) {
     const auto it = parsed.find(key);
     return it != parsed.end() && it->is_string() ? OneLine(it->get<std::string>()) : std::string();
@@ -118,6 +118,8 @@ VaultInfo InspectVault(const Environment& environment, const fs::path& file) {
   return failed;
 }
 
+bool IsTemporaryVault(std::string_view name) { return name.starts_with(kTemporary); }
+
 std::string SafeVaultName(const std::string& stem) {
   std::string name;
   for (size_t i = 0; i < stem.size();) {
@@ -141,7 +143,7 @@ std::vector<Vault> VaultFolder::List() const {
   std::error_code error;
   for (const auto& entry : fs::directory_iterator(environment_.vault_folder(), error)) {
     const fs::path& path = entry.path();
-    if (path.extension() == kSuffix && !path.filename().string().starts_with(kTemporary)) vaults.push_back(Describe(path));
+    if (path.extension() == kSuffix && !IsTemporaryVault(path.filename().string())) vaults.push_back(Describe(path));
   }
   std::sort(vaults.begin(), vaults.end(), [](const Vault& a, const Vault& b) { return a.name < b.name; });
   return vaults;
@@ -179,9 +181,9 @@ AddResult VaultFolder::Add(const fs::path& file) {
       return result;
     }
   }
-  const VaultInfo info = InspectVault(environment_, source);
-  if (!info.opens) {
-    result.reason = info.error;
+  result.info = InspectVault(environment_, source);
+  if (!result.info.opens) {
+    result.reason = result.info.error;
     return result;
   }
   try {
@@ -213,7 +215,7 @@ void VaultFolder::ClearTemporary() {
   std::vector<fs::path> stale;
   for (const auto& entry : fs::directory_iterator(environment_.vault_folder(), error)) {
     const std::string name = entry.path().filename().string();
-    if (!name.starts_with(kTemporary)) continue;
+    if (!IsTemporaryVault(name)) continue;
     const pid_t owner = static_cast<pid_t>(std::strtol(name.c_str() + kTemporary.size(), nullptr, 10));
     if (owner == getpid() || (kill(owner, 0) != 0 && errno == ESRCH)) stale.push_back(entry.path());
   }

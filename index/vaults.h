@@ -20,7 +20,8 @@ struct VaultInfo {
   // Messages that lie in the top folder itself, which browsing does not list; at most a few by name.
   int64_t top_message_count = 0;
   std::vector<std::string> top_subjects;
-  std::string format, encoding, json;
+  std::string format, encoding;
+  std::string text;  // what the program printed, as one line of JSON
 
   static VaultInfo FromJson(const std::string& text);
 };
@@ -41,6 +42,7 @@ struct AddResult {
   State state = State::kRefused;
   std::string name, reason;
   std::filesystem::path file;
+  VaultInfo info;  // when added
 };
 
 class VaultFolder {
@@ -67,6 +69,9 @@ class VaultFolder {
 
 // Every .pst and .db file of folders (not of their sub-folders), the files as they are; in a fixed order.
 std::vector<std::filesystem::path> ExpandFolders(const std::vector<std::string>& arguments);
+
+// True for the names of LinkTemporarily, which no index takes up.
+bool IsTemporaryVault(std::string_view name);
 
 // A name that can be a token of an item URL and a Windows file name.
 std::string SafeVaultName(const std::string& stem);
