@@ -31,10 +31,9 @@ class ModuleHost {
     HRESULT(STDMETHODCALLTYPE * call)();
     return Find(name, call) ? call() : E_NOTIMPL;
   }
-  template <class Interface>
-  HRESULT GetClassObject(REFCLSID clsid, REFIID iid, Interface** object) const {
+  HRESULT GetClassObject(REFCLSID clsid, REFIID iid, void** object) const {
     HRESULT(STDMETHODCALLTYPE * get)(REFCLSID, REFIID, void**);
-    return Find("DllGetClassObject", get) ? get(clsid, iid, reinterpret_cast<void**>(object)) : E_NOTIMPL;
+    return Find("DllGetClassObject", get) ? get(clsid, iid, object) : E_NOTIMPL;
   }
 
   // Both lie in the build tree; ctest runs a test in the folder of its own executable.
