@@ -89,18 +89,17 @@ class NameRegistry {
       const PropertyName& name = order_[i];
       const auto [set, is_new] = sets.try_emplace(name.set, static_cast<std::uint16_t>(sets.size() + 1));
       if (is_new) Append(guids, name.set);
-      const auto* const text = std::get_if<std::u16string>(&name.id);
-      const auto kind = static_cast<std::uint16_t>(set->second << 1 | (text ? 1 : 0));
+      const auto kind = static_cast<std::uint16_t>(set->second << 1 | (name.text.empty() ? 0 : 1));
       std::uint32_t id = 0, hash = 0;
-      if (text) {
+      if (!name.text.empty()) {
         id = static_cast<std::uint32_t>(strings.size());
-        hash = Crc(BytesOf(*text));
-        Append(strings, static_cast<std::uint32_t>(text->size() * 2));
-        const auto bytes = BytesOf(*text);
+        hash = Crc(BytesOf(name.text));
+        Append(strings, static_cast<std::uint32_t>(name.text.size() * 2));
+        const auto bytes = BytesOf(name.text);
         strings.insert(strings.end(), bytes.begin(), bytes.end());
         strings.resize((strings.size() + 3) / 4 * 4);
       } else {
-        id = hash = std::get<std::uint32_t>(name.id);
+        id = hash = name.id;
       }
       const auto add = [&](std::vector<std::uint8_t>& to, std::uint32_t first) {
         Append(to, first);
@@ -139,7 +138,7 @@ class StoreWriter {
 
   void Run() {
     // Some readers refuse a store without any name; categories are the one that every client knows.
-    names_.IdOf({kPublicStringsSet, u"Keywords"});
+    names_.IdOf({kPublicStringsSet, 0, u"Keywords"});
     WriteFolders();
     WriteSearchFolder();
     WriteStoreObject();
@@ -157,7 +156,7 @@ class StoreWriter {
   std::uint32_t AddPropertiesTo(HeapWriter& heap, const PropertyMap& properties) {
     std::vector<WrittenProperty> written;
     for (const auto& [key, data] : properties) {
-      const std::uint16_t id = key.id() ? *key.id() : names_.IdOf(*key.name());
+      const std::uint16_t id = key.id() ? key.id() : names_.IdOf(key.name());
       written.push_back({MakeTag(id, data.type), data.bytes});
     }
     std::sort(written.begin(), written.end(),
@@ -269,7 +268,7 @@ class StoreWriter {
   static void AddRow(TableWriter& table, std::uint32_t id, const PropertyMap& properties) {
     table.AddRow(id);
     for (const auto& [key, data] : properties) {
-      if (key.id()) table.SetCell(MakeTag(*key.id(), data.type), data.bytes);
+      if (key.id()) table.SetCell(MakeTag(key.id(), data.type), data.bytes);
     }
   }
 

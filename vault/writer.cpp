@@ -42,7 +42,7 @@ std::int64_t FileTime(int year, unsigned month, unsigned day, unsigned hour, uns
   return ((date - origin).count() * std::int64_t{86400} + hour * 3600 + minute * 60 + second) * 10'000'000;
 }
 
-PropertyKey::PropertyKey(const Guid& set, std::string_view name) : key_(PropertyName{set, Utf16FromUtf8(name)}) {}
+PropertyKey::PropertyKey(const Guid& set, std::string_view name) : name_{set, 0, Utf16FromUtf8(name)} {}
 
 template <typename Self>
 Self& WithProperties<Self>::Text(const PropertyKey& key, std::string_view utf8) {

@@ -11,6 +11,7 @@
 // hold.
 #pragma once
 
+#include <compare>
 #include <cstdint>
 #include <deque>
 #include <list>
@@ -20,9 +21,7 @@
 #include <span>
 #include <string>
 #include <string_view>
-#include <tuple>
 #include <utility>
-#include <variant>
 #include <vector>
 
 #include "vault/encoding.h"
@@ -45,24 +44,28 @@ inline constexpr Guid kAppointmentSet = MapiSet(0x00062002), kTaskSet = MapiSet(
                       kLogSet = MapiSet(0x0006200A), kNoteSet = MapiSet(0x0006200E),
                       kPublicStringsSet = MapiSet(0x00020329);
 
+// The name of a property: a number or, where that is not empty, a text.
 struct PropertyName {
-  Guid set;
-  std::variant<std::uint32_t, std::u16string> id;
-  bool operator<(const PropertyName& other) const { return std::tie(set, id) < std::tie(other.set, other.id); }
+  Guid set{};
+  std::uint32_t id = 0;
+  std::u16string text;
+  auto operator<=>(const PropertyName&) const = default;
 };
 
 // A property by id, or by a name that the store gives an id.
 class PropertyKey {
  public:
-  PropertyKey(std::uint16_t id) : key_(id) {}
-  PropertyKey(const Guid& set, std::uint32_t id) : key_(PropertyName{set, id}) {}
+  PropertyKey(std::uint16_t id) : id_(id) {}
+  PropertyKey(const Guid& set, std::uint32_t id) : name_{set, id, {}} {}
   PropertyKey(const Guid& set, std::string_view name);
-  bool operator<(const PropertyKey& other) const { return key_ < other.key_; }
-  const std::uint16_t* id() const { return std::get_if<std::uint16_t>(&key_); }
-  const PropertyName* name() const { return std::get_if<PropertyName>(&key_); }
+  auto operator<=>(const PropertyKey&) const = default;
+  // 0 for a name.
+  std::uint16_t id() const { return id_; }
+  const PropertyName& name() const { return name_; }
 
  private:
-  std::variant<std::uint16_t, PropertyName> key_;
+  std::uint16_t id_ = 0;
+  PropertyName name_;
 };
 
 struct PropertyData {
