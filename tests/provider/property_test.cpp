@@ -1,0 +1,1 @@
+#include "tests/provider/client.h"
