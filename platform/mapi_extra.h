@@ -1,8 +1,13 @@
-// What the toolchain's MAPI headers lack. Include after mapix.h and mapitags.h; for the provider and for its callers.
+// MAPI with what the toolchain's headers lack (values of the public MAPI headers), for the provider and its callers.
 #pragma once
 
+#include <windows.h>
+
 #include <mapidefs.h>
+
+#include <mapicode.h>
 #include <mapitags.h>
+#include <mapix.h>
 
 // MAPIINIT_0, logon, OpenEntry.
 #ifndef MAPI_NO_COINIT

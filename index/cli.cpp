@@ -1,0 +1,148 @@
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <functional>
+#include <set>
+#include <system_error>
+
+#include "index/commands.h"
+#include "index/gatherer.h"
+#include "index/query.h"
+#include "index/store.h"
+#include "index/text.h"
+
+namespace hoardex {
+namespace {
+
+constexpr const char* kQueryHelp = R"(What a query can hold (all words must occur; case and accents do not matter):
+  word  prefix*  "a phrase"       in subject, sender, recipients, folder, attachment names and text
+  from:ann  to:bob  subject:plan  folder:inbox  body:word  name:report.pdf
+  kind:email|calendar|task|contact|note|attachment|document|picture …
+  has:attachment   vault:name
+  before:2019  after:2019-03  date:2019-03-02    (after: includes the day, before: does not; UTC)
+  a OR b   -word   NOT word   (a OR b) c)";
+
+// A query may begin with "-"; CLI11 would take "-word" for options. Such words are marked here and unmarked afterwards.
+constexpr char kQueryWord = '\x01';
+
+std::vector<std::string> MarkQueryWords(int argc, char** argv) {
+  static const std::set<std::string> kShort{"-h", "-n"};
+  std::vector<std::string> words;
+  bool searching = false;
+  for (int i = 1; i < argc; ++i) {
+    std::string word = argv[i];
+    if (searching && word.size() > 1 && word[0] == '-' && word[1] != '-' && !kShort.contains(word) && !(word[1] == 'n' && word[2] >= '0' && word[2] <= '9')) {
+      word.insert(word.begin(), kQueryWord);
+    }
+    searching = searching || word == "search";
+    words.push_back(std::move(word));
+  }
+  return words;
+}
+
+}  // namespace
+
+int Main(int argc, char** argv) {
+  CLI::App app("Finds the mail in message stores: indexes them with their attachments, and searches.", "hoardex");
+  app.require_subcommand(1);
+  app.set_help_all_flag("--help-all", "Help of all commands");
+  std::function<int()> command;
+  // Read late, so that --help works everywhere.
+  const auto environment = [] { return Environment::FromProcess(); };
+
+  IndexArguments index;
+  auto* index_command = app.add_subcommand("index", "Bring stores into the index, or the index up to date");
+  index_command->add_option("FILE", index.files, "Stores (.pst, .db) or folders of them; without, what is there is looked through again");
+  index_command->add_flag("--demo", index.demo, "Index a demonstration vault");
+  index_command->add_flag("--retry", index.retry, "Also ask again for unchanged items that ended the protocol host before");
+  index_command->add_flag("--json", index.json, "Report as JSON");
+  index_command->add_option("--timeout", index.timeout_seconds, "Seconds without any answer before the protocol host is ended")
+      ->check(CLI::Range(1, 86400))
+      ->capture_default_str();
+  index_command->callback([&] { command = [&] { return RunIndex(environment(), index); }; });
+
+  SearchArguments search;
+  auto* search_command = app.add_subcommand("search", "Search the index");
+  search_command->add_option("QUERY", search.words, "What to find")->required();
+  search_command->add_option("-n,--limit", search.limit, "Show at most so many hits")->check(CLI::Range(1, 1000000))->capture_default_str();
+  search_command->add_option("--folder", search.folders, "Only in folders with these words in their path")->allow_extra_args(false);
+  search_command->add_option("--vault", search.vaults, "Only in this vault; * stands for anything")->allow_extra_args(false);
+  search_command->add_option("--kind", search.kinds, "Only items of this kind")->allow_extra_args(false);
+  search_command->add_flag("--json", search.json, "Hits as JSON, with all properties");
+  search_command->footer(kQueryHelp);
+  search_command->callback([&] {
+    for (std::string& word : search.words) {
+      if (!word.empty() && word[0] == kQueryWord) word.erase(0, 1);
+    }
+    command = [&] { return RunSearch(environment(), search); };
+  });
+
+  ShowArguments show;
+  auto* show_command = app.add_subcommand("show", "Show one item chunk by chunk, as the filter emits it");
+  show_command->add_option("URL", show.url, "The item's URL, as search prints it")->required();
+  show_command->add_flag("--json", show.json, "The host's record as JSON");
+  show_command->callback([&] { command = [&] { return RunShow(environment(), show); }; });
+
+  DumpArguments dump;
+  auto* dump_command = app.add_subcommand("dump", "Write every item as a line of JSON, without an index");
+  dump_command->add_option("FILE", dump.files, "Stores or folders of them; without, all vaults");
+  dump_command->add_flag("--chunks", dump.chunks, "With the sequence of chunks");
+  dump_command->add_option("--timeout", dump.timeout_seconds, "Seconds without any answer before the protocol host is ended")
+      ->check(CLI::Range(1, 86400))
+      ->capture_default_str();
+  dump_command->callback([&] { command = [&] { return RunDump(environment(), dump); }; });
+
+  bool vaults_json = false;
+  std::vector<std::string> added, removed;
+  auto* vaults_command = app.add_subcommand("vaults", "List, add or remove vaults");
+  vaults_command->require_subcommand(0, 1);
+  vaults_command->add_flag("--json", vaults_json, "The list as JSON");
+  auto* list_command = vaults_command->add_subcommand("list", "List the vaults");
+  list_command->add_flag("--json", vaults_json, "The list as JSON");
+  auto* add_command = vaults_command->add_subcommand("add", "Make vaults of stores without indexing them yet");
+  add_command->add_option("FILE", added, "Stores or folders of them")->required();
+  auto* remove_command = vaults_command->add_subcommand("remove", "Forget vaults and their items; the originals stay");
+  remove_command->add_option("NAME", removed, "Names of vaults")->required();
+  vaults_command->callback([&] {
+    command = [&] {
+      if (add_command->parsed()) return RunVaultsAdd(environment(), added);
+      if (remove_command->parsed()) return RunVaultsRemove(environment(), removed);
+      return RunVaultsList(environment(), vaults_json);
+    };
+  });
+
+  try {
+    auto words = MarkQueryWords(argc, argv);
+    std::reverse(words.begin(), words.end());  // as CLI11 takes them
+    app.parse(words);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error, std::cout, std::cerr) == 0 ? kExitOk : kExitUsage;
+  }
+
+  InstallSignalHandlers();
+  LeaveFirstCore();
+  const auto fail = [](const std::string& sentence, int code) {
+    std::fflush(stdout);
+    std::fprintf(stderr, "hoardex: %s\n", PrintableText(sentence).c_str());
+    return code;
+  };
+  try {
+    const int code = command();
+    // A closed output is the reader's choice; a full disk is not.
+    if (std::fflush(stdout) != 0 && errno != EPIPE) return fail("The output cannot be written: " + std::string(std::strerror(errno)) + ".", kExitFailed);
+    return code;
+  } catch (const CommandError& error) {
+    return fail(error.what(), error.code());
+  } catch (const QueryError& error) {
+    return fail(error.what(), kExitUsage);
+  } catch (const HostError& error) {
+    return Interrupted() ? fail("Stopped.", kExitInterrupted) : fail(error.what(), kExitFailed);
+  } catch (const DatabaseError& error) {
+    return fail("The index cannot be used: " + std::string(error.what()) + ".", kExitFailed);
+  } catch (const std::exception& error) {
+    return fail(std::string(error.what()) + ".", kExitFailed);
+  }
+}
+
+}  // namespace hoardex

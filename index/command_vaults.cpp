@@ -1,0 +1,77 @@
+#include <cstdio>
+#include <nlohmann/json.hpp>
+
+#include "index/commands.h"
+#include "index/output.h"
+#include "index/store.h"
+#include "index/text.h"
+#include "index/vaults.h"
+
+namespace hoardex {
+
+using nlohmann::json;
+
+int RunVaultsList(const Environment& environment, bool as_json) {
+  const auto vaults = VaultFolder(environment).List();
+  std::map<std::string, VaultCounts> counts;
+  if (std::filesystem::exists(environment.index_file())) {
+    counts = Store(environment.index_file(), Database::Mode::kReadOnly).Counts();
+  }
+  json out = json::array();
+  Table table({"vault", "messages", "attachments", "bytes", "original"});
+  for (const Vault& vault : vaults) {
+    const VaultCounts& count = counts[vault.name];
+    const int64_t messages = count.messages_new + count.messages_unchanged;
+    out.push_back({{"name", vault.name}, {"source", vault.source.string()}, {"present", vault.present}, {"size", vault.size},
+                   {"messages", messages}, {"attachments", count.attachments}});
+    table.Add({vault.name, Grouped(messages), Grouped(count.attachments), Grouped(vault.size),
+               OneLine(vault.source.string()) + (vault.present ? "" : "  (not there)")});
+  }
+  if (as_json) {
+    Print(out.dump(2, ' ', false, json::error_handler_t::replace) + "\n");
+  } else {
+    Print(vaults.empty() ? "There is no vault yet: hoardex index mail.pst makes one of a store.\n" : table.Text());
+  }
+  return kExitOk;
+}
+
+int RunVaultsAdd(const Environment& environment, const std::vector<std::string>& files) {
+  HomeLock lock(environment);
+  VaultFolder folder(environment);
+  int64_t refused = 0, taken = 0;
+  for (const auto& file : ExpandFolders(files)) {
+    const AddResult added = folder.Add(file);
+    if (added.state == AddResult::State::kRefused) {
+      ++refused;
+      std::fprintf(stderr, "hoardex: %s is refused: %s\n", OneLine(file.string()).c_str(), OneLine(added.reason).c_str());
+      continue;
+    }
+    ++taken;
+    Print(OneLine(file.string()) + (added.state == AddResult::State::kKnown ? " is already the vault " : " is the vault ") + added.name + "\n");
+  }
+  if (taken > 0) Print("hoardex index brings them into the index.\n");
+  return refused == 0 ? kExitOk : taken > 0 ? kExitPartly : kExitFailed;
+}
+
+int RunVaultsRemove(const Environment& environment, const std::vector<std::string>& names) {
+  HomeLock lock(environment);
+  VaultFolder folder(environment);
+  bool all = true;
+  for (const std::string& name : names) {
+    const auto vault = folder.Find(name);
+    if (!vault) {
+      all = false;
+      std::fprintf(stderr, "hoardex: There is no vault \"%s\".\n", OneLine(name).c_str());
+      continue;
+    }
+    // The link first: an index without it is put right by the next crawl, a link without its items would come back.
+    folder.Remove(name);
+    if (std::filesystem::exists(environment.index_file())) {
+      Store(environment.index_file(), Database::Mode::kCreate).RemoveVault(vault->name);
+    }
+    Print("The vault " + vault->name + " is no longer indexed; " + OneLine(vault->source.string()) + " is untouched.\n");
+  }
+  return all ? kExitOk : kExitFailed;
+}
+
+}  // namespace hoardex

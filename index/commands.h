@@ -1,0 +1,48 @@
+// The commands behind the command line: each takes parsed arguments and returns an exit code. Failures are CommandError,
+// HostError, DatabaseError or QueryError.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "index/environment.h"
+
+namespace hoardex {
+
+struct IndexArguments {
+  std::vector<std::string> files;
+  bool demo = false, json = false, retry = false;
+  int64_t timeout_seconds = 120;
+};
+int RunIndex(const Environment& environment, const IndexArguments& arguments);
+
+struct SearchArguments {
+  std::vector<std::string> words;
+  std::vector<std::string> folders, vaults, kinds;
+  int64_t limit = 20;
+  bool json = false;
+};
+int RunSearch(const Environment& environment, const SearchArguments& arguments);
+
+struct ShowArguments {
+  std::string url;
+  bool json = false;
+};
+int RunShow(const Environment& environment, const ShowArguments& arguments);
+
+struct DumpArguments {
+  std::vector<std::string> files;
+  bool chunks = false;
+  int64_t timeout_seconds = 120;
+};
+int RunDump(const Environment& environment, const DumpArguments& arguments);
+
+int RunVaultsList(const Environment& environment, bool json);
+int RunVaultsAdd(const Environment& environment, const std::vector<std::string>& files);
+int RunVaultsRemove(const Environment& environment, const std::vector<std::string>& names);
+
+// The whole program: parses the command line, runs a command, turns failures into sentences and exit codes.
+int Main(int argc, char** argv);
+
+}  // namespace hoardex

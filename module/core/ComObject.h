@@ -1,0 +1,48 @@
+// Reference counting and interface look-up for the module's COM objects.
+#pragma once
+
+#include <windows.h>
+
+#include <unknwn.h>
+
+#include <atomic>
+#include <new>
+
+#include "module/core/HoardexPH.h"
+
+// Base of an object that implements Interfaces... and nothing else; the first one answers for IUnknown. Counts are
+// free-threaded and each living object holds the module.
+template <class First, class... Rest>
+class ComObject : public First, public Rest... {
+ public:
+  ComObject() { module::Lock(); }
+  ComObject(const ComObject&) = delete;
+  ComObject& operator=(const ComObject&) = delete;
+
+  STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
+    if (!object) return E_POINTER;
+    *object = nullptr;
+    if (iid == IID_IUnknown || Answers<First>(iid)) *object = static_cast<First*>(this);
+    ((!*object && Answers<Rest>(iid) ? void(*object = static_cast<Rest*>(this)) : void()), ...);
+    if (!*object) return E_NOINTERFACE;
+    AddRef();
+    return S_OK;
+  }
+  STDMETHODIMP_(ULONG) AddRef() override { return ++references_; }
+  STDMETHODIMP_(ULONG) Release() override {
+    const ULONG left = --references_;
+    if (!left) delete this;
+    return left;
+  }
+
+ protected:
+  virtual ~ComObject() { module::Unlock(); }
+
+ private:
+  template <class Interface>
+  static bool Answers(REFIID iid) {
+    return iid == __uuidof(Interface);
+  }
+
+  std::atomic<ULONG> references_ = 1;
+};

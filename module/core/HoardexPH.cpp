@@ -1,0 +1,108 @@
+// The module's entry point and standard exports.
+#include "module/core/HoardexPH.h"
+
+#include <olectl.h>
+
+#include <new>
+
+#include "module/core/Boundary.h"
+#include "module/core/ComObject.h"
+#include "module/core/Registrar.h"
+#include "module/core/resource.h"
+#include "module/mapi/MapiLoader.h"
+#include "module/protocol/HoardexSP.h"
+#include "module/registration/HoardexCommon.h"
+
+namespace {
+
+constexpr wchar_t kLogSource[] = L".\\HoardexPH";
+
+// The class object. It holds the module like any object, so that a host that keeps it keeps the code.
+class ClassFactory final : public ComObject<IClassFactory> {
+ public:
+  STDMETHODIMP CreateInstance(IUnknown* outer, REFIID iid, void** object) override {
+    if (!object) return E_POINTER;
+    *object = nullptr;
+    ZK_GUARD(L"CHoardexPHModule::CreateInstance()", [&] { return CreateHoardexSP(outer, iid, object); });
+  }
+  STDMETHODIMP LockServer(BOOL lock) override {
+    lock ? module::Lock() : module::Unlock();
+    return S_OK;
+  }
+};
+
+std::wstring ModulePath() {
+  std::wstring path(MAX_PATH, L'\0');
+  for (;;) {
+    const DWORD length = GetModuleFileNameW(module::Instance(), path.data(), static_cast<DWORD>(path.size()));
+    if (!length) return {};
+    if (length < path.size()) {
+      path.resize(length);
+      return path;
+    }
+    path.resize(2 * path.size());
+  }
+}
+
+HRESULT RegisterTypeLibrary() {
+  ITypeLib* library = nullptr;
+  const std::wstring path = ModulePath();
+  const HRESULT hr = LoadTypeLibEx(path.c_str(), REGKIND_REGISTER, &library);
+  if (library) library->Release();
+  return hr;
+}
+
+}  // namespace
+
+bool CheckMAPIIsLoaded() {
+  if (g_MapiLoader.IsLoaded()) {
+    ZK_LOG(L"HoardexPH::CheckMAPIIsLoaded() - MAPI has loaded");
+    return true;
+  }
+  ZK_LOG(L"HoardexPH::CheckMAPIIsLoaded() - Failed to load MAPI");
+  return false;
+}
+
+// Under the loader lock: no COM call, no thread, no wait for one.
+extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID) {
+  module::SetInstance(instance);
+  if (reason == DLL_PROCESS_ATTACH) {
+    ZK_LOG(L"HoardexPH::DllMain() - About to load MAPI");
+    if (!CheckMAPIIsLoaded()) {
+      ZK_LOG(L"HoardexPH::DllMain() - MAPI Failed to load - exiting DllMain\n");
+      return FALSE;
+    }
+    ZK_LOG(L"HoardexPH::DllMain() - Finished loading MAPI");
+  }
+  // On every attach, of the process and of each thread; a no-op once it has succeeded.
+  if (reason != DLL_PROCESS_DETACH && reason != DLL_THREAD_DETACH) DetectOSVersion();
+  return TRUE;
+}
+
+STDAPI DllGetClassObject(REFCLSID clsid, REFIID iid, void** object) {
+  if (!object) return E_POINTER;
+  *object = nullptr;
+  if (clsid != module::kHoardexSPClass) return CLASS_E_CLASSNOTAVAILABLE;
+  auto* factory = new (std::nothrow) ClassFactory;
+  if (!factory) return E_OUTOFMEMORY;
+  const HRESULT hr = factory->QueryInterface(iid, object);
+  factory->Release();
+  return hr;
+}
+
+STDAPI DllCanUnloadNow() { return module::LockCount() ? S_FALSE : S_OK; }
+
+STDAPI DllRegisterServer() {
+  ZK_GUARD(L"HoardexPH::DllRegisterServer()", [] {
+    const HRESULT hr = registrar::Run(registrar::Action::kRegister, IDR_REGISTRATION, ModulePath());
+    return FAILED(hr) ? hr : RegisterTypeLibrary();
+  });
+}
+
+STDAPI DllUnregisterServer() {
+  ZK_GUARD(L"HoardexPH::DllUnregisterServer()", [] {
+    const HRESULT hr = registrar::Run(registrar::Action::kUnregister, IDR_REGISTRATION, ModulePath());
+    UnRegisterTypeLib(module::kTypeLibrary, 1, 0, LOCALE_NEUTRAL, SYS_WIN64);
+    return hr;
+  });
+}

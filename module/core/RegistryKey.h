@@ -1,0 +1,56 @@
+// Owner of a registry key handle, with the few reads that the module makes.
+#pragma once
+
+#include <windows.h>
+
+#include <algorithm>
+#include <string>
+
+class RegistryKey {
+ public:
+  RegistryKey() = default;
+  ~RegistryKey() { Close(); }
+  RegistryKey(const RegistryKey&) = delete;
+  RegistryKey& operator=(const RegistryKey&) = delete;
+
+  // Each returns the registry's error code, ERROR_SUCCESS when done.
+  LONG Open(HKEY parent, const wchar_t* path, REGSAM access = KEY_READ) {
+    Close();
+    return RegOpenKeyExW(parent, path, 0, access, &key_);
+  }
+  LONG Create(HKEY parent, const wchar_t* path, REGSAM access = KEY_ALL_ACCESS) {
+    Close();
+    return RegCreateKeyExW(parent, path, 0, nullptr, 0, access, nullptr, &key_, nullptr);
+  }
+  LONG ReadDword(const wchar_t* name, DWORD& value) const {
+    DWORD type = 0, data = 0, size = sizeof(data);
+    const LONG error = RegQueryValueExW(key_, name, nullptr, &type, reinterpret_cast<BYTE*>(&data), &size);
+    if (error != ERROR_SUCCESS) return error;
+    if (type != REG_DWORD || size != sizeof(data)) return ERROR_INVALID_DATATYPE;
+    value = data;
+    return ERROR_SUCCESS;
+  }
+  // A string value of at most Size - 1 characters into a zeroed buffer; a longer one is ERROR_MORE_DATA.
+  template <size_t Size>
+  LONG ReadString(const wchar_t* name, wchar_t (&buffer)[Size]) const {
+    std::fill_n(buffer, Size, L'\0');
+    DWORD type = 0, size = (Size - 1) * sizeof(wchar_t);
+    const LONG error = RegQueryValueExW(key_, name, nullptr, &type, reinterpret_cast<BYTE*>(buffer), &size);
+    if (error != ERROR_SUCCESS) {
+      buffer[0] = 0;
+      return error;
+    }
+    if (type == REG_SZ || type == REG_EXPAND_SZ) return ERROR_SUCCESS;
+    buffer[0] = 0;
+    return ERROR_INVALID_DATATYPE;
+  }
+  HKEY get() const { return key_; }
+
+ private:
+  void Close() {
+    if (key_) RegCloseKey(key_);
+    key_ = nullptr;
+  }
+
+  HKEY key_ = nullptr;
+};

@@ -1,0 +1,102 @@
+#include "module/core/SCLog.h"
+
+#include <shlobj.h>
+
+#include <cstdarg>
+#include <cwchar>
+#include <iterator>
+#include <share.h>
+
+namespace {
+
+constexpr int kMessageChars = 2048;
+constexpr char kBanner[] =
+    "-------------------- REWINDING THE LOG FILE (GOTO BEGINNING OF FILE) -------------------- \n";
+constexpr char kSeparator[] = "-------------------------------------------------------- \n";
+
+// Lets the lock go on every path out of a scope.
+class Unlock {
+ public:
+  explicit Unlock(HANDLE mutex) : mutex_(mutex) {}
+  ~Unlock() { ReleaseMutex(mutex_); }
+  Unlock(const Unlock&) = delete;
+  Unlock& operator=(const Unlock&) = delete;
+
+ private:
+  HANDLE mutex_;
+};
+
+void Append(wchar_t (&path)[1024], const wchar_t* text) {
+  const size_t length = wcslen(path);
+  wcsncpy(path + length, text, std::size(path) - 1 - length);
+}
+
+}  // namespace
+
+SCLog::SCLog(const wchar_t* file_name) {
+  wchar_t folder[MAX_PATH] = {};
+  if (SUCCEEDED(SHGetFolderPathW(nullptr, CSIDL_LOCAL_APPDATA | CSIDL_FLAG_CREATE, nullptr, 0, folder))) {
+    Append(path_, folder);
+    Append(path_, L"\\");
+  }
+  Append(path_, file_name ? file_name : L"ZK.log");
+  SetFileLine(L".\\SCLog", 112);
+  Log(kOrdinary, L"PID:%lu EXE:%s", GetCurrentProcessId(), GetCommandLineW());
+}
+
+SCLog::~SCLog() {
+  if (stream_) {
+    fputs(kSeparator, stream_);
+    fclose(stream_);
+    stream_ = nullptr;
+  }
+  // The lock stays for the process's end: another static object's destructor may still log.
+}
+
+void SCLog::SetFileLine(const wchar_t* source_path, int line) noexcept {
+  // Made by the constructor's own line, while the loader still keeps other threads out.
+  if (!lock_) lock_ = CreateMutexW(nullptr, FALSE, nullptr);
+  WaitForSingleObject(lock_, INFINITE);
+  const wchar_t* slash = wcsrchr(source_path, L'\\');
+  wcsncpy(source_, slash ? slash + 1 : source_path, std::size(source_) - 1);
+  line_ = line;
+}
+
+void SCLog::Log(int level, const wchar_t* format, ...) noexcept {
+  Unlock unlock(lock_);
+  if (level > threshold_) return;
+  if (!stream_ && !Open()) return;
+  wchar_t message[kMessageChars] = {};
+  va_list args;
+  va_start(args, format);
+  // Cuts what is too long; the bounded formatter of the C++ runtime would read %s as narrow.
+  _vsnwprintf_s(message, kMessageChars, _TRUNCATE, format, args);
+  va_end(args);
+  Write(level, message);
+}
+
+bool SCLog::Open() noexcept {
+  stream_ = _wfsopen(path_, L"r+", _SH_DENYNO);
+  if (!stream_) stream_ = _wfsopen(path_, L"w+", _SH_DENYNO);
+  if (!stream_) return false;
+  fseek(stream_, 0, SEEK_END);
+  if (ftell(stream_) >= kRewindAt) fseek(stream_, 0, SEEK_SET);
+  return true;
+}
+
+void SCLog::Write(int level, const wchar_t* message) noexcept {
+  // UTF-8, so that a character outside the code page never costs the line. Three bytes hold any UTF-16 unit.
+  char text[3 * kMessageChars];
+  if (!WideCharToMultiByte(CP_UTF8, 0, message, -1, text, sizeof(text), nullptr, nullptr)) return;
+  char source[3 * sizeof(source_) / sizeof(wchar_t)];
+  if (!WideCharToMultiByte(CP_UTF8, 0, source_, -1, source, sizeof(source), nullptr, nullptr)) return;
+  SYSTEMTIME now;
+  GetLocalTime(&now);
+  fprintf(stream_, "[%lu][%d][%04d/%02d/%02d %02d:%02d:%02d:%03d] %s(%d):%s \n", GetCurrentProcessId(), level,
+          now.wYear, now.wMonth, now.wDay, now.wHour, now.wMinute, now.wSecond, now.wMilliseconds, source, line_, text);
+  fflush(stream_);
+  if (ftell(stream_) > kRewindAt) {
+    fputs(kBanner, stream_);
+    fseek(stream_, 0, SEEK_SET);
+  }
+}

@@ -1,0 +1,20 @@
+// Resource identifiers of the module.
+#pragma once
+
+#define IDS_TESSARY 101
+#define IDS_ATTACHED_WITH_SUBJECT 102
+#define IDS_ATTACHED_NO_SUBJECT 103
+#define IDS_OPEN 104
+#define IDS_PRINT 105
+#define IDS_CANNOT_SHOW 106
+#define IDS_CANNOT_DELETE 107
+#define IDS_NAMESPACE 108
+#define IDS_TYPE_MESSAGE 109
+#define IDS_NO_SUBJECT 110
+#define IDS_TYPE_APPOINTMENT 111
+#define IDS_TYPE_TASK 112
+#define IDS_TYPE_NOTE 113
+#define IDS_TYPE_CONTACT 114
+
+#define IDR_REGISTRATION 102
+#define IDR_TYPE_LIBRARY 1

@@ -1,0 +1,150 @@
+// The IFilter over one vault item: a sequence of value chunks, the body text, and links to child items.
+//
+// One object serves one URL and is used by one thread at a time. It borrows the vault session and counts the site.
+#pragma once
+
+#include <windows.h>
+
+#include <wrl/client.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "module/core/ComObject.h"
+#include "module/core/HoardexURL.h"
+#include "module/filter/Variants.h"
+#include "module/mapi/MapiForWDS.h"
+#include "module/shell/GroupPolicy.h"
+#include "platform/searchapi.h"
+
+// What GetProps returned: entry i answers tag i of the request.
+struct PropertySet {
+  TidyPropValues values;
+  ULONG count = 0;
+
+  explicit operator bool() const { return static_cast<bool>(values); }
+  const SPropValue* at(ULONG i) const { return values && i < count ? &values.get()[i] : nullptr; }
+  void Release() {
+    values.Release();
+    count = 0;
+  }
+};
+
+// What an item is beyond its URL's kind, in the order in which it is tested.
+enum class ItemKind { kAppointment, kTask, kContact, kNote, kEmail };
+
+class CHoardexFilter final : public ComObject<IFilter, IPersistStream> {
+ public:
+  CHoardexFilter();
+
+  // From the URL accessor, before Init. `title`, `date` and `author` are those of an attachment.
+  HRESULT SetUp(const std::wstring& url, CMapiForWDS* mapi, const std::wstring& attachment_file,
+                const std::wstring& title, const FILETIME& date, const std::wstring& author,
+                IProtocolHandlerSite* site);
+
+  // IFilter
+  STDMETHODIMP_(SCODE) Init(ULONG flags, ULONG count, const FULLPROPSPEC* attributes, ULONG* out_flags) override;
+  STDMETHODIMP_(SCODE) GetChunk(STAT_CHUNK* stat) override;
+  STDMETHODIMP_(SCODE) GetText(ULONG* count, WCHAR* buffer) override;
+  STDMETHODIMP_(SCODE) GetValue(PROPVARIANT** value) override;
+  STDMETHODIMP_(SCODE) BindRegion(FILTERREGION, REFIID, void**) override { return E_NOTIMPL; }
+
+  // IPersistStream: present because Windows Search asks for it; the item comes from SetUp.
+  STDMETHODIMP GetClassID(CLSID* clsid) override;
+  STDMETHODIMP IsDirty() override { return S_FALSE; }
+  STDMETHODIMP Load(IStream*) override { return E_NOTIMPL; }
+  STDMETHODIMP Save(IStream*, BOOL) override { return E_NOTIMPL; }
+  STDMETHODIMP GetSizeMax(ULARGE_INTEGER*) override { return E_NOTIMPL; }
+
+ private:
+  friend struct MessageSequence;
+  friend struct AttachmentSequence;
+
+  static constexpr int kMessageStart = -51;
+  static constexpr int kAttachStart = -17;
+
+  HRESULT Redirect(ULONG flags, ULONG count, const FULLPROPSPEC* attributes, ULONG* out_flags);
+
+  // Chunks (FilterChunks.cpp, MessageSequence.cpp, AttachmentList.cpp)
+  HRESULT NextChunk(STAT_CHUNK* stat);
+  HRESULT NextRootChunk(STAT_CHUNK* stat);
+  HRESULT NextContainerChunk(STAT_CHUNK* stat);
+  HRESULT NextMessageChunk(STAT_CHUNK* stat);
+  HRESULT NextAttachmentChunk(STAT_CHUNK* stat);
+  bool ListChildren();
+  bool OpenMessage();
+  bool ReadAttachmentList();
+  void AddAttachmentRow(const TidyRowSet& rows, ULONG i, const GroupPolicy& policy);
+  bool IsFilterAvailable(const std::wstring& extension) const;
+  HRESULT End();
+  void Fill(STAT_CHUNK* stat, const PROPERTYKEY& key, CHUNKSTATE state = CHUNK_VALUE, bool new_id = true);
+
+  // Values (FilterValues.cpp)
+  HRESULT MakeValue(variant::Owner& owner, PROPVARIANT** forwarded);
+  HRESULT MakeMessageValue(PROPVARIANT& value);
+  HRESULT MakeRootValue(PROPVARIANT& value);
+  HRESULT MakeContainerValue(PROPVARIANT& value);
+  HRESULT MakeLink(PROPVARIANT& value);
+  ItemKind item_kind() const;
+
+  // Text (FilterText.cpp)
+  HRESULT NextText(ULONG* count, WCHAR* buffer);
+  void KeepSummary(const WCHAR* text, ULONG count);
+
+  // Readers of a message's properties (PropertyReaders.cpp)
+  HRESULT ReadMessageProperties();
+  HRESULT ReadCalendarProperties();
+  HRESULT ReadTaskProperties();
+  HRESULT ReadContactProperties();
+  HRESULT ReadStickyNoteProperties();
+  HRESULT GetRecipientInfo();
+
+  // Attachment metadata (AttachmentMetadata.cpp)
+  HRESULT GetAttachmentAuthor(std::wstring& author);
+  HRESULT QueryAttachmentAuthor(std::wstring& author);
+  HRESULT GetAttachmentFileNameFromURL(std::wstring& name);
+  bool GetAttachmentExtension(std::wstring& extension) const;
+  void GetItemTypeText(std::wstring& text) const;
+  std::wstring AttachmentKind() const;
+  std::wstring AttachmentItemType() const;
+
+  // Vault files of the user (VaultFiles.cpp)
+  void EnumAllHXFiles(std::vector<std::wstring>& files);
+
+  CMapiForWDS* mapi_ = nullptr;
+  ULONG chunk_id_ = 0;
+  LCID locale_;
+  std::wstring url_;
+  CHoardexURL::Kind kind_ = CHoardexURL::kUnknown;  // of url_, which never changes
+  int link_index_ = -1;
+  bool links_built_ = false;
+  std::vector<std::wstring> vault_files_;
+  size_t next_vault_file_ = 0;
+  std::vector<std::wstring> child_urls_;
+  std::vector<FILETIME> child_times_;
+  Microsoft::WRL::ComPtr<IMessage> message_;
+  int message_step_ = kMessageStart;
+  int root_step_ = 1;
+  PropertySet message_props_, calendar_props_, task_props_, contact_props_, contact_named_props_, note_props_;
+  std::wstring to_addresses_, cc_addresses_, bcc_addresses_, sender_addr_type_;
+  bool is_flagged_ = false;
+  HRESULT body_result_ = S_OK;
+  std::wstring body_text_;
+  size_t body_given_ = 0;  // characters of body_text_ already handed out
+  Microsoft::WRL::ComPtr<IStream> body_stream_;
+  bool text_done_ = false;
+  bool summary_done_ = false;
+  std::wstring summary_text_;
+  std::wstring attachment_names_;
+  Microsoft::WRL::ComPtr<IPersistStream> inner_persist_;
+  Microsoft::WRL::ComPtr<IFilter> inner_filter_;
+  std::wstring attachment_file_;
+  std::wstring attachment_title_;
+  std::wstring attachment_author_;
+  FILETIME file_time_ = {};
+  int attach_step_ = kAttachStart;
+  std::wstring display_path_;
+  std::wstring root_name_;
+  Microsoft::WRL::ComPtr<IProtocolHandlerSite> site_;
+};

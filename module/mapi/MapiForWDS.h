@@ -1,0 +1,83 @@
+// One MAPI session and open store per vault file, shared by every item URL that names the file.
+//
+// GetMapiObj is the one way in; the process-wide table owns every object until CleanMapiObjs, callers borrow them. The
+// objects have no lock of their own: MAPI is initialised for several threads.
+#pragma once
+
+#include <windows.h>
+
+#include <wrl/client.h>
+
+#include <string>
+#include <vector>
+
+#include "module/mapi/MapiLoader.h"
+#include "module/mapi/TidyMapi.h"
+
+class CMapiForWDS {
+ public:
+  // The object for the URL's vault file, made and set up on first use; null when the URL names no vault file or the set-up
+  // fails. An object whose set-up failed stays as it is and is not kept in the table.
+  static CMapiForWDS* GetMapiObj(std::wstring item_url);
+  // Tears down and destroys every object of the table. No borrower may be at work.
+  static void CleanMapiObjs();
+
+  // The message that a message URL names.
+  HRESULT GetMsgFromURL(const std::wstring& message_url, LPMESSAGE* message);
+  // The content of the attachment that an attachment URL names: the first of that display name, ignoring case.
+  HRESULT GetStreamFromAttachmentURL(const std::wstring& attachment_url, IStream** stream);
+  // Names and times of what the container holds: messages first, then sub-folders, and the folder's display path below
+  // the top of the message tree. The store itself lists sub-folders only.
+  HRESULT BrowseFolder(const std::wstring& folder_url, std::wstring& path, std::vector<std::wstring>& names,
+                       std::vector<FILETIME>& times);
+
+  // The file's last-write time, UTC. Needs no session.
+  static BOOL GetLastModifiedFileTime(const std::wstring& path, FILETIME* time);
+
+  // Reads hexadecimal digits into a buffer of half the text's length, which the caller frees with MAPIFreeBuffer. The
+  // conversion stops at the first character that is no digit and what follows stays as allocated, deliberately: a
+  // message's name carries its size behind the digits, and MAPI accepts the longer entry identifier.
+  static SBinary CStringToEntryID(const std::wstring& hex);
+  // Pairs of hexadecimal digits of either case to bytes; FALSE at the first pair that is none.
+  static BOOL FBinFromHexEx(const char* text, BYTE* bytes);
+  // MAPI's upper-case hexadecimal text of a binary value (up to 511 bytes of it).
+  static std::wstring BinaryToText(const SBinary& value);
+
+ private:
+  CMapiForWDS() = default;
+  ~CMapiForWDS();
+  CMapiForWDS(const CMapiForWDS&) = delete;
+  CMapiForWDS& operator=(const CMapiForWDS&) = delete;
+  friend struct MapiForWDSTest;
+
+  HRESULT Setup(const std::wstring& item_url);
+  HRESULT EnableMAPI();
+  HRESULT CreateMapiSession();
+  static HRESULT DeleteOldProfiles(IProfAdmin* admin);
+  HRESULT AddService();
+  HRESULT ConfigurePST(const std::wstring& path);
+  HRESULT OpenPST(const std::wstring& path);
+  HRESULT CacheStoreEntryID();
+  HRESULT ClosePST();
+  HRESULT RemoveService();
+  HRESULT CloseMAPISession();
+  void Teardown();
+
+  HRESULT OpenContainer(const std::wstring& token, bool top, LPMAPIFOLDER* folder);
+  HRESULT GetFolderContents(bool sub_folders, LPMAPIFOLDER folder, std::vector<std::wstring>& names,
+                            std::vector<FILETIME>& times);
+  HRESULT GetFolderPath(LPMAPIFOLDER folder, std::wstring& path);
+
+  Microsoft::WRL::ComPtr<IMAPISession> session_;
+  Microsoft::WRL::ComPtr<IMsgServiceAdmin> service_admin_;
+  MAPIUID service_uid_ = {};
+  ULONG store_entry_id_size_ = 0;
+  LPENTRYID store_entry_id_ = nullptr;
+  Microsoft::WRL::ComPtr<IMsgStore> store_;
+  // Each is 1 while the step it stands for is done; Teardown undoes only those.
+  ULONG session_count_ = 0;
+  ULONG service_count_ = 0;
+  ULONG store_count_ = 0;
+  ULONG mapi_init_count_ = 0;
+  BOOL unicode_store_ = TRUE;
+};

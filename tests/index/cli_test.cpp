@@ -1,0 +1,211 @@
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <fstream>
+
+#include "index/vaults.h"
+#include "support.h"
+
+namespace hoardex::test {
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+using testing::HasSubstr;
+using testing::Not;
+
+constexpr char kGood[] = R"({"opens": true, "messages": 5, "attachments": 1, "top_message_count": 2, "top_messages": [{"nid": 1, "subject": "Lost mail"}]})";
+constexpr char kSecond[] = R"({"opens": true, "messages": 1})";
+constexpr char kBad[] = R"({"opens": false, "error": "The header's checksum is wrong."})";
+
+class CliTest : public testing::Test {
+ protected:
+  CliTest() : corpus_(scratch_), sample_(corpus_) { corpus_.Save(); }
+
+  Finished Program(const std::vector<std::string>& arguments) { return RunProgram(scratch_, arguments); }
+  fs::path Home(const std::string& name = "") const { return scratch_.path() / "home" / name; }
+  std::string IndexBoth() {
+    const auto good = scratch_.Write("mail/archive.pst", kGood), second = scratch_.Write("mail/second.db", kSecond);
+    const Finished run = Program({"index", good, second});
+    EXPECT_EQ(run.code, 0) << run.out << run.err;
+    return run.out;
+  }
+
+  Scratch scratch_;
+  Corpus corpus_;
+  Sample sample_;
+};
+
+TEST_F(CliTest, WrongUsageIsTwoAndHelpIsZero) {
+  for (const auto& arguments : std::vector<std::vector<std::string>>{{}, {"nonsense"}, {"search"}, {"index", "--nonsense"}, {"search", "--limit", "none", "x"}, {"show", "http://x"}}) {
+    EXPECT_EQ(Program(arguments).code, 2) << testing::PrintToString(arguments);
+  }
+  for (const char* command : {"index", "search", "show", "dump", "vaults"}) EXPECT_EQ(Program({command, "--help"}).code, 0) << command;
+  EXPECT_THAT(Program({"search", "--help"}).out, HasSubstr("has:attachment"));
+}
+
+TEST_F(CliTest, NothingThereYet) {
+  EXPECT_EQ(Program({"index"}).code, 2);
+  EXPECT_THAT(Program({"index"}).err, HasSubstr("--demo"));
+  EXPECT_EQ(Program({"search", "x"}).code, 1);
+  EXPECT_THAT(Program({"search", "x"}).err, HasSubstr("hoardex index"));
+  EXPECT_EQ(Program({"search", "before:soon"}).code, 2);
+  EXPECT_EQ(Program({"dump"}).code, 2);
+  EXPECT_EQ(Program({"vaults"}).code, 0);
+}
+
+TEST_F(CliTest, IndexReportsEveryVault) {
+  const std::string out = IndexBoth();
+  EXPECT_THAT(out, testing::ContainsRegex("archive +5 +5 +0 +0 +0 +1"));
+  EXPECT_THAT(out, testing::ContainsRegex("second +1 +1"));
+  EXPECT_THAT(out, HasSubstr("not counted, 2 messages in the store's top folder"));
+  EXPECT_THAT(out, HasSubstr("\"Lost mail\""));
+  EXPECT_TRUE(fs::is_symlink(Home("vaults/Tessary/archive.db")));
+
+  const Finished again = Program({"index", "--json"});
+  EXPECT_EQ(again.code, 0);
+  const json report = json::parse(again.out);
+  EXPECT_EQ(report["vaults"][0]["unchanged"], 5);
+  EXPECT_EQ(report["vaults"][0]["promised"], 5);
+  EXPECT_EQ(report["items"], 1);
+}
+
+TEST_F(CliTest, RefusedAndFailedItemsAreNamed) {
+  const auto bad = scratch_.Write("mail/bad.pst", kBad), good = scratch_.Write("mail/archive.pst", kGood);
+  corpus_.item(sample_.cafe) = {{"error", {{"step", "BindToFilter"}, {"code", "0x80004005"}, {"name", "E_FAIL"}}}};
+  corpus_.Save();
+  const Finished run = Program({"index", (scratch_.path() / "mail").string()});
+  EXPECT_EQ(run.code, 3);
+  EXPECT_THAT(run.out, HasSubstr("refused: The header's checksum is wrong."));
+  EXPECT_THAT(run.out, HasSubstr("BindToFilter: E_FAIL (0x80004005)"));
+  EXPECT_FALSE(fs::exists(fs::symlink_status(Home("vaults/Tessary/bad.db"))));
+  EXPECT_EQ(Program({"index", bad}).code, 1);
+  EXPECT_EQ(Program({"index", "/nonexistent.pst"}).code, 1);
+  EXPECT_EQ(Program({"index"}).code, 3) << "the failed item is still failed";
+}
+
+TEST_F(CliTest, AShortfallIsNotHidden) {
+  const Finished run = Program({"index", scratch_.Write("archive.pst", R"({"opens": true, "messages": 7})")});
+  EXPECT_EQ(run.code, 3);
+  EXPECT_THAT(run.out, HasSubstr("2 messages of the store were not listed"));
+}
+
+TEST_F(CliTest, NamesOfVaults) {
+  const auto one = scratch_.Write("a/mail.pst", kGood), two = scratch_.Write("b/Mail.pst", kGood), odd = scratch_.Write("c/x.db.[y].pst", kGood);
+  Program({"vaults", "add", one, two, odd, one});
+  const json list = json::parse(Program({"vaults", "list", "--json"}).out);
+  std::vector<std::string> names;
+  for (const json& vault : list) names.push_back(vault["name"]);
+  EXPECT_THAT(names, testing::UnorderedElementsAre("mail", "Mail-2", "x_db._y_"));
+  EXPECT_EQ(fs::read_symlink(Home("vaults/Tessary/mail.db")), fs::canonical(one));
+}
+
+TEST_F(CliTest, TheOriginalIsNeverTouched) {
+  const auto store = scratch_.Write("mail/archive.pst", kGood);
+  fs::permissions(store, fs::perms::owner_read);
+  const auto time = fs::last_write_time(store);
+  Program({"index", store});
+  EXPECT_EQ(Program({"vaults", "remove", "ARCHIVE"}).code, 0);
+  EXPECT_TRUE(fs::exists(store));
+  EXPECT_EQ(fs::last_write_time(store), time);
+  EXPECT_THAT(Program({"search", "budget", "--vault", "archive"}).out, HasSubstr("Nothing found"));
+  EXPECT_EQ(Program({"vaults", "remove", "archive"}).code, 1);
+}
+
+TEST_F(CliTest, AVaultWhoseOriginalIsGoneKeepsItsItems) {
+  IndexBoth();
+  fs::remove(scratch_.path() / "mail/second.db");
+  corpus_.Unlist(kRoot, sample_.other_vault);
+  corpus_.Save();
+  const Finished run = Program({"index"});
+  EXPECT_EQ(run.code, 3);
+  EXPECT_THAT(run.out, HasSubstr("second.db is not there"));
+  EXPECT_THAT(Program({"search", "annual", "vault:second"}).out, HasSubstr("1 hit"));
+}
+
+TEST_F(CliTest, SearchShowsWhatMatters) {
+  IndexBoth();
+  const Finished run = Program({"search", "lanterns", "-kind:attachment"});
+  EXPECT_EQ(run.code, 0) << run.err;
+  EXPECT_THAT(run.out, HasSubstr("Party\n  2020-12-31 23:59  Carl Budget  archive/Inbox\n"));
+  EXPECT_THAT(run.out, HasSubstr("[lanterns]"));
+  EXPECT_THAT(run.out, HasSubstr(sample_.party));
+  EXPECT_THAT(run.out, Not(HasSubstr("\x1b")));
+  EXPECT_THAT(Program({"search", "itemised"}).out, HasSubstr("report.pdf  (attached to \"Budget for the spring fair\")"));
+  EXPECT_THAT(Program({"search", "annual report", "--folder", "sent items"}).out, HasSubstr("1 hit\n"));
+  const Finished none = Program({"search", "unheardof"});
+  EXPECT_EQ(none.code, 0);
+  EXPECT_THAT(none.out, HasSubstr("Nothing found"));
+  const json hits = json::parse(Program({"search", "--json", "-n", "1", "annual"}).out);
+  EXPECT_EQ(hits["total"], 2);
+  EXPECT_EQ(hits["hits"].size(), 1u);
+  EXPECT_TRUE(hits["hits"][0]["properties"].contains("System.Subject"));
+}
+
+TEST_F(CliTest, ShowAsksTheHost) {
+  const Finished run = Program({"show", sample_.party});
+  EXPECT_EQ(run.code, 0) << run.err;
+  EXPECT_THAT(run.out, testing::ContainsRegex("[0-9] +System.Message.FromName +Carl Budget"));
+  EXPECT_THAT(run.out, HasSubstr("Bring lanterns"));
+  EXPECT_THAT(run.out, Not(HasSubstr("\x1b")));
+  EXPECT_EQ(Program({"show", sample_.inbox + "99[[1]].zkm"}).code, 1);
+}
+
+TEST_F(CliTest, DumpWritesEveryItemOnce) {
+  IndexBoth();
+  const Finished run = Program({"dump"});
+  EXPECT_EQ(run.code, 0) << run.err;
+  std::istringstream lines(run.out);
+  std::set<std::string> urls;
+  for (std::string line; std::getline(lines, line);) EXPECT_TRUE(urls.insert(json::parse(line)["url"]).second);
+  EXPECT_EQ(urls.size(), 12u);
+
+  const Finished part = Program({"dump", (scratch_.path() / "mail/second.db").string(), "--chunks"});
+  EXPECT_EQ(std::ranges::count(part.out, '\n'), 3);
+  EXPECT_THAT(part.out, HasSubstr("\"chunks\":[{"));
+  corpus_.Fault(sample_.cafe, "die");
+  corpus_.Save();
+  const Finished broken = Program({"dump"});
+  EXPECT_EQ(broken.code, 3);
+  EXPECT_THAT(broken.err, HasSubstr("signal 11"));
+  EXPECT_EQ(std::ranges::count(broken.out, '\n'), 12) << "the lost item has its line too";
+  EXPECT_EQ(Program({"dump", scratch_.Write("bad.pst", kBad)}).code, 1);
+}
+
+TEST_F(CliTest, DumpLeavesNoLinkBehind) {
+  const auto store = scratch_.Write("elsewhere.pst", kGood);
+  Program({"dump", store});
+  EXPECT_TRUE(fs::is_empty(Home("vaults/Tessary")));
+}
+
+TEST_F(CliTest, TheDemonstrationVaultIsMadeOnce) {
+  EXPECT_EQ(Program({"index", "--demo"}).code, 0);
+  EXPECT_TRUE(fs::is_symlink(Home("vaults/Tessary/demo.db")));
+  const auto time = fs::last_write_time(Home("demo.db"));
+  EXPECT_EQ(Program({"index", "--demo"}).code, 0);
+  EXPECT_EQ(fs::last_write_time(Home("demo.db")), time);
+}
+
+TEST_F(CliTest, TwoAtOnceDoNotMix) {
+  IndexBoth();
+  const int fd = open(Home("index.lock").c_str(), O_RDWR);
+  ASSERT_EQ(flock(fd, LOCK_EX), 0);
+  const Finished run = Program({"index"});
+  EXPECT_EQ(run.code, 1);
+  EXPECT_THAT(run.err, HasSubstr("Another hoardex"));
+  EXPECT_EQ(Program({"search", "annual"}).code, 0) << "searching goes on";
+  close(fd);
+}
+
+TEST_F(CliTest, AHostThatDoesNotStartIsExplained) {
+  corpus_.Fault("start", "exit");
+  corpus_.Save();
+  const Finished run = Program({"index", scratch_.Write("archive.pst", kGood)});
+  EXPECT_EQ(run.code, 1);
+  EXPECT_THAT(run.err, HasSubstr("does not start"));
+}
+
+}  // namespace
+}  // namespace hoardex::test

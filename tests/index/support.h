@@ -1,0 +1,75 @@
+// What the tests of the index share: a scratch home, a scripted host, a mail corpus, runs of the program.
+#pragma once
+
+#include <filesystem>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "index/gatherer.h"
+
+namespace hoardex::test {
+
+inline const std::string kRoot = "zkoffline3x://{S-1-5-21-1}/default/";
+inline const std::string kTime = "2020-01-01T00:00:00.0000000Z", kLater = "2021-01-01T00:00:00.0000000Z";
+
+// A folder that goes away with the test.
+class Scratch {
+ public:
+  Scratch();
+  ~Scratch();
+  const std::filesystem::path& path() const { return path_; }
+  std::filesystem::path Write(const std::string& name, const std::string& text) const;
+
+ private:
+  std::filesystem::path path_;
+};
+
+// What the fake host serves. Items are added below others; every change needs Save().
+class Corpus {
+ public:
+  explicit Corpus(const Scratch& scratch);
+
+  std::string AddVault(const std::string& name, const std::string& time = kTime);
+  std::string AddFolder(const std::string& parent, const std::string& id, const std::string& name, const std::string& time = kTime);
+  // `properties` may be sparse: subject and sender have defaults.
+  std::string AddMessage(const std::string& folder, const std::string& id, nlohmann::json properties, const std::string& text,
+                         const std::string& time = kTime);
+  std::string AddAttachment(const std::string& message, const std::string& name, const std::string& text, const std::string& time = kTime);
+
+  nlohmann::json& item(const std::string& url) { return script_["items"][url]; }
+  // The link to an item within its container; removing it leaves the item unlisted.
+  void SetLinkTime(const std::string& container, const std::string& url, const std::string& time);
+  void Unlist(const std::string& container, const std::string& url);
+  void Fault(const std::string& url, const std::string& what, int times = 1000);
+  void FaultAtRequest(int number, const std::string& what);
+  void ClearFaults() { script_["faults"] = nlohmann::json::array(); }
+
+  void Save();
+  // The URLs asked for since the last call.
+  std::vector<std::string> Requests();
+  GatherOptions Options() const;
+
+ private:
+  std::string Add(const std::string& container, const std::string& url, nlohmann::json record, const std::string& time);
+  const Scratch& scratch_;
+  nlohmann::json script_;
+};
+
+// Two vaults, folders, mails in several languages, an appointment, an attachment.
+struct Sample {
+  explicit Sample(Corpus& corpus);
+  std::string vault, inbox, sub, budget, party, japanese, cafe, meeting, report, other_vault, other_folder, other_mail;
+};
+
+// Everything that the index holds but row numbers, as text: equal text means equal indexes.
+std::string Contents(const std::filesystem::path& index_file);
+
+struct Finished {
+  int code = -1;  // exit code, or -signal
+  std::string out, err;
+};
+// Runs the program with the scratch folder as home and the corpus as host.
+Finished RunProgram(const Scratch& scratch, const std::vector<std::string>& arguments);
+
+}  // namespace hoardex::test
