@@ -13,7 +13,9 @@ std::u16string Folder::container_class() const { return properties_.Text(prop::k
 Table Folder::OpenTable(NidType type) const {
   const auto node = db_->FindNode(Sibling(node_.nid, type));
   if (!node || node->data == 0) return {};
-  return Table(Heap::Open(db_, *node, HeapClient::kTable));
+  if (type != NidType::kSearchContentsTable) return Table(Heap::Open(db_, *node, HeapClient::kTable));
+  auto heap = Heap::Open(db_, *node, HeapClient::kAny);
+  return heap->client() == HeapClient::kSearchResults ? Table() : Table(std::move(heap));
 }
 
 Table Folder::Hierarchy() const { return OpenTable(NidType::kHierarchyTable); }

@@ -29,7 +29,8 @@ Heap::Heap(std::shared_ptr<const Database> db, const NodeInfo& node, HeapClient 
   if (first.size() < kHeapHeader || first[2] != kHeapSignature) {
     throw Error(ErrorCode::kBadHeap, "the node holds no heap", std::nullopt, nid());
   }
-  if (first[3] != static_cast<std::uint8_t>(client)) {
+  client_ = static_cast<HeapClient>(first[3]);
+  if (client != HeapClient::kAny && client != client_) {
     throw Error(ErrorCode::kBadHeap, "the node's heap is not of the kind that its place needs", std::nullopt, nid());
   }
   root_ = Load32(first.data() + 4);

@@ -11,8 +11,9 @@
 
 namespace vault {
 
-// What lies in a heap.
-enum class HeapClient : std::uint8_t { kProperties = 0xBC, kTable = 0x7C };
+// What lies in a heap. kAny leaves the check to the caller; kSearchResults is the form in which some clients keep what
+// a search folder found, which is not a table.
+enum class HeapClient : std::uint8_t { kAny = 0, kTable = 0x7C, kSearchResults = 0xAC, kProperties = 0xBC };
 
 // Immutable but for blocks decoded on first touch; any thread.
 class Heap {
@@ -23,6 +24,7 @@ class Heap {
 
   const std::shared_ptr<const Database>& db() const { return db_; }
   Nid nid() const { return node_.nid; }
+  HeapClient client() const { return client_; }
   // The client's root item.
   std::uint32_t root() const { return root_; }
 
@@ -40,6 +42,7 @@ class Heap {
   NodeInfo node_;
   BlockList blocks_;
   std::uint32_t root_ = 0;
+  HeapClient client_ = HeapClient::kAny;
 };
 
 }  // namespace vault

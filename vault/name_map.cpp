@@ -26,7 +26,7 @@ NameMap::NameMap(const PropertySet& properties) {
   guids_ = properties.Binary(kGuidStream, kMaxNameStream).value_or(std::vector<std::uint8_t>{});
   const auto strings = properties.Binary(kStringStream, kMaxNameStream).value_or(std::vector<std::uint8_t>{});
   strings_.resize(strings.size() / 2);
-  std::memcpy(strings_.data(), strings.data(), strings_.size() * 2);
+  if (!strings_.empty()) std::memcpy(strings_.data(), strings.data(), strings_.size() * 2);
   const auto entries = properties.Binary(kEntryStream, kMaxNameStream).value_or(std::vector<std::uint8_t>{});
   for (std::size_t at = 0; at + kEntrySize <= entries.size(); at += kEntrySize) {
     const Entry entry{Load32(entries.data() + at), Load16(entries.data() + at + 4)};

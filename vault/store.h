@@ -8,9 +8,9 @@
 //
 // Threads: a Store is immutable; any number of threads may use one. Folder, Message, Attachment, PropertySet and Table
 // are cheap handles: copies share their (locked or atomic) decoded blocks, const operations may run on several
-// threads. Cursors and ValueReaders belong to one thread at a time.
+// threads. Cursors and ValueReaders belong to one thread at a time; a ValueReader is moved, not copied.
 // Lifetime: every handle keeps the file mapped, so it may outlive the Store pointer. Views (PropertyValue, Row) live as
-// long as the handle, or a copy of it, that they came from.
+// long as the handle, or a copy of it, that they came from; a Row or Cursor needs the very Table object.
 // Errors: vault::Error names the damaged place. Damage to one item never spoils another one.
 #pragma once
 

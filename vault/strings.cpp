@@ -86,7 +86,7 @@ std::string Utf8FromUtf16(std::u16string_view text) {
       continue;
     }
     const int more = c < 0x800 ? 1 : c < 0x10000 ? 2 : 3;
-    result += static_cast<char>((0xF00 >> more & 0xFF) | c >> (6 * more));
+    result += static_cast<char>((0xFF00 >> (more + 1) & 0xFF) | c >> (6 * more));
     for (int n = more - 1; n >= 0; --n) result += static_cast<char>(0x80 | (c >> (6 * n) & 0x3F));
   }
   return result;

@@ -27,7 +27,8 @@ class Table {
     std::uint8_t bit;      // in the cell-existence bits
   };
 
-  // A view of one row; lives as long as the table (or a copy of it).
+  // A view of one row; used no longer than the Table object that gave it stays where it is. The values it gives live
+  // as long as that table or any copy of it.
   class Row {
    public:
     // The sub-folder, message or attachment that the row is for; a running number in recipient tables.
@@ -54,7 +55,7 @@ class Table {
 
   // Rows are numbered 0 .. row_count() - 1 in stored order.
   std::uint32_t row_count() const { return row_count_; }
-  // Throws Error when the row's block is broken or the row is not one that the table's index knows.
+  // Throws Error when there is no such row or its block is broken.
   Row At(std::uint32_t number) const;
   // Logarithmic; nullopt when the index has no such row. Throws Error.
   std::optional<Row> FindRow(std::uint32_t id) const;

@@ -27,7 +27,7 @@ std::u16string PropertyValue::AsText() const {
   if (type() == PropType::kString8) return Utf16FromBytes(bytes_);
   if (type() != PropType::kUnicode) return {};
   std::u16string text(bytes_.size() / 2, u'\0');
-  std::memcpy(text.data(), bytes_.data(), text.size() * 2);
+  if (!text.empty()) std::memcpy(text.data(), bytes_.data(), text.size() * 2);
   return text;
 }
 
