@@ -1,4 +1,4 @@
-// MAPI flags, tags and types that the toolchain's headers lack (values of the public MAPI headers).
+// MAPI with what the toolchain's headers lack (values of the public MAPI headers), for the provider and its callers.
 #pragma once
 
 #include <windows.h>
@@ -9,16 +9,87 @@
 #include <mapitags.h>
 #include <mapix.h>
 
+// MAPIINIT_0, logon, OpenEntry.
 #ifndef MAPI_NO_COINIT
-#define MAPI_NO_COINIT 0x00000008  // MAPIINIT_0 flag
+#define MAPI_NO_COINIT 0x00000008
 #endif
+#ifndef MAPI_BG_SESSION
+#define MAPI_BG_SESSION 0x00200000
+#endif
+#ifndef MAPI_NO_CACHE
+#define MAPI_NO_CACHE 0x00000200
+#endif
+#ifndef MAPI_CACHE_ONLY
+#define MAPI_CACHE_ONLY 0x00004000
+#endif
+#ifndef STORE_HTML_OK
+#define STORE_HTML_OK 0x00010000
+#endif
+#ifndef STORE_UNICODE_OK
+#define STORE_UNICODE_OK 0x00040000
+#endif
+
+#define HOARDEX_TAG(type, id) PROP_TAG(type, id)
+
 #ifndef PR_FLAG_STATUS
-#define PR_FLAG_STATUS PROP_TAG(PT_LONG, 0x1090)
+#define PR_FLAG_STATUS HOARDEX_TAG(PT_LONG, 0x1090)
 #endif
 #ifndef PR_SMTP_ADDRESS_W
-#define PR_SMTP_ADDRESS_W PROP_TAG(PT_UNICODE, 0x39FE)
+#define PR_SMTP_ADDRESS_W HOARDEX_TAG(PT_UNICODE, 0x39FE)
+#endif
+#ifndef PR_SMTP_ADDRESS_A
+#define PR_SMTP_ADDRESS_A HOARDEX_TAG(PT_STRING8, 0x39FE)
+#endif
+#ifndef PR_SENDER_SMTP_ADDRESS_W
+#define PR_SENDER_SMTP_ADDRESS_W HOARDEX_TAG(PT_UNICODE, 0x5D01)
+#endif
+#ifndef PR_SENT_REPRESENTING_SMTP_ADDRESS_W
+#define PR_SENT_REPRESENTING_SMTP_ADDRESS_W HOARDEX_TAG(PT_UNICODE, 0x5D02)
+#endif
+#ifndef PR_HTML
+#define PR_HTML HOARDEX_TAG(PT_BINARY, 0x1013)
+#endif
+#ifndef PR_BODY_HTML_W
+#define PR_BODY_HTML_W HOARDEX_TAG(PT_UNICODE, 0x1013)
+#endif
+#ifndef PR_INTERNET_MESSAGE_ID_W
+#define PR_INTERNET_MESSAGE_ID_W HOARDEX_TAG(PT_UNICODE, 0x1035)
+#endif
+#ifndef PR_INTERNET_CPID
+#define PR_INTERNET_CPID HOARDEX_TAG(PT_LONG, 0x3FDE)
+#endif
+#ifndef PR_MESSAGE_CODEPAGE
+#define PR_MESSAGE_CODEPAGE HOARDEX_TAG(PT_LONG, 0x3FFD)
+#endif
+#ifndef PR_LOCALE_ID
+#define PR_LOCALE_ID HOARDEX_TAG(PT_LONG, 0x66A1)
+#endif
+#ifndef PR_NATIVE_BODY_INFO
+#define PR_NATIVE_BODY_INFO HOARDEX_TAG(PT_LONG, 0x1016)
+#endif
+#ifndef PR_ATTACH_CONTENT_ID_W
+#define PR_ATTACH_CONTENT_ID_W HOARDEX_TAG(PT_UNICODE, 0x3712)
+#endif
+#ifndef PR_CONVERSATION_ID
+#define PR_CONVERSATION_ID HOARDEX_TAG(PT_BINARY, 0x3013)
+#endif
+
+// The personal-folder service.
+#ifndef PR_PST_FILENAME_A
+#define PR_PST_FILENAME_A HOARDEX_TAG(PT_STRING8, 0x6700)
 #endif
 #ifndef PR_PST_FILENAME_W
-#define PR_PST_FILENAME_W PROP_TAG(PT_UNICODE, 0x6700)  // where the PST service finds its file
-#define PR_PST_FILENAME PROP_TAG(PT_STRING8, 0x6700)
+#define PR_PST_FILENAME_W HOARDEX_TAG(PT_UNICODE, 0x6700)
+#endif
+#ifndef PR_PST_REMEMBER_PW
+#define PR_PST_REMEMBER_PW HOARDEX_TAG(PT_BOOLEAN, 0x6701)
+#endif
+#ifndef PR_PST_ENCRYPTION
+#define PR_PST_ENCRYPTION HOARDEX_TAG(PT_LONG, 0x6702)
+#endif
+#ifndef PR_PST_PW_SZ_OLD
+#define PR_PST_PW_SZ_OLD HOARDEX_TAG(PT_STRING8, 0x6703)
+#endif
+#ifndef PR_PST_PW_SZ_NEW
+#define PR_PST_PW_SZ_NEW HOARDEX_TAG(PT_STRING8, 0x6704)
 #endif

@@ -318,7 +318,7 @@ HRESULT CMapiForWDS::ConfigurePST(const std::wstring& path) {
   } else {
     ZK_LOG(L"CMapiForWDS::ConfigurePST() - PR_PST_FILENAME");
     strncpy(narrow, text::Narrow(path).c_str(), kMaxVaultPath);
-    value.ulPropTag = PR_PST_FILENAME;
+    value.ulPropTag = PR_PST_FILENAME_A;
     value.Value.lpszA = narrow;
   }
   const HRESULT hr = service_admin_->ConfigureMsgService(&service_uid_, 0, 0, 1, &value);

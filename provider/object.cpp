@@ -1,0 +1,124 @@
+#include "provider/object.h"
+
+#include <array>
+#include <cassert>
+#include <cstring>
+#include <filesystem>
+#include <new>
+
+#include "provider/memory.h"
+#include "provider/strings.h"
+#include "vault/error.h"
+
+namespace provider {
+namespace {
+
+std::array<std::atomic<long>, static_cast<std::size_t>(Kind::kCount)> live{};
+
+struct Translation {
+  vault::ErrorCode from;
+  HRESULT to;
+};
+constexpr Translation kTranslations[] = {
+    {vault::ErrorCode::kCannotOpen, MAPI_E_NOT_FOUND},
+    {vault::ErrorCode::kNotAStore, MAPI_E_CORRUPT_STORE},
+    {vault::ErrorCode::kHeaderChecksum, MAPI_E_CORRUPT_STORE},
+    {vault::ErrorCode::kUnsupportedVersion, MAPI_E_VERSION},
+    {vault::ErrorCode::kBadHeader, MAPI_E_CORRUPT_STORE},
+    {vault::ErrorCode::kNotFound, MAPI_E_NOT_FOUND},
+    {vault::ErrorCode::kLimit, MAPI_E_TOO_COMPLEX},
+};
+
+HRESULT CodeOf(vault::ErrorCode code) {
+  for (const Translation& row : kTranslations)
+    if (row.from == code) return row.to;
+  return MAPI_E_CORRUPT_DATA;
+}
+
+#ifdef HOARDEX_MAPI_CHECKED
+std::mutex plan_lock;
+std::string plan_method;
+long plan_countdown = 0;
+HRESULT plan_result = S_OK;
+std::atomic<long> calls_entered{0};
+#endif
+
+}  // namespace
+
+long LiveObjects(Kind kind) { return live[static_cast<std::size_t>(kind)]; }
+
+Failure CurrentFailure() noexcept {
+  try {
+    throw;
+  } catch (Failure& failure) {
+    return std::move(failure);
+  } catch (const vault::Error& error) {
+    return {CodeOf(error.code()), error.what()};
+  } catch (const std::bad_alloc&) {
+    return {MAPI_E_NOT_ENOUGH_MEMORY, {}};
+  } catch (const std::length_error&) {
+    return {MAPI_E_NOT_ENOUGH_MEMORY, {}};
+  } catch (const std::exception& error) {
+    return {MAPI_E_CALL_FAILED, error.what()};
+  } catch (...) {
+    return {MAPI_E_CALL_FAILED, {}};
+  }
+}
+
+#ifdef HOARDEX_MAPI_CHECKED
+void Checkpoint(const char* method) {
+  ++calls_entered;
+  const std::scoped_lock lock(plan_lock);
+  if (!plan_countdown || (!plan_method.empty() && plan_method != method)) return;
+  if (--plan_countdown == 0) Fail(plan_result, std::string("A test made ") + method + " fail");
+}
+void SetFaultPlan(const FaultPlan& plan) {
+  const std::scoped_lock lock(plan_lock);
+  plan_method = plan.method ? plan.method : "";
+  plan_countdown = plan.countdown;
+  plan_result = plan.result;
+  calls_entered = 0;
+}
+long CallsEntered() { return calls_entered; }
+#else
+void Checkpoint(const char*) {}
+#endif
+
+ObjectCore::ObjectCore(Kind kind) : kind_(kind) { ++live[static_cast<std::size_t>(kind)]; }
+ObjectCore::~ObjectCore() { --live[static_cast<std::size_t>(kind_)]; }
+
+ULONG ObjectCore::Decrement() {
+  const ULONG before = references_.fetch_sub(1);
+  assert(before > 0 && "released more often than referenced");
+  return before - 1;
+}
+
+HRESULT ObjectCore::Remember(Failure&& failure) noexcept {
+  const std::scoped_lock lock(error_lock_);
+  error_code_ = failure.code;
+  error_sentence_ = std::move(failure.sentence);
+  return failure.code;
+}
+
+HRESULT ObjectCore::LastError(HRESULT code, ULONG flags, LPMAPIERROR* error) noexcept {
+  if (!error) return MAPI_E_INVALID_PARAMETER;
+  *error = nullptr;
+  try {
+    const std::scoped_lock lock(error_lock_);
+    if (error_code_ != code || error_sentence_.empty()) return S_OK;
+    MapiArena arena;
+    auto* answer = arena.AllocateArray<MAPIERROR>(1);
+    *answer = {};
+    const std::u16string sentence = vault::Utf16FromUtf8(error_sentence_);
+    answer->lpszError = CopyForCaller(sentence, flags, arena);
+    answer->lpszComponent = CopyForCaller(u"Hoardex message store", flags, arena);
+    answer->ulLowLevelError = static_cast<ULONG>(error_code_);
+    arena.Release();
+    *error = answer;
+    return S_OK;
+  } catch (...) {
+    return MAPI_E_NOT_ENOUGH_MEMORY;
+  }
+}
+
+}  // namespace provider

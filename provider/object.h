@@ -1,0 +1,151 @@
+// What every COM object of the provider shares: reference count, live-object counts, the exception boundary and the
+// text of its last error.
+#pragma once
+
+#include <atomic>
+#include <mutex>
+#include <string>
+#include <utility>
+
+#include "provider/mapi.h"
+
+namespace provider {
+
+enum class Kind { kProfileAdmin, kServiceAdmin, kSession, kStore, kFolder, kMessage, kAttachment, kTable, kStream,
+                  kAddressBook, kCount };
+
+// Objects of a kind that exist now, in this process.
+long LiveObjects(Kind kind);
+
+// An HRESULT as an exception, with a sentence for GetLastError where there is something to say.
+struct Failure {
+  HRESULT code;
+  std::string sentence;
+};
+[[noreturn]] inline void Fail(HRESULT code, std::string sentence = {}) { throw Failure{code, std::move(sentence)}; }
+inline void Require(bool condition, HRESULT otherwise) {
+  if (!condition) Fail(otherwise);
+}
+
+// The code that a caller sees for the exception being handled, and its sentence.
+Failure CurrentFailure() noexcept;
+
+// In the checked build, a test may have a method fail: the n-th call of any method, or of the one that `method` names.
+// Throws then. Always silent in the released build.
+void Checkpoint(const char* method);
+struct FaultPlan {
+  const char* method;  // null: any
+  long countdown;      // the call that fails, from 1; 0: none
+  HRESULT result;
+};
+void SetFaultPlan(const FaultPlan& plan);
+// Methods entered since the last SetFaultPlan.
+long CallsEntered();
+
+class ObjectCore {
+ public:
+  ObjectCore(const ObjectCore&) = delete;
+  ObjectCore& operator=(const ObjectCore&) = delete;
+
+ protected:
+  explicit ObjectCore(Kind kind);
+  virtual ~ObjectCore();
+
+  ULONG Increment() { return ++references_; }
+  ULONG Decrement();
+
+  // Runs a method's body: nothing that it throws crosses. The body returns an HRESULT or nothing (S_OK).
+  template <class Body>
+  HRESULT Guarded(const char* method, Body&& body) noexcept {
+    try {
+      Checkpoint(method);
+      if constexpr (std::is_void_v<decltype(body())>) {
+        body();
+        return S_OK;
+      } else {
+        return body();
+      }
+    } catch (...) {
+      return Remember(CurrentFailure());
+    }
+  }
+
+  // IMAPIxxx::GetLastError.
+  HRESULT LastError(HRESULT code, ULONG flags, LPMAPIERROR* error) noexcept;
+
+ private:
+  HRESULT Remember(Failure&& failure) noexcept;
+
+  Kind kind_;
+  std::atomic<ULONG> references_{1};
+  std::mutex error_lock_;
+  HRESULT error_code_ = S_OK;
+  std::string error_sentence_;
+};
+
+// IUnknown for an object with the interfaces `Interface` and the identifiers of those that it derives from.
+template <class Interface>
+class Object : public Interface, public ObjectCore {
+ public:
+  STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
+    if (!object) return MAPI_E_INVALID_PARAMETER;
+    *object = nullptr;
+    if (iid != IID_IUnknown && !Implements(iid)) return E_NOINTERFACE;
+    *object = static_cast<Interface*>(this);
+    Increment();
+    return S_OK;
+  }
+  STDMETHODIMP_(ULONG) AddRef() override { return Increment(); }
+  STDMETHODIMP_(ULONG) Release() override {
+    const ULONG left = Decrement();
+    if (!left) delete this;
+    return left;
+  }
+
+ protected:
+  explicit Object(Kind kind) : ObjectCore(kind) {}
+  virtual bool Implements(REFIID iid) const = 0;
+};
+
+// An owned COM reference.
+template <class T>
+class Ref {
+ public:
+  Ref() = default;
+  explicit Ref(T* adopted) : object_(adopted) {}
+  Ref(Ref&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
+  Ref(const Ref& other) : object_(other.object_) {
+    if (object_) object_->AddRef();
+  }
+  Ref& operator=(Ref other) noexcept {
+    std::swap(object_, other.object_);
+    return *this;
+  }
+  ~Ref() {
+    if (object_) object_->Release();
+  }
+  T* get() const { return object_; }
+  T* operator->() const { return object_; }
+  explicit operator bool() const { return object_ != nullptr; }
+  T* Detach() { return std::exchange(object_, nullptr); }
+  T** Receive() {
+    *this = Ref();
+    return &object_;
+  }
+
+ private:
+  T* object_ = nullptr;
+};
+
+// Hands `object` out as the interface that a caller asked for; `iid` null: as what it is. Throws
+// MAPI_E_INTERFACE_NOT_SUPPORTED.
+template <class T, class Out>
+void HandOut(Ref<T> object, LPCIID iid, Out** out) {
+  Require(out != nullptr, MAPI_E_INVALID_PARAMETER);
+  *out = nullptr;
+  void* answer = nullptr;
+  if (iid && object->QueryInterface(*iid, &answer) != S_OK) Fail(MAPI_E_INTERFACE_NOT_SUPPORTED);
+  *out = iid ? static_cast<Out*>(answer) : static_cast<Out*>(object.Detach());
+}
+
+}  // namespace provider

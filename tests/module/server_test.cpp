@@ -1,0 +1,141 @@
+// The built module as COM and its registrar meet it.
+#include <gtest/gtest.h>
+
+#include <windows.h>
+
+#include <wrl/client.h>
+
+#include <fstream>
+#include <iterator>
+
+#include "platform/searchapi.h"
+#include "tests/support/module_host.h"
+
+namespace {
+
+constexpr CLSID kClass = {0x6E2F0B6A, 0x3C41, 0x4D0E, {0x9A, 0x57, 0x2B, 0x80, 0xC1, 0x64, 0xE7, 0x1D}};
+constexpr GUID kLibrary = {0x6E2F0B69, 0x3C41, 0x4D0E, {0x9A, 0x57, 0x2B, 0x80, 0xC1, 0x64, 0xE7, 0x1D}};
+constexpr wchar_t kClassText[] = L"{6E2F0B6A-3C41-4D0E-9A57-2B80C164E71D}";
+
+TEST(Module, RefusesToLoadWithoutMapiAndSaysWhy) {
+  const ScratchRegistry registry;  // names no mail client
+  const std::string before = ModuleHost::LogText();
+  SetLastError(0);
+  EXPECT_EQ(LoadLibraryW(ModuleHost::ModulePath().c_str()), nullptr);
+  EXPECT_EQ(GetLastError(), DWORD{ERROR_DLL_INIT_FAILED});
+  const std::string log = ModuleHost::LogText();
+  const size_t about = log.rfind("HoardexPH::DllMain() - About to load MAPI");
+  const size_t failed = log.rfind("HoardexPH::CheckMAPIIsLoaded() - Failed to load MAPI");
+  ASSERT_NE(about, std::string::npos);
+  EXPECT_LT(about, failed);
+  EXPECT_LT(failed, log.rfind("HoardexPH::DllMain() - MAPI Failed to load - exiting DllMain"));
+}
+
+TEST(Module, RegistersItsKeysAndTakesOnlyItsOwnAway) {
+  ModuleHost host;
+  ASSERT_TRUE(host.loaded());
+  const auto text = ScratchRegistry::GetString;
+  ScratchRegistry::SetString(HKEY_LOCAL_MACHINE, L"Software\\Microsoft\\Windows Search\\ProtocolHandlers", L"other",
+                             L"Other.Handler");
+  ASSERT_EQ(host.Call("DllRegisterServer"), S_OK);
+  const std::wstring server = L"CLSID\\" + std::wstring(kClassText) + L"\\InprocServer32";
+  EXPECT_EQ(text(HKEY_CLASSES_ROOT, L"HoardexPH3x.HoardexSP.1\\CLSID", nullptr), kClassText);
+  EXPECT_EQ(text(HKEY_CLASSES_ROOT, L"HoardexPH3x.HoardexSP\\CurVer", nullptr), L"HoardexPH3x.HoardexSP.1");
+  EXPECT_EQ(_wcsicmp(text(HKEY_CLASSES_ROOT, server.c_str(), nullptr).c_str(), ModuleHost::ModulePath().c_str()), 0);
+  EXPECT_EQ(text(HKEY_CLASSES_ROOT, server.c_str(), L"ThreadingModel"), L"Both");
+  DWORD attributes = 0, size = sizeof(attributes);
+  RegGetValueW(HKEY_CLASSES_ROOT, (L"CLSID\\" + std::wstring(kClassText) + L"\\ShellFolder").c_str(), L"Attributes",
+               RRF_RT_REG_DWORD, nullptr, &attributes, &size);
+  EXPECT_EQ(attributes, 0x20180000u);
+  EXPECT_EQ(text(HKEY_CLASSES_ROOT, L"zkoffline3x", L"URL Protocol"), L"");
+  EXPECT_EQ(text(HKEY_CLASSES_ROOT, L"zkoffline3x", L"ShellFolder"), kClassText);
+  EXPECT_TRUE(ScratchRegistry::Exists(HKEY_CLASSES_ROOT, L"zkoffline3x\\Shell"));
+  const wchar_t handlers[] = L"Software\\Microsoft\\Windows Search\\ProtocolHandlers";
+  const wchar_t protocol[] =
+      L"Software\\Microsoft\\Windows Search\\Gather\\Windows\\SystemIndex\\Protocols\\zkoffline3x\\0";
+  const wchar_t approved[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Shell Extensions\\Approved";
+  EXPECT_EQ(text(HKEY_LOCAL_MACHINE, handlers, L"zkoffline3x"), L"HoardexPH3x.HoardexSP.1");
+  EXPECT_EQ(text(HKEY_LOCAL_MACHINE, protocol, L"ProgIdHandler"), L"HoardexPH3x.HoardexSP.1");
+  EXPECT_EQ(text(HKEY_LOCAL_MACHINE, approved, kClassText), L"Windows Search Hoardex Namespace Extension Class");
+
+  EXPECT_EQ(host.Call("DllUnregisterServer"), S_OK);
+  EXPECT_FALSE(ScratchRegistry::Exists(HKEY_CLASSES_ROOT, L"HoardexPH3x.HoardexSP.1"));
+  EXPECT_FALSE(ScratchRegistry::Exists(HKEY_CLASSES_ROOT, (L"CLSID\\" + std::wstring(kClassText)).c_str()));
+  EXPECT_FALSE(ScratchRegistry::Exists(HKEY_CLASSES_ROOT, L"zkoffline3x"));
+  EXPECT_FALSE(ScratchRegistry::Exists(HKEY_LOCAL_MACHINE, protocol));
+  EXPECT_EQ(text(HKEY_LOCAL_MACHINE, handlers, L"zkoffline3x"), L"<none>");
+  EXPECT_EQ(text(HKEY_LOCAL_MACHINE, handlers, L"other"), L"Other.Handler");
+  EXPECT_TRUE(ScratchRegistry::Exists(HKEY_LOCAL_MACHINE, approved));
+  EXPECT_EQ(text(HKEY_LOCAL_MACHINE, approved, kClassText), L"<none>");
+}
+
+// Holds an inner object of the module, as an aggregating one does.
+class Outer final : public IUnknown {
+ public:
+  STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
+    if (iid != IID_IUnknown) return inner->QueryInterface(iid, object);
+    *object = this;
+    AddRef();
+    return S_OK;
+  }
+  STDMETHODIMP_(ULONG) AddRef() override { return ++references; }
+  STDMETHODIMP_(ULONG) Release() override { return --references; }
+  IUnknown* inner = nullptr;
+  ULONG references = 1;
+};
+
+TEST(Module, ServesItsClassAloneAndAggregated) {
+  ModuleHost host;
+  ASSERT_TRUE(host.loaded());
+  Microsoft::WRL::ComPtr<IClassFactory> factory;
+  EXPECT_EQ(host.GetClassObject(IID_IUnknown, IID_IClassFactory, &factory), CLASS_E_CLASSNOTAVAILABLE);
+  ASSERT_EQ(host.GetClassObject(kClass, IID_IClassFactory, &factory), S_OK);
+  EXPECT_EQ(host.Call("DllCanUnloadNow"), S_FALSE);
+  {
+    Microsoft::WRL::ComPtr<ISearchProtocol> protocol;
+    ASSERT_EQ(factory->CreateInstance(nullptr, __uuidof(ISearchProtocol),
+                                      reinterpret_cast<void**>(protocol.ReleaseAndGetAddressOf())),
+              S_OK);
+    Microsoft::WRL::ComPtr<IDispatch> dispatch;
+    EXPECT_EQ(protocol.As(&dispatch), S_OK);
+    UINT count = 0;
+    Microsoft::WRL::ComPtr<ITypeInfo> info;
+    EXPECT_EQ(dispatch->GetTypeInfoCount(&count), S_OK);
+    EXPECT_EQ(dispatch->GetTypeInfo(0, 0, &info), S_OK);
+    Microsoft::WRL::ComPtr<ITypeLib> library;
+    UINT index;
+    ASSERT_EQ(info->GetContainingTypeLib(&library, &index), S_OK);
+    TLIBATTR* attributes = nullptr;
+    ASSERT_EQ(library->GetLibAttr(&attributes), S_OK);
+    EXPECT_TRUE(attributes->guid == kLibrary);
+    library->ReleaseTLibAttr(attributes);
+    void* nothing = &count;
+    EXPECT_EQ(protocol->QueryInterface(IID_IMarshal, &nothing), E_NOINTERFACE);
+    EXPECT_EQ(nothing, nullptr);
+  }
+  {
+    Outer outer;
+    void* wrong = nullptr;
+    EXPECT_EQ(factory->CreateInstance(&outer, __uuidof(ISearchProtocol), &wrong), CLASS_E_NOAGGREGATION);
+    ASSERT_EQ(factory->CreateInstance(&outer, IID_IUnknown, reinterpret_cast<void**>(&outer.inner)), S_OK);
+    Microsoft::WRL::ComPtr<ISearchProtocol> protocol;
+    ASSERT_EQ(outer.QueryInterface(__uuidof(ISearchProtocol), reinterpret_cast<void**>(protocol.GetAddressOf())), S_OK);
+    EXPECT_EQ(outer.references, 2u) << "the inner object's interfaces count on the outer one";
+    Microsoft::WRL::ComPtr<IUnknown> identity;
+    EXPECT_EQ(protocol.As(&identity), S_OK);
+    EXPECT_EQ(identity.Get(), static_cast<IUnknown*>(&outer));
+    identity.Reset();
+    protocol.Reset();
+    EXPECT_EQ(outer.references, 1u);
+    EXPECT_EQ(outer.inner->Release(), 0u);
+  }
+  EXPECT_EQ(factory->LockServer(TRUE), S_OK);
+  factory.Reset();
+  EXPECT_EQ(host.Call("DllCanUnloadNow"), S_FALSE);
+  ASSERT_EQ(host.GetClassObject(kClass, IID_IClassFactory, &factory), S_OK);
+  EXPECT_EQ(factory->LockServer(FALSE), S_OK);
+  factory.Reset();
+  EXPECT_EQ(host.Call("DllCanUnloadNow"), S_OK);
+}
+
+}  // namespace
