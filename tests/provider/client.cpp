@@ -1,8 +1,5 @@
 #include "tests/provider/client.h"
 
-#include <windows.h>
-#include <wincrypt.h>
-
 #include <atomic>
 
 namespace test {
@@ -154,26 +151,6 @@ std::vector<std::uint8_t> ReadAll(IStream* stream) {
     bytes.insert(bytes.end(), piece, piece + read);
   } while (read);
   return bytes;
-}
-
-std::string Sha256(const std::vector<std::uint8_t>& bytes) {
-  HCRYPTPROV context = 0;
-  HCRYPTHASH hash = 0;
-  BYTE digest[32] = {};
-  DWORD size = sizeof digest;
-  CryptAcquireContextW(&context, nullptr, nullptr, PROV_RSA_AES, CRYPT_VERIFYCONTEXT);
-  CryptCreateHash(context, CALG_SHA_256, 0, 0, &hash);
-  CryptHashData(hash, bytes.data(), static_cast<DWORD>(bytes.size()), 0);
-  CryptGetHashParam(hash, HP_HASHVAL, digest, &size, 0);
-  CryptDestroyHash(hash);
-  CryptReleaseContext(context, 0);
-  std::string text;
-  for (const BYTE b : digest) {
-    constexpr char kDigits[] = "0123456789abcdef";
-    text += kDigits[b >> 4];
-    text += kDigits[b & 15];
-  }
-  return text;
 }
 
 std::wstring BodyOf(IMessage* message) {

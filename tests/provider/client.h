@@ -143,7 +143,6 @@ std::wstring Wide(std::string_view utf8);
 std::vector<std::uint8_t> BytesOf(const SBinary& binary);
 // All of a stream, in uneven pieces.
 std::vector<std::uint8_t> ReadAll(IStream* stream);
-std::string Sha256(const std::vector<std::uint8_t>& bytes);
 // PR_BODY_W as a caller gets it: whole, or through a stream. Empty when there is none.
 std::wstring BodyOf(IMessage* message);
 

@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include "tests/provider/client.h"
+#include "tests/support/sha256.h"
 
 namespace test {
 namespace {
@@ -82,7 +83,7 @@ void CheckAttachments(IMessage* message, const json& expected) {
       STATSTG stat;
       ASSERT_EQ(stream->Stat(&stat, STATFLAG_NONAME), S_OK);
       EXPECT_EQ(stat.cbSize.QuadPart, each["data_bytes"].get<std::uint64_t>());
-      EXPECT_EQ(Sha256(ReadAll(stream.get())), each["sha256"].get<std::string>());
+      EXPECT_EQ(Sha256Of(ReadAll(stream.get())), each["sha256"].get<std::string>());
     }
     if (each.contains("embedded") && each["embedded"].is_object()) {
       Com<IMessage> embedded;

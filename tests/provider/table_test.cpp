@@ -207,7 +207,7 @@ TEST_F(Tables, FindRowsInBothDirections) {
 }
 
 TEST_F(Tables, ColumnsComeFromTheItemWhereTheTableHasNone) {
-  ASSERT_EQ(table_->SetColumns(Tags({PR_DISPLAY_NAME_W, PR_CONTACT_ADDRTYPES, PR_LAST_MODIFICATION_TIME}), 0), S_OK);
+  ASSERT_EQ(table_->SetColumns(Tags({PR_DISPLAY_NAME_W, PR_CONTACT_ADDRTYPES, PR_PARENT_ENTRYID}), 0), S_OK);
   Rows rows;
   ASSERT_EQ(table_->QueryRows(100, 0, &rows.set), S_OK);
   ASSERT_EQ(rows.size(), 72u);
@@ -216,7 +216,7 @@ TEST_F(Tables, ColumnsComeFromTheItemWhereTheTableHasNone) {
     EXPECT_EQ(rows.At(i, 0).ulPropTag, ULONG{PR_DISPLAY_NAME_W});
     EXPECT_EQ(rows.At(i, 1).ulPropTag, PROP_TAG(PT_ERROR, PROP_ID(PR_CONTACT_ADDRTYPES)));
     EXPECT_EQ(rows.At(i, 1).Value.err, MAPI_E_NOT_FOUND);
-    EXPECT_EQ(rows.At(i, 2).ulPropTag, ULONG{PR_LAST_MODIFICATION_TIME});
+    EXPECT_EQ(rows.At(i, 2).ulPropTag, ULONG{PR_PARENT_ENTRYID});
   }
   LPSPropTagArray columns = nullptr;
   ASSERT_EQ(table_->QueryColumns(0, &columns), S_OK);
