@@ -291,7 +291,7 @@ std::optional<Value> AttachmentProperties::Find(std::uint16_t id) {
       return Value::Text(id, std::u16string_view(name).substr(dot));
     }
     case Id(PR_LAST_MODIFICATION_TIME):
-    case Id(PR_CREATION_TIME): return message_->Find(id);  // an attachment is never newer than its message
+    case Id(PR_CREATION_TIME): return Time(id);
     case Id(PR_ATTACH_SIZE): {
       const auto data = attachment_.Data();
       return Value::Int(id, data ? static_cast<std::int32_t>(std::min<std::uint64_t>(data->size(), MAXLONG)) : 0);
@@ -307,6 +307,17 @@ void AttachmentProperties::List(std::vector<vault::PropTag>& tags) {
   }
   ListIdentity({*file_, 0, 0, MAPI_ATTACH}, tags);
   ListStored(attachment_.properties(), tags);
+}
+
+// An attachment without times of its own is as old as its message; callers pass over those that have none.
+std::optional<Value> AttachmentProperties::Time(std::uint16_t id) {
+  for (const ULONG tag : {PR_LAST_MODIFICATION_TIME, PR_CREATION_TIME, PR_MESSAGE_DELIVERY_TIME, PR_CLIENT_SUBMIT_TIME}) {
+    if (auto time = message_->Find(Id(tag)); time && time->type() == PropType::kTime) {
+      time->tag_ = MakeTag(id, PropType::kTime);
+      return time;
+    }
+  }
+  return {};
 }
 
 // The file's name, long before short; to be displayed also an embedded message's subject.

@@ -86,6 +86,7 @@ class AttachmentProperties : public PropertyBag {
 
  private:
   std::optional<std::u16string> Name(bool display);
+  std::optional<Value> Time(std::uint16_t id);
   std::optional<Value> Stored(std::uint16_t id) const { return FindStored(attachment_.properties(), id); }
 
   std::shared_ptr<MessageProperties> message_;
