@@ -161,6 +161,7 @@ class SingleSource : public WorkSource {
 
 std::string ValueText(const json& value) {
   if (value.is_string()) return OneLine(value.get_ref<const std::string&>());
+  if (value.is_object() && value.contains("url")) return ValueText(value["url"]) + "  " + ValueText(value.value("modified", json("")));
   if (!value.is_array()) return value.dump();
   std::string out;
   for (const json& element : value) out += (out.empty() ? "" : "; ") + ValueText(element);
@@ -176,7 +177,6 @@ void PrintItem(const json& json_record) {
   Print(head.Text() + "\n");
 
   Table table({"chunk", "property", "value"});
-  size_t link = 0;
   const auto chunks = json_record.find("chunks");
   if (chunks != json_record.end() && chunks->is_array()) {
     for (const json& chunk : *chunks) {
@@ -184,12 +184,11 @@ void PrintItem(const json& json_record) {
       const std::string key = chunk.value("key", std::string());
       std::string value;
       if (chunk.value("type", std::string()) == "text") {
-        value = "(the text below)";
+        value = chunk.contains("characters") ? "(" + chunk["characters"].dump() + " characters of the text below)" : "(the text below)";
+      } else if (const auto own = chunk.find("value"); own != chunk.end()) {
+        value = ValueText(*own);
       } else if (const auto found = record.properties.find(key); found != record.properties.end()) {
         value = ValueText(*found);
-      } else if (key == "System.Search.UrlToIndexWithModificationTime" && link < record.links.size()) {
-        value = OneLine(record.links[link].modified + "  " + record.links[link].url);
-        ++link;
       }
       table.Add({chunk.contains("id") ? chunk["id"].dump() : "", OneLine(key), value});
     }

@@ -122,12 +122,18 @@ void PrintReport(const std::vector<VaultReport>& reports, const std::vector<Refu
   for (const VaultReport& report : reports) {
     const VaultCounts& counts = report.counts;
     std::string attachments = Grouped(counts.attachments);
+    if (report.info.attachments > counts.attachments) attachments += " of " + Grouped(report.info.attachments);
     if (counts.attachments_failed > 0) attachments += " (" + Grouped(counts.attachments_failed) + " failed)";
     table.Add({report.vault.name, report.info.opens ? Grouped(report.info.messages) : "?", Grouped(counts.messages_new),
                Grouped(counts.messages_unchanged), Grouped(counts.messages_failed), Grouped(report.removed), attachments});
   }
   for (const Refusal& refusal : refusals) table.Add({OneLine(fs::path(refusal.file).filename().string()), "refused: " + OneLine(refusal.reason)});
   Print(table.Text());
+  for (const VaultReport& report : reports) {
+    if (report.info.attachments <= report.counts.attachments + report.counts.attachments_failed) continue;
+    Print("The content of attachments is indexed where their type has a text filter; the others are found by their names.\n");
+    break;
+  }
   for (const VaultReport& report : reports) PrintLosses(report);
 }
 

@@ -57,21 +57,26 @@ void Progress::Clear() {
 }
 
 std::string Table::Text() const {
-  std::vector<size_t> widths;
-  for (const auto& row : rows_) {
-    widths.resize(std::max(widths.size(), row.size()));
-    for (size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], DisplayWidth(row[i]));
+  // The last cell of a row that is shorter than the head may run on to the right.
+  const size_t columns = rows_.front().size();
+  const auto runs_on = [&](const auto& row, size_t i) { return i + 1 == row.size() && row.size() < columns; };
+  std::vector<size_t> widths(columns);
+  std::vector<bool> right(columns, rows_.size() > 1);
+  for (size_t r = 0; r < rows_.size(); ++r) {
+    for (size_t i = 0; i < rows_[r].size(); ++i) {
+      const std::string& cell = rows_[r][i];
+      if (runs_on(rows_[r], i)) continue;
+      widths[i] = std::max(widths[i], DisplayWidth(cell));
+      if (i == 0 || (r > 0 && cell.find_first_not_of("0123456789,?") != std::string::npos)) right[i] = false;
+    }
   }
   std::string out;
   for (size_t r = 0; r < rows_.size(); ++r) {
     std::string line;
     for (size_t i = 0; i < rows_[r].size(); ++i) {
       const std::string& cell = rows_[r][i];
-      // The head follows the column below it.
-      const std::string& model = r == 0 && rows_.size() > 1 && i < rows_[1].size() ? rows_[1][i] : cell;
-      const bool right = i > 0 && !model.empty() && model[0] >= '0' && model[0] <= '9';
-      const std::string padding(widths[i] - DisplayWidth(cell), ' ');
-      line += (i > 0 ? "  " : "") + (right ? padding + cell : cell + padding);
+      const std::string padding(runs_on(rows_[r], i) ? 0 : widths[i] - DisplayWidth(cell), ' ');
+      line += (i > 0 ? "  " : "") + (right[i] && !runs_on(rows_[r], i) ? padding + cell : cell + padding);
     }
     line.erase(line.find_last_not_of(' ') + 1);
     out += (r == 0 ? Bold(line) : line) + "\n";

@@ -27,7 +27,7 @@ class Progress {
   std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
 };
 
-// Columns as wide as their widest cell; cells that begin with a digit are set to the right. The first row is the head.
+// Columns as wide as their widest cell, columns of numbers set to the right. The first row is the head.
 class Table {
  public:
   explicit Table(std::vector<std::string> head) { rows_.push_back(std::move(head)); }

@@ -8,7 +8,7 @@ namespace hoardex {
 namespace {
 
 // In the order of the columns of `documents`: title, sender, recipients, path, attachments, body, details.
-constexpr const char* kRank = "bm25(documents, 10.0, 6.0, 3.0, 2.0, 4.0, 1.0, 1.5)";
+constexpr const char* kRank = "bm25(documents, 12.0, 4.0, 2.0, 1.5, 3.0, 1.0, 1.5)";
 
 // Control characters of the text must not be taken for marks, and not reach a terminal.
 std::string CleanSnippet(std::string_view raw) {

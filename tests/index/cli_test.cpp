@@ -181,6 +181,8 @@ TEST_F(CliTest, DumpLeavesNoLinkBehind) {
 }
 
 TEST_F(CliTest, TheDemonstrationVaultIsMadeOnce) {
+  corpus_.AddMessage(corpus_.AddFolder(corpus_.AddVault("demo"), "DD", "Inbox"), "07", {}, "welcome");
+  corpus_.Save();
   EXPECT_EQ(Program({"index", "--demo"}).code, 0);
   EXPECT_TRUE(fs::is_symlink(Home("vaults/Tessary/demo.db")));
   const auto time = fs::last_write_time(Home("demo.db"));

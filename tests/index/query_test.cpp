@@ -109,8 +109,8 @@ TEST_F(QueryTest, SubjectCountsMoreThanSenderAndSenderMoreThanBody) {
 }
 
 TEST_F(QueryTest, SnippetsMarkTheWordsAndCarryNoControls) {
-  const auto hit = Search(*store_, CompileQuery("red"), 1, true).hits.at(0);
-  EXPECT_THAT(hit.snippet, HasSubstr(std::string("31m") + "red"));
+  const auto hit = Search(*store_, CompileQuery("31mred"), 1, true).hits.at(0);
+  EXPECT_THAT(hit.snippet, HasSubstr("[\x02" "31mred\x03[0m"));
   EXPECT_EQ(hit.snippet.find('\x1b'), std::string::npos);
   const auto tokyo = Search(*store_, CompileQuery("本社"), 1, true).hits.at(0);
   EXPECT_THAT(tokyo.snippet, HasSubstr("東京\x02本社\x03"));

@@ -67,7 +67,7 @@ std::string Corpus::AddFolder(const std::string& parent, const std::string& id, 
 
 std::string Corpus::AddMessage(const std::string& folder, const std::string& id, json properties, const std::string& text, const std::string& time) {
   json all{{"System.Kind", "email;communication"}, {"System.Message.FromName", "Ann Archer"}, {"System.Message.DateReceived", "2019-03-02T09:26:53.0000000Z"}};
-  all.update(properties);
+  if (properties.is_object()) all.update(properties);
   return Add(folder, folder + id + "[[100]].zkm", {{"kind", "message"}, {"size", 100}, {"properties", all}, {"text", text}}, time);
 }
 
