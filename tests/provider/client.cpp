@@ -66,8 +66,9 @@ OpenStore::OpenStore(const std::wstring& path, HRESULT expected) {
   EXPECT_EQ(profiles->AdminServices(name, nullptr, 0, 0, services.Out()), S_OK);
 
   char unicode_service[] = "MSUPST MS", display[] = "Test store";
-  EXPECT_EQ(services->CreateMsgService(reinterpret_cast<LPTSTR>(unicode_service), reinterpret_cast<LPTSTR>(display), 0, 0),
-            S_OK);
+  EXPECT_EQ(
+      services->CreateMsgService(reinterpret_cast<LPTSTR>(unicode_service), reinterpret_cast<LPTSTR>(display), 0, 0),
+      S_OK);
   Com<IMAPITable> table;
   EXPECT_EQ(services->GetMsgServiceTable(0, table.Out()), S_OK);
   Rows rows;
@@ -85,8 +86,8 @@ OpenStore::OpenStore(const std::wstring& path, HRESULT expected) {
   EXPECT_EQ(mapi.QueryAllRows(table.get(), Tags({PR_ENTRYID}), nullptr, nullptr, 1, &stores.set), S_OK);
   if (stores.size() != 1) return;
   const SBinary& id = stores.At(0, 0).Value.bin;
-  EXPECT_EQ(session->OpenMsgStore(0, id.cb, reinterpret_cast<LPENTRYID>(id.lpb), nullptr, MDB_NO_MAIL | MAPI_BEST_ACCESS,
-                                  store.Out()),
+  EXPECT_EQ(session->OpenMsgStore(0, id.cb, reinterpret_cast<LPENTRYID>(id.lpb), nullptr,
+                                  MDB_NO_MAIL | MAPI_BEST_ACCESS, store.Out()),
             S_OK);
 }
 
@@ -131,7 +132,9 @@ std::wstring SampleFolder() {
   return GetFileAttributesW(path.c_str()) == INVALID_FILE_ATTRIBUTES ? std::wstring() : path;
 }
 
-std::wstring Sample(const std::wstring& name) { return SampleFolder() + L"\\" + name; }
+std::wstring Sample(const std::wstring& name) {
+  return SampleFolder() + L"\\" + name;
+}
 
 std::wstring Wide(std::string_view utf8) {
   const int size = static_cast<int>(utf8.size());
@@ -140,7 +143,9 @@ std::wstring Wide(std::string_view utf8) {
   return wide;
 }
 
-std::vector<std::uint8_t> BytesOf(const SBinary& binary) { return {binary.lpb, binary.lpb + binary.cb}; }
+std::vector<std::uint8_t> BytesOf(const SBinary& binary) {
+  return {binary.lpb, binary.lpb + binary.cb};
+}
 
 std::vector<std::uint8_t> ReadAll(IStream* stream) {
   std::vector<std::uint8_t> bytes;

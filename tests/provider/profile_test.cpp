@@ -3,7 +3,9 @@
 namespace test {
 namespace {
 
-constexpr HRESULT Code(SCODE code) { return static_cast<HRESULT>(code); }
+constexpr HRESULT Code(SCODE code) {
+  return static_cast<HRESULT>(code);
+}
 
 class Profiles : public ProviderTest {
  protected:
@@ -40,7 +42,8 @@ TEST_F(Profiles, AreMadeOnceListedEverywhereAndDeleted) {
   LPMAPIERROR error = nullptr;
   ASSERT_EQ(admin_->GetLastError(Code(MAPI_E_NO_ACCESS), MAPI_UNICODE, &error), S_OK);
   ASSERT_NE(error, nullptr);
-  EXPECT_NE(std::wstring(reinterpret_cast<wchar_t*>(error->lpszError)).find(L"ProviderTest profile"), std::wstring::npos);
+  EXPECT_NE(std::wstring(reinterpret_cast<wchar_t*>(error->lpszError)).find(L"ProviderTest profile"),
+            std::wstring::npos);
   Mapi().FreeBuffer(error);
 
   Com<IProfAdmin> other;
@@ -51,6 +54,59 @@ TEST_F(Profiles, AreMadeOnceListedEverywhereAndDeleted) {
   EXPECT_EQ(other->DeleteProfile(Name(), 0), Code(MAPI_E_NOT_FOUND));
   Com<IMsgServiceAdmin> services;
   EXPECT_EQ(admin_->AdminServices(Name(), nullptr, 0, 0, services.Out()), Code(MAPI_E_NOT_FOUND));
+}
+
+// Runs in a process of its own: see below.
+TEST_F(Profiles, DISABLED_AreSeenFromHere) {
+  ASSERT_NE(getenv("HOARDEX_TEST_PROFILE"), nullptr);
+  EXPECT_TRUE(Listed(admin_.get(), getenv("HOARDEX_TEST_PROFILE")));
+}
+
+TEST_F(Profiles, AreSeenByAnotherProcess) {
+  strcpy(name_, "ProviderTest shared profile");
+  const auto seen_elsewhere = [] {
+    wchar_t program[MAX_PATH];
+    GetModuleFileNameW(nullptr, program, MAX_PATH);
+    std::wstring command = L"\"" + std::wstring(program) +
+                           L"\" --gtest_also_run_disabled_tests --gtest_filter=Profiles.DISABLED_AreSeenFromHere";
+    STARTUPINFOW startup{};
+    startup.cb = sizeof startup;
+    startup.dwFlags = STARTF_USESTDHANDLES;  // no output
+    PROCESS_INFORMATION process{};
+    EXPECT_TRUE(
+        CreateProcessW(program, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process));
+    EXPECT_EQ(WaitForSingleObject(process.hProcess, 60000), WAIT_OBJECT_0);
+    DWORD code = 99;
+    GetExitCodeProcess(process.hProcess, &code);
+    CloseHandle(process.hThread);
+    CloseHandle(process.hProcess);
+    return code == 0;
+  };
+  ASSERT_TRUE(SetEnvironmentVariableA("HOARDEX_TEST_PROFILE", name_));
+  ASSERT_EQ(admin_->CreateProfile(Name(), nullptr, 0, 0), S_OK);
+  EXPECT_TRUE(seen_elsewhere());
+  ASSERT_EQ(admin_->DeleteProfile(Name(), 0), S_OK);
+  EXPECT_FALSE(seen_elsewhere());
+}
+
+TEST_F(Profiles, ANewFileAtTheSamePathIsReadAnew) {
+  SKIP_WITHOUT_SAMPLES();
+  wchar_t folder[MAX_PATH];
+  ASSERT_GT(GetTempPathW(MAX_PATH, folder), 0u);
+  const std::wstring path = std::wstring(folder) + L"provider_test.db";
+  ASSERT_TRUE(CopyFileW(Sample(L"pstsdk-sample1.pst").c_str(), path.c_str(), FALSE));
+  const auto name = [&] {
+    OpenStore opened(path);
+    Values values;
+    EXPECT_EQ(values.Get(opened.store.get(), {PR_DISPLAY_NAME_W}), S_OK);
+    return std::wstring(values[0].Value.lpszW);
+  };
+  EXPECT_EQ(name(), L"sample1");
+  SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);
+  ASSERT_TRUE(CopyFileW(Sample(L"aspose-contacts72.pst").c_str(), path.c_str(), FALSE));
+  SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);
+  EXPECT_NE(name(), L"sample1");
+  EXPECT_TRUE(DeleteFileW(path.c_str()));
 }
 
 TEST_F(Profiles, KeepTheirServicesForTheNextSession) {
@@ -65,8 +121,9 @@ TEST_F(Profiles, KeepTheirServicesForTheNextSession) {
     Com<IMAPITable> table;
     ASSERT_EQ(services->GetMsgServiceTable(0, table.Out()), S_OK);
     Rows rows;
-    ASSERT_EQ(Mapi().QueryAllRows(table.get(), Tags({PR_SERVICE_UID, PR_SERVICE_NAME_A}), nullptr, nullptr, 0, &rows.set),
-              S_OK);
+    ASSERT_EQ(
+        Mapi().QueryAllRows(table.get(), Tags({PR_SERVICE_UID, PR_SERVICE_NAME_A}), nullptr, nullptr, 0, &rows.set),
+        S_OK);
     ASSERT_EQ(rows.size(), 1u);
     EXPECT_STREQ(rows.At(0, 1).Value.lpszA, "MSPST MS");
     std::string narrow(path.begin(), path.end());
@@ -104,7 +161,8 @@ TEST_F(Profiles, ServicesSayWhatIsWrongWithTheirFile) {
     EXPECT_EQ(absent.services->ConfigureMsgService(&absent.service, 0, 0, 0, nullptr), Code(MAPI_E_UNCONFIGURED));
     EXPECT_EQ(absent.services->ConfigureMsgService(&absent.service, 0, 0, 1, &nothing), Code(MAPI_E_UNCONFIGURED));
     char other[] = "CONTAB";
-    EXPECT_EQ(absent.services->CreateMsgService(reinterpret_cast<LPTSTR>(other), nullptr, 0, 0), Code(MAPI_E_NOT_FOUND));
+    EXPECT_EQ(absent.services->CreateMsgService(reinterpret_cast<LPTSTR>(other), nullptr, 0, 0),
+              Code(MAPI_E_NOT_FOUND));
   }
   OpenStore damaged(Sample(L"bad-header.pst"), Code(MAPI_E_CORRUPT_STORE));
   LPMAPIERROR error = nullptr;

@@ -5,8 +5,10 @@
 namespace test {
 namespace {
 
-constexpr HRESULT Code(SCODE code) { return static_cast<HRESULT>(code); }
-constexpr std::uint32_t kMessage = 0x200024;     // the one message of pstsdk-sample1.pst
+constexpr HRESULT Code(SCODE code) {
+  return static_cast<HRESULT>(code);
+}
+constexpr std::uint32_t kMessage = 0x200024;  // the one message of pstsdk-sample1.pst
 constexpr std::uint32_t kAttachment = 0x8025;
 
 class Properties : public ProviderTest {
@@ -49,7 +51,8 @@ TEST_F(Properties, TakeTheTypeThatIsAskedFor) {
   EXPECT_EQ(values[1].ulPropTag, ULONG{PR_SUBJECT_A});
   EXPECT_EQ(values.Get(message_.get(), {any_subject}, MAPI_UNICODE), S_OK);
   EXPECT_EQ(values[0].ulPropTag, ULONG{PR_SUBJECT_W});
-  EXPECT_EQ(values.Get(message_.get(), {PROP_TAG(PT_LONG, PROP_ID(PR_SUBJECT)), PROP_TAG(PT_SYSTIME, PROP_ID(PR_MESSAGE_SIZE))}),
+  EXPECT_EQ(values.Get(message_.get(),
+                       {PROP_TAG(PT_LONG, PROP_ID(PR_SUBJECT)), PROP_TAG(PT_SYSTIME, PROP_ID(PR_MESSAGE_SIZE))}),
             MAPI_W_ERRORS_RETURNED);
   EXPECT_EQ(values[0].Value.err, MAPI_E_NOT_FOUND);
   EXPECT_EQ(values[1].Value.err, MAPI_E_NOT_FOUND);
@@ -83,9 +86,9 @@ TEST_F(Properties, AllAreListedOnceAndReadable) {
 
 TEST_F(Properties, AreComputedWhereMapiPromisesThem) {
   Values of_message, of_store;
-  ASSERT_EQ(of_message.Get(message_.get(), {PR_ENTRYID, PR_PARENT_ENTRYID, PR_STORE_RECORD_KEY, PR_OBJECT_TYPE,
-                                            PR_DISPLAY_BCC_W, PR_HASATTACH, PR_NORMALIZED_SUBJECT_W, PR_SUBJECT_PREFIX_W,
-                                            PR_STORE_ENTRYID}),
+  ASSERT_EQ(of_message.Get(message_.get(),
+                           {PR_ENTRYID, PR_PARENT_ENTRYID, PR_STORE_RECORD_KEY, PR_OBJECT_TYPE, PR_DISPLAY_BCC_W,
+                            PR_HASATTACH, PR_NORMALIZED_SUBJECT_W, PR_SUBJECT_PREFIX_W, PR_STORE_ENTRYID}),
             S_OK);
   ASSERT_EQ(of_store.Get(store(), {PR_RECORD_KEY, PR_ENTRYID, PR_OBJECT_TYPE, PR_DISPLAY_NAME_W}), S_OK);
   EXPECT_EQ(BytesOf(of_message[0].Value.bin), opened_->EntryIdOf(kMessage));
@@ -145,7 +148,8 @@ TEST_F(Properties, LargeValuesComeAsStreams) {
 TEST_F(Properties, OpenPropertyRefusesWhatIsNotThere) {
   Com<IUnknown> object;
   EXPECT_EQ(message_->OpenProperty(PR_HTML, &IID_IMessage, 0, 0, object.Out()), Code(MAPI_E_INTERFACE_NOT_SUPPORTED));
-  EXPECT_EQ(message_->OpenProperty(PROP_TAG(PT_BINARY, 0x6FFF), &IID_IStream, 0, 0, object.Out()), Code(MAPI_E_NOT_FOUND));
+  EXPECT_EQ(message_->OpenProperty(PROP_TAG(PT_BINARY, 0x6FFF), &IID_IStream, 0, 0, object.Out()),
+            Code(MAPI_E_NOT_FOUND));
   EXPECT_EQ(message_->OpenProperty(PR_BODY_W, &IID_IStream, 0, MAPI_MODIFY, object.Out()), Code(MAPI_E_NO_ACCESS));
   Com<IAttach> attachment;
   ASSERT_EQ(message_->OpenAttach(kAttachment, nullptr, 0, attachment.Out()), S_OK);
@@ -191,8 +195,9 @@ TEST_F(Properties, EntryIdsNameItemsWhateverFollowsThem) {
   ASSERT_EQ(values.Get(root.get(), {PR_FOLDER_TYPE}), S_OK);
   EXPECT_EQ(values[0].Value.l, FOLDER_ROOT);
   Com<IMessage> through_session;
-  EXPECT_EQ(opened_->session->OpenEntry(24, OpenStore::Entry(exact), nullptr, 0, &type, through_session.Out<IUnknown>()),
-            S_OK);
+  EXPECT_EQ(
+      opened_->session->OpenEntry(24, OpenStore::Entry(exact), nullptr, 0, &type, through_session.Out<IUnknown>()),
+      S_OK);
 }
 
 TEST_F(Properties, NamesThatTheStoreLacksKeepTheirPlace) {
@@ -251,6 +256,48 @@ TEST_F(Properties, ManyThreadsReadOneMessage) {
   }
   for (std::thread& thread : threads) thread.join();
   EXPECT_EQ(wrong, 0);
+}
+
+// A caller that loads a MAPI library at run time takes it only whole.
+TEST_F(ProviderTest, ExportsEveryNameThatLoadersLookUp) {
+  for (const char* name : {"MAPIAllocateBuffer",
+                           "MAPIAllocateMore",
+                           "MAPIFreeBuffer",
+                           "HrGetOneProp",
+                           "FreeProws",
+                           "PpropFindProp",
+                           "ScDupPropset",
+                           "ScCountProps",
+                           "ScCopyProps",
+                           "OpenIMsgOnIStg",
+                           "MAPIGetDefaultMalloc",
+                           "CloseIMsgSession",
+                           "OpenIMsgSession",
+                           "HrQueryAllRows",
+                           "HrSetOneProp",
+                           "FreePadrlist",
+                           "LPropCompareProp",
+                           "WrapStoreEntryID",
+                           "CreateIProp",
+                           "CreateTable",
+                           "HrValidateParameters",
+                           "BuildDisplayTable",
+                           "HrValidateIPMSubtree",
+                           "HrDispatchNotifications",
+                           "UlRelease",
+                           "HexFromBin",
+                           "MAPIInitialize",
+                           "MAPIUninitialize",
+                           "OpenTnefStreamEx",
+                           "OpenStreamOnFile",
+                           "MAPIOpenFormMgr",
+                           "RTFSync",
+                           "WrapCompressedRTFStream",
+                           "MAPILogonEx",
+                           "MAPIAdminProfiles",
+                           "MAPIOpenLocalFormContainer"}) {
+    EXPECT_NE(GetProcAddress(Mapi().module, name), nullptr) << name;
+  }
 }
 
 TEST_F(ProviderTest, BuffersHangTogether) {

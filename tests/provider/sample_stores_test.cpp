@@ -54,9 +54,10 @@ void CheckAttachments(IMessage* message, const json& expected) {
   Com<IMAPITable> table;
   ASSERT_EQ(message->GetAttachmentTable(0, table.Out()), S_OK);
   Rows rows;
-  ASSERT_EQ(Mapi().QueryAllRows(table.get(), Tags({PR_ATTACH_NUM, PR_RECORD_KEY, PR_DISPLAY_NAME_W, PR_ATTACH_METHOD,
-                                                   PR_LAST_MODIFICATION_TIME}),
-                                nullptr, nullptr, 0, &rows.set),
+  ASSERT_EQ(Mapi().QueryAllRows(
+                table.get(),
+                Tags({PR_ATTACH_NUM, PR_RECORD_KEY, PR_DISPLAY_NAME_W, PR_ATTACH_METHOD, PR_LAST_MODIFICATION_TIME}),
+                nullptr, nullptr, 0, &rows.set),
             S_OK);
   ASSERT_EQ(rows.size(), expected.size());
   for (ULONG i = 0; i < rows.size(); ++i) {
@@ -64,10 +65,12 @@ void CheckAttachments(IMessage* message, const json& expected) {
     ASSERT_EQ(rows.At(i, 0).ulPropTag, ULONG{PR_ATTACH_NUM});
     ASSERT_EQ(rows.At(i, 1).Value.bin.cb, 4u);
     EXPECT_EQ(memcmp(rows.At(i, 1).Value.bin.lpb, &rows.At(i, 0).Value.l, 4), 0);
-    EXPECT_EQ(PROP_TYPE(rows.At(i, 4).ulPropTag), ULONG{PT_SYSTIME}) << "no link is made to an attachment without a time";
+    EXPECT_EQ(PROP_TYPE(rows.At(i, 4).ulPropTag), ULONG{PT_SYSTIME})
+        << "no link is made to an attachment without a time";
     Com<IAttach> attachment;
-    ASSERT_EQ(message->OpenAttach(static_cast<ULONG>(rows.At(i, 0).Value.l), nullptr, MAPI_BEST_ACCESS, attachment.Out()),
-              S_OK);
+    ASSERT_EQ(
+        message->OpenAttach(static_cast<ULONG>(rows.At(i, 0).Value.l), nullptr, MAPI_BEST_ACCESS, attachment.Out()),
+        S_OK);
     const int method = each["method"].get<int>();
     EXPECT_EQ(rows.At(i, 3).Value.l, method);
     if (each["name"].is_string()) {
@@ -95,9 +98,9 @@ void CheckAttachments(IMessage* message, const json& expected) {
 
 void CheckMessage(IMessage* message, const json& expected) {
   Values values;
-  ASSERT_TRUE(SUCCEEDED(values.Get(message, {PR_MESSAGE_CLASS_W, PR_SUBJECT_W, PR_MESSAGE_SIZE, PR_SENDER_NAME_W,
-                                             PR_SENDER_EMAIL_ADDRESS_W, PR_DISPLAY_TO_W, PR_DISPLAY_CC_W,
-                                             PR_CLIENT_SUBMIT_TIME, PR_MESSAGE_DELIVERY_TIME, PR_DISPLAY_BCC_W})));
+  ASSERT_TRUE(SUCCEEDED(values.Get(
+      message, {PR_MESSAGE_CLASS_W, PR_SUBJECT_W, PR_MESSAGE_SIZE, PR_SENDER_NAME_W, PR_SENDER_EMAIL_ADDRESS_W,
+                PR_DISPLAY_TO_W, PR_DISPLAY_CC_W, PR_CLIENT_SUBMIT_TIME, PR_MESSAGE_DELIVERY_TIME, PR_DISPLAY_BCC_W})));
   EXPECT_EQ(TextOf(values[0]), TextOr(expected, "class"));
   EXPECT_EQ(TextOf(values[1]), TextOr(expected, "subject"));
   if (expected["message_size"].is_number()) {

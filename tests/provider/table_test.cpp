@@ -5,7 +5,9 @@
 namespace test {
 namespace {
 
-constexpr HRESULT Code(SCODE code) { return static_cast<HRESULT>(code); }
+constexpr HRESULT Code(SCODE code) {
+  return static_cast<HRESULT>(code);
+}
 
 // The folder of 72 contacts of aspose-contacts72.pst.
 class Tables : public ProviderTest {
@@ -21,8 +23,8 @@ class Tables : public ProviderTest {
     Com<IMAPITable> folders;
     ASSERT_EQ(root->GetHierarchyTable(CONVENIENT_DEPTH, folders.Out()), S_OK);
     Rows rows;
-    ASSERT_EQ(Mapi().QueryAllRows(folders.get(), Tags({PR_ENTRYID, PR_CONTENT_COUNT, PR_DEPTH, PR_OBJECT_TYPE}), nullptr,
-                                  nullptr, 0, &rows.set),
+    ASSERT_EQ(Mapi().QueryAllRows(folders.get(), Tags({PR_ENTRYID, PR_CONTENT_COUNT, PR_DEPTH, PR_OBJECT_TYPE}),
+                                  nullptr, nullptr, 0, &rows.set),
               S_OK);
     EXPECT_EQ(rows.size(), 7u);
     for (ULONG i = 0; i < rows.size(); ++i) {

@@ -71,7 +71,8 @@ void JudgeMessage(const Message& message, const std::string& name, Tally& tally)
   }
   for (const Nid nid : message.AttachmentNids()) {
     const Attachment attachment = message.OpenAttachment(nid);
-    if (attachment.method() == AttachMethod::kEmbedded) JudgeMessage(attachment.OpenEmbedded(), name + " embedded", tally);
+    if (attachment.method() == AttachMethod::kEmbedded)
+      JudgeMessage(attachment.OpenEmbedded(), name + " embedded", tally);
   }
 }
 
