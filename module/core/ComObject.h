@@ -5,10 +5,20 @@
 
 #include <unknwn.h>
 
+#include <wrl/client.h>
+
 #include <atomic>
 #include <new>
 
 #include "module/core/HoardexPH.h"
+
+// Takes over the one reference of a new object; null stays null. (The toolchain's ComPtr::Attach counts one more.)
+template <class Object>
+Microsoft::WRL::ComPtr<Object> Adopt(Object* made) {
+  Microsoft::WRL::ComPtr<Object> pointer;
+  *pointer.GetAddressOf() = made;
+  return pointer;
+}
 
 // Base of an object that implements Interfaces... and nothing else; the first one answers for IUnknown. Counts are
 // free-threaded and each living object holds the module.

@@ -77,8 +77,7 @@ STDMETHODIMP CHoardexSP::CreateAccessor(LPCWSTR url, AUTHENTICATION_INFO* authen
     ZK_LOG(L"CHoardexSP::CreateAccessor() - Start, URL is [%s]", url);
     if (!url || !authentication || !incremental || !item || !accessor) return E_POINTER;
     *accessor = nullptr;
-    Microsoft::WRL::ComPtr<CUrlAccessor> made;
-    made.Attach(new (std::nothrow) CUrlAccessor);
+    Microsoft::WRL::ComPtr<CUrlAccessor> made = Adopt(new (std::nothrow) CUrlAccessor);
     if (!made) {
       ZK_LOG(L"CHoardexSP::CreateAccessor() - Out of memory");
       return E_OUTOFMEMORY;

@@ -196,8 +196,7 @@ HRESULT CUrlAccessor::BindToFilter(IFilter** filter) {
   ZK_GUARD(L"CUrlAccessor::BindToFilter()", [&]() -> HRESULT {
     if (!filter) return E_POINTER;
     *filter = nullptr;
-    ComPtr<CHoardexFilter> made;
-    made.Attach(new (std::nothrow) CHoardexFilter);
+    ComPtr<CHoardexFilter> made = Adopt(new (std::nothrow) CHoardexFilter);
     if (!made) {
       ZK_LOG(L"CUrlAccessor::BindToFilter() - There's so much memory in the world and here I am running out of it");
       return E_OUTOFMEMORY;
