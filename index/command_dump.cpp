@@ -184,7 +184,7 @@ void PrintItem(const json& json_record) {
       const std::string key = chunk.value("key", std::string());
       std::string value;
       if (chunk.value("type", std::string()) == "text") {
-        value = chunk.contains("characters") ? "(" + chunk["characters"].dump() + " characters of the text below)" : "(the text below)";
+        value = chunk.contains("characters") ? chunk["characters"].dump() + " characters of the text below" : "the text below";
       } else if (const auto own = chunk.find("value"); own != chunk.end()) {
         value = ValueText(*own);
       } else if (const auto found = record.properties.find(key); found != record.properties.end()) {
