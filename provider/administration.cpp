@@ -137,7 +137,9 @@ class ProfileAdmin : public Object<IProfAdmin> {
 
 }  // namespace
 
-Ref<IProfAdmin> MakeProfileAdmin() { return Ref<IProfAdmin>(new ProfileAdmin); }
+Ref<IProfAdmin> MakeProfileAdmin() {
+  return Ref<IProfAdmin>(new ProfileAdmin);
+}
 Ref<IMsgServiceAdmin> MakeServiceAdmin(std::shared_ptr<Profile> profile) {
   return Ref<IMsgServiceAdmin>(new ServiceAdmin(std::move(profile)));
 }

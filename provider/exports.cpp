@@ -45,7 +45,9 @@ SCODE WINAPI HxAllocateMore(ULONG size, LPVOID parent, LPVOID* buffer) {
   return result == S_OK ? code : result;
 }
 
-ULONG WINAPI HxFreeBuffer(LPVOID buffer) { return FreeBuffer(buffer); }
+ULONG WINAPI HxFreeBuffer(LPVOID buffer) {
+  return FreeBuffer(buffer);
+}
 
 LPMALLOC WINAPI HxGetDefaultMalloc() {
   LPMALLOC allocator = nullptr;
@@ -164,8 +166,12 @@ LPSPropValue WINAPI HxFindProp(LPSPropValue values, ULONG count, ULONG tag) {
   return nullptr;
 }
 
-LONG WINAPI HxCompareProp(LPSPropValue a, LPSPropValue b) { return a && b ? CompareValues(*a, *b) : 0; }
+LONG WINAPI HxCompareProp(LPSPropValue a, LPSPropValue b) {
+  return a && b ? CompareValues(*a, *b) : 0;
+}
 
-ULONG WINAPI HxRelease(LPVOID object) { return object ? static_cast<IUnknown*>(object)->Release() : 0; }
+ULONG WINAPI HxRelease(LPVOID object) {
+  return object ? static_cast<IUnknown*>(object)->Release() : 0;
+}
 
 }  // extern "C"

@@ -66,7 +66,9 @@ class ItemRow : public PropertyBag {
 class StoredRows : public RowSource {
  public:
   StoredRows(std::shared_ptr<StoreFile> file, vault::Table table, vault::Nid folder, ULONG object_type)
-      : file_(std::move(file)), table_(std::make_shared<const vault::Table>(std::move(table))), folder_(folder),
+      : file_(std::move(file)),
+        table_(std::make_shared<const vault::Table>(std::move(table))),
+        folder_(folder),
         object_type_(object_type) {}
 
   std::uint32_t Count() const override { return table_->row_count(); }
@@ -111,8 +113,8 @@ class NodeRows : public RowSource {
     if (object_type_ == MAPI_FOLDER) {
       return {PR_ENTRYID, PR_OBJECT_TYPE, PR_DEPTH, PR_DISPLAY_NAME_W, PR_CONTENT_COUNT, PR_SUBFOLDERS};
     }
-    return {PR_ENTRYID, PR_OBJECT_TYPE, PR_SUBJECT_W, PR_MESSAGE_CLASS_W, PR_MESSAGE_SIZE, PR_MESSAGE_FLAGS,
-            PR_LAST_MODIFICATION_TIME};
+    return {PR_ENTRYID,       PR_OBJECT_TYPE,           PR_SUBJECT_W, PR_MESSAGE_CLASS_W, PR_MESSAGE_SIZE,
+            PR_MESSAGE_FLAGS, PR_LAST_MODIFICATION_TIME};
   }
 
  private:
@@ -122,7 +124,8 @@ class NodeRows : public RowSource {
 };
 
 // Where a folder's table is damaged, the node tree still knows whose children the items are.
-std::vector<NodeRows::Node> Children(const vault::Store& store, vault::Nid folder, std::initializer_list<vault::NidType> types) {
+std::vector<NodeRows::Node> Children(const vault::Store& store, vault::Nid folder,
+                                     std::initializer_list<vault::NidType> types) {
   std::vector<NodeRows::Node> found;
   for (auto cursor = store.Nodes(); cursor.Next();) {
     if (cursor.error() || cursor.node().parent != folder || cursor.node().nid == folder) continue;

@@ -10,7 +10,9 @@ namespace {
 using vault::MakeTag;
 using vault::PropType;
 
-constexpr std::uint16_t Id(ULONG tag) { return static_cast<std::uint16_t>(PROP_ID(tag)); }
+constexpr std::uint16_t Id(ULONG tag) {
+  return static_cast<std::uint16_t>(PROP_ID(tag));
+}
 
 Value EntryIdValue(const StoreFile& file, std::uint16_t id, vault::Nid nid) {
   const vault::EntryId entry_id = file.store().MakeEntryId(nid);
@@ -45,8 +47,8 @@ std::u16string StringOf(const std::optional<Value>& value, unsigned code_page) {
 constexpr ULONG kStoreSupport = STORE_ENTRYID_UNIQUE | STORE_READONLY | STORE_ATTACH_OK | STORE_OLE_OK | STORE_RTF_OK |
                                 STORE_HTML_OK | STORE_UNICODE_OK;
 
-constexpr ULONG kIdentityTags[] = {PR_ENTRYID,         PR_RECORD_KEY,  PR_PARENT_ENTRYID, PR_STORE_ENTRYID,
-                                   PR_STORE_RECORD_KEY, PR_OBJECT_TYPE, PR_ACCESS,         PR_ACCESS_LEVEL,
+constexpr ULONG kIdentityTags[] = {PR_ENTRYID,           PR_RECORD_KEY,        PR_PARENT_ENTRYID, PR_STORE_ENTRYID,
+                                   PR_STORE_RECORD_KEY,  PR_OBJECT_TYPE,       PR_ACCESS,         PR_ACCESS_LEVEL,
                                    PR_MAPPING_SIGNATURE, PR_STORE_SUPPORT_MASK};
 
 }  // namespace
@@ -64,14 +66,21 @@ std::optional<Value> FindIdentity(const Identity& identity, std::uint16_t id) {
     case Id(PR_PARENT_ENTRYID):
       if (!identity.parent) return {};
       return EntryIdValue(file, id, identity.parent);
-    case Id(PR_STORE_ENTRYID): return Value::Of(MakeTag(id, PropType::kBinary), file.entry_id());
+    case Id(PR_STORE_ENTRYID):
+      return Value::Of(MakeTag(id, PropType::kBinary), file.entry_id());
     case Id(PR_STORE_RECORD_KEY):
-    case Id(PR_MAPPING_SIGNATURE): return UidValue(file, id);
-    case Id(PR_OBJECT_TYPE): return Value::Int(id, static_cast<std::int32_t>(identity.object_type));
-    case Id(PR_ACCESS): return Value::Int(id, MAPI_ACCESS_READ);
-    case Id(PR_ACCESS_LEVEL): return Value::Int(id, 0);
-    case Id(PR_STORE_SUPPORT_MASK): return Value::Int(id, kStoreSupport);
-    default: return {};
+    case Id(PR_MAPPING_SIGNATURE):
+      return UidValue(file, id);
+    case Id(PR_OBJECT_TYPE):
+      return Value::Int(id, static_cast<std::int32_t>(identity.object_type));
+    case Id(PR_ACCESS):
+      return Value::Int(id, MAPI_ACCESS_READ);
+    case Id(PR_ACCESS_LEVEL):
+      return Value::Int(id, 0);
+    case Id(PR_STORE_SUPPORT_MASK):
+      return Value::Int(id, kStoreSupport);
+    default:
+      return {};
   }
 }
 
@@ -101,8 +110,10 @@ std::optional<Value> StoreProperties::Find(std::uint16_t id) {
   const vault::Store& store = file_->store();
   switch (id) {
     case Id(PR_ENTRYID):
-    case Id(PR_STORE_ENTRYID): return Value::Of(MakeTag(id, PropType::kBinary), file_->entry_id());
-    case Id(PR_RECORD_KEY): return UidValue(*file_, id);
+    case Id(PR_STORE_ENTRYID):
+      return Value::Of(MakeTag(id, PropType::kBinary), file_->entry_id());
+    case Id(PR_RECORD_KEY):
+      return UidValue(*file_, id);
     case Id(PR_MDB_PROVIDER):
       return Value::Of(MakeTag(id, PropType::kBinary), {kStoreProviderUid.ab, sizeof kStoreProviderUid.ab});
     case Id(PR_IPM_SUBTREE_ENTRYID):
@@ -114,8 +125,10 @@ std::optional<Value> StoreProperties::Find(std::uint16_t id) {
       const std::size_t begin = file_->path().find_last_of(u"\\/") + 1;
       return Value::Text(id, file_->path().substr(begin, file_->path().rfind(u'.') - begin));
     }
-    case Id(PR_PARENT_ENTRYID): return {};
-    default: break;
+    case Id(PR_PARENT_ENTRYID):
+      return {};
+    default:
+      break;
   }
   if (auto value = FindIdentity({*file_, 0, 0, MAPI_STORE}, id)) return value;
   return FindStored(store.properties(), id);
@@ -139,10 +152,14 @@ std::optional<Value> FolderProperties::Find(std::uint16_t id) {
   }
   if (auto value = FindStored(folder_.properties(), id)) return value;
   switch (id) {
-    case Id(PR_CONTENT_COUNT): return Value::Int(id, CountOrZero([&] { return folder_.message_count(); }));
-    case Id(PR_ASSOC_CONTENT_COUNT): return Value::Int(id, CountOrZero([&] { return folder_.Associated().row_count(); }));
-    case Id(PR_SUBFOLDERS): return Value::Bool(id, CountOrZero([&] { return folder_.subfolder_count(); }) != 0);
-    default: return {};
+    case Id(PR_CONTENT_COUNT):
+      return Value::Int(id, CountOrZero([&] { return folder_.message_count(); }));
+    case Id(PR_ASSOC_CONTENT_COUNT):
+      return Value::Int(id, CountOrZero([&] { return folder_.Associated().row_count(); }));
+    case Id(PR_SUBFOLDERS):
+      return Value::Bool(id, CountOrZero([&] { return folder_.subfolder_count(); }) != 0);
+    default:
+      return {};
   }
 }
 
@@ -173,16 +190,19 @@ std::optional<Value> MessageProperties::Find(std::uint16_t id) {
       const auto stored = Stored(Id(PR_SUBJECT));
       return stored ? SubjectPart(*stored, code_page_, id) : std::nullopt;
     }
-    case Id(PR_BODY): return Body();
+    case Id(PR_BODY):
+      return Body();
     case Id(PR_DISPLAY_TO):
     case Id(PR_DISPLAY_CC):
-    case Id(PR_DISPLAY_BCC): return RecipientNames(id);
+    case Id(PR_DISPLAY_BCC):
+      return RecipientNames(id);
     case Id(PR_HASATTACH): {
       const auto flags = message_.properties().Int(vault::prop::kMessageFlags);
       return Value::Bool(id, flags ? (*flags & MSGFLAG_HASATTACH) != 0
                                    : CountOrZero([&] { return message_.AttachmentNids().size(); }) != 0);
     }
-    default: break;
+    default:
+      break;
   }
   if (auto value = Stored(id)) return value;
   if (id == Id(PR_MESSAGE_SIZE)) return Size();
@@ -223,8 +243,11 @@ std::shared_ptr<const std::u16string> MessageProperties::MakeBody() {
     const auto page = message_.properties().Int(vault::prop::kInternetCodepage);
     const bool wide = html->type() == PropType::kUnicode;
     const auto bytes = html->Read(kLargestBody);
-    return std::make_shared<const std::u16string>(vault::text::TextOfHtml(
-        bytes, wide ? vault::text::kCodePageUtf16Le : page ? static_cast<unsigned>(*page) : 0, pages));
+    return std::make_shared<const std::u16string>(vault::text::TextOfHtml(bytes,
+                                                                          wide   ? vault::text::kCodePageUtf16Le
+                                                                          : page ? static_cast<unsigned>(*page)
+                                                                                 : 0,
+                                                                          pages));
   }
   if (const auto rtf = Stored(Id(PR_RTF_COMPRESSED)); rtf && rtf->size()) {
     if (auto text = vault::text::TextOfCompressedRtf(rtf->Read(kLargestBody), pages)) {
@@ -271,11 +294,15 @@ Value MessageProperties::Size() {
 std::optional<Value> AttachmentProperties::Find(std::uint16_t id) {
   switch (id) {
     case Id(PR_RECORD_KEY):
-    case Id(PR_INSTANCE_KEY): return NidValue(id, attachment_.nid());
-    case Id(PR_ATTACH_NUM): return Value::Int(id, static_cast<std::int32_t>(attachment_.nid()));
+    case Id(PR_INSTANCE_KEY):
+      return NidValue(id, attachment_.nid());
+    case Id(PR_ATTACH_NUM):
+      return Value::Int(id, static_cast<std::int32_t>(attachment_.nid()));
     case Id(PR_ENTRYID):
-    case Id(PR_PARENT_ENTRYID): return {};
-    default: break;
+    case Id(PR_PARENT_ENTRYID):
+      return {};
+    default:
+      break;
   }
   if (auto value = FindIdentity({*file_, 0, 0, MAPI_ATTACH}, id)) return value;
   if (auto value = Stored(id); value && (value->size() || id == Id(PR_ATTACH_DATA_BIN))) return value;
@@ -291,12 +318,14 @@ std::optional<Value> AttachmentProperties::Find(std::uint16_t id) {
       return Value::Text(id, std::u16string_view(name).substr(dot));
     }
     case Id(PR_LAST_MODIFICATION_TIME):
-    case Id(PR_CREATION_TIME): return message_->Find(id);  // an attachment is never newer than its message
+    case Id(PR_CREATION_TIME):
+      return Time(id);
     case Id(PR_ATTACH_SIZE): {
       const auto data = attachment_.Data();
       return Value::Int(id, data ? static_cast<std::int32_t>(std::min<std::uint64_t>(data->size(), MAXLONG)) : 0);
     }
-    default: return {};
+    default:
+      return {};
   }
 }
 
@@ -307,6 +336,18 @@ void AttachmentProperties::List(std::vector<vault::PropTag>& tags) {
   }
   ListIdentity({*file_, 0, 0, MAPI_ATTACH}, tags);
   ListStored(attachment_.properties(), tags);
+}
+
+// An attachment without times of its own is as old as its message; callers pass over those that have none.
+std::optional<Value> AttachmentProperties::Time(std::uint16_t id) {
+  for (const ULONG tag :
+       {PR_LAST_MODIFICATION_TIME, PR_CREATION_TIME, PR_MESSAGE_DELIVERY_TIME, PR_CLIENT_SUBMIT_TIME}) {
+    if (auto time = message_->Find(Id(tag)); time && time->type() == PropType::kTime) {
+      time->tag_ = MakeTag(id, PropType::kTime);
+      return time;
+    }
+  }
+  return {};
 }
 
 // The file's name, long before short; to be displayed also an embedded message's subject.
@@ -324,9 +365,12 @@ std::optional<std::u16string> AttachmentProperties::Name(bool display) {
 std::optional<Value> RecipientProperties::Find(std::uint16_t id) {
   if (auto cell = FindCell(*table_, row_, id)) return cell;
   switch (id) {
-    case Id(PR_ROWID): return Value::Int(id, static_cast<std::int32_t>(number_));
-    case Id(PR_INSTANCE_KEY): return NidValue(id, row_.id());
-    case Id(PR_OBJECT_TYPE): return Value::Int(id, MAPI_MAILUSER);
+    case Id(PR_ROWID):
+      return Value::Int(id, static_cast<std::int32_t>(number_));
+    case Id(PR_INSTANCE_KEY):
+      return NidValue(id, row_.id());
+    case Id(PR_OBJECT_TYPE):
+      return Value::Int(id, MAPI_MAILUSER);
     case Id(PR_DISPLAY_NAME): {
       auto address = FindCell(*table_, row_, Id(PR_EMAIL_ADDRESS));
       if (address) address->tag_ = MakeTag(id, address->type());
@@ -335,12 +379,14 @@ std::optional<Value> RecipientProperties::Find(std::uint16_t id) {
     case Id(PR_SMTP_ADDRESS_W): {
       auto address = FindCell(*table_, row_, Id(PR_EMAIL_ADDRESS));
       const std::u16string type = StringOf(FindCell(*table_, row_, Id(PR_ADDRTYPE)), code_page_);
-      const bool smtp = type.size() == 4 && CompareStringOrdinal(AsWide(type).c_str(), 4, L"SMTP", 4, TRUE) == CSTR_EQUAL;
+      const bool smtp =
+          type.size() == 4 && CompareStringOrdinal(AsWide(type).c_str(), 4, L"SMTP", 4, TRUE) == CSTR_EQUAL;
       if (!smtp || !address) return {};
       address->tag_ = MakeTag(id, address->type());
       return address;
     }
-    default: return {};
+    default:
+      return {};
   }
 }
 

@@ -13,7 +13,7 @@ namespace provider {
 // What identifies a folder or message and needs nothing but its place in the store.
 struct Identity {
   const StoreFile& file;
-  vault::Nid nid = 0;     // 0: an embedded message, which has no entry id
+  vault::Nid nid = 0;  // 0: an embedded message, which has no entry id
   vault::Nid parent = 0;
   ULONG object_type = 0;
 };
@@ -62,9 +62,7 @@ class MessageProperties : public PropertyBag {
   Value RecipientNames(std::uint16_t id);
   Value Size();
   std::optional<Value> Stored(std::uint16_t id) const { return FindStored(message_.properties(), id); }
-  Identity identity() const {
-    return {*file_, message_.depth() ? 0 : message_.nid(), message_.parent(), MAPI_MESSAGE};
-  }
+  Identity identity() const { return {*file_, message_.depth() ? 0 : message_.nid(), message_.parent(), MAPI_MESSAGE}; }
 
   std::shared_ptr<StoreFile> file_;
   vault::Message message_;
@@ -86,6 +84,7 @@ class AttachmentProperties : public PropertyBag {
 
  private:
   std::optional<std::u16string> Name(bool display);
+  std::optional<Value> Time(std::uint16_t id);
   std::optional<Value> Stored(std::uint16_t id) const { return FindStored(attachment_.properties(), id); }
 
   std::shared_ptr<MessageProperties> message_;

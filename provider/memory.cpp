@@ -21,7 +21,9 @@ struct alignas(16) Header {
 
 std::atomic<long> live_buffers{0};
 
-Header* HeaderOf(void* block) { return static_cast<Header*>(block) - 1; }
+Header* HeaderOf(void* block) {
+  return static_cast<Header*>(block) - 1;
+}
 
 Header* NewBlock(ULONG size, std::uint32_t mark) {
   void* memory = std::malloc(sizeof(Header) + size);
@@ -31,7 +33,9 @@ Header* NewBlock(ULONG size, std::uint32_t mark) {
   return header;
 }
 
-void Complain(const char* what) { OutputDebugStringA(what); }
+void Complain(const char* what) {
+  OutputDebugStringA(what);
+}
 
 }  // namespace
 
@@ -83,7 +87,9 @@ ULONG FreeBuffer(void* buffer) {
   return S_OK;
 }
 
-long LiveBuffers() { return live_buffers; }
+long LiveBuffers() {
+  return live_buffers;
+}
 
 void* Arena::Copy(const void* bytes, std::size_t size) {
   void* copy = Allocate(size);
@@ -101,7 +107,9 @@ void* MapiArena::Allocate(std::size_t size) {
   return block;
 }
 
-void* MapiArena::Release() { return std::exchange(root_, nullptr); }
+void* MapiArena::Release() {
+  return std::exchange(root_, nullptr);
+}
 
 ScratchArena::~ScratchArena() {
   while (blocks_) std::free(std::exchange(blocks_, blocks_->next));

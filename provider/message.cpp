@@ -57,8 +57,8 @@ class AttachmentRows : public RowSource {
     }
   }
   std::vector<vault::PropTag> DefaultColumns() const override {
-    return {PR_ATTACH_NUM,   PR_RECORD_KEY,  PR_DISPLAY_NAME_W,     PR_ATTACH_FILENAME_W, PR_ATTACH_LONG_FILENAME_W,
-            PR_ATTACH_SIZE,  PR_ATTACH_METHOD, PR_RENDERING_POSITION, PR_ATTACH_EXTENSION_W, PR_ATTACH_MIME_TAG_W};
+    return {PR_ATTACH_NUM,  PR_RECORD_KEY,    PR_DISPLAY_NAME_W,     PR_ATTACH_FILENAME_W,  PR_ATTACH_LONG_FILENAME_W,
+            PR_ATTACH_SIZE, PR_ATTACH_METHOD, PR_RENDERING_POSITION, PR_ATTACH_EXTENSION_W, PR_ATTACH_MIME_TAG_W};
   }
 
  private:
@@ -139,7 +139,8 @@ class Message : public PropObject<IMessage> {
     return Guarded("IMessage::GetRecipientTable", [&] {
       Require(table != nullptr, MAPI_E_INVALID_PARAMETER);
       *table = nullptr;
-      *table = MakeTable(std::make_shared<RecipientRows>(message().Recipients(), properties_->CodePage()), flags).Detach();
+      *table =
+          MakeTable(std::make_shared<RecipientRows>(message().Recipients(), properties_->CodePage()), flags).Detach();
     });
   }
   STDMETHODIMP ModifyRecipients(ULONG, LPADRLIST) override { return MAPI_E_NO_ACCESS; }

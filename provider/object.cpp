@@ -45,7 +45,9 @@ std::atomic<long> calls_entered{0};
 
 }  // namespace
 
-long LiveObjects(Kind kind) { return live[static_cast<std::size_t>(kind)]; }
+long LiveObjects(Kind kind) {
+  return live[static_cast<std::size_t>(kind)];
+}
 
 Failure CurrentFailure() noexcept {
   try {
@@ -79,13 +81,19 @@ void SetFaultPlan(const FaultPlan& plan) {
   plan_result = plan.result;
   calls_entered = 0;
 }
-long CallsEntered() { return calls_entered; }
+long CallsEntered() {
+  return calls_entered;
+}
 #else
 void Checkpoint(const char*) {}
 #endif
 
-ObjectCore::ObjectCore(Kind kind) : kind_(kind) { ++live[static_cast<std::size_t>(kind)]; }
-ObjectCore::~ObjectCore() { --live[static_cast<std::size_t>(kind_)]; }
+ObjectCore::ObjectCore(Kind kind) : kind_(kind) {
+  ++live[static_cast<std::size_t>(kind)];
+}
+ObjectCore::~ObjectCore() {
+  --live[static_cast<std::size_t>(kind_)];
+}
 
 ULONG ObjectCore::Decrement() {
   const ULONG before = references_.fetch_sub(1);

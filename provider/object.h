@@ -11,8 +11,19 @@
 
 namespace provider {
 
-enum class Kind { kProfileAdmin, kServiceAdmin, kSession, kStore, kFolder, kMessage, kAttachment, kTable, kStream,
-                  kAddressBook, kCount };
+enum class Kind {
+  kProfileAdmin,
+  kServiceAdmin,
+  kSession,
+  kStore,
+  kFolder,
+  kMessage,
+  kAttachment,
+  kTable,
+  kStream,
+  kAddressBook,
+  kCount
+};
 
 // Objects of a kind that exist now, in this process.
 long LiveObjects(Kind kind);
@@ -22,7 +33,9 @@ struct Failure {
   HRESULT code;
   std::string sentence;
 };
-[[noreturn]] inline void Fail(HRESULT code, std::string sentence = {}) { throw Failure{code, std::move(sentence)}; }
+[[noreturn]] inline void Fail(HRESULT code, std::string sentence = {}) {
+  throw Failure{code, std::move(sentence)};
+}
 inline void Require(bool condition, HRESULT otherwise) {
   if (!condition) Fail(otherwise);
 }

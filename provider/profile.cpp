@@ -18,7 +18,9 @@ constexpr wchar_t kDefault[] = L"DefaultProfile", kService[] = L"Service", kDisp
 constexpr std::size_t kLongestName = 200;
 constexpr std::u16string_view kServiceNames[] = {u"MSUPST MS", u"MSPST MS"};
 
-std::u16string KeyPath(const std::u16string& profile) { return std::u16string(kRoot) + u"\\" + profile; }
+std::u16string KeyPath(const std::u16string& profile) {
+  return std::u16string(kRoot) + u"\\" + profile;
+}
 
 std::u16string HexOf(const MAPIUID& uid) {
   constexpr char16_t kDigits[] = u"0123456789ABCDEF";

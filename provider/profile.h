@@ -14,9 +14,9 @@ namespace provider {
 // One message service of a profile: a store file, once it is configured.
 struct Service {
   MAPIUID uid{};
-  std::u16string name;     // "MSUPST MS" or "MSPST MS"
+  std::u16string name;  // "MSUPST MS" or "MSPST MS"
   std::u16string display;
-  std::u16string path;     // empty: not configured
+  std::u16string path;              // empty: not configured
   std::shared_ptr<StoreFile> file;  // open, when this process configured or used it
 };
 
@@ -24,7 +24,8 @@ struct Service {
 // session alone, until the last user of this object lets go. Any thread.
 class Profile {
  public:
-  Profile(std::u16string name, std::vector<Service> services) : name_(std::move(name)), services_(std::move(services)) {}
+  Profile(std::u16string name, std::vector<Service> services)
+      : name_(std::move(name)), services_(std::move(services)) {}
 
   const std::u16string& name() const { return name_; }
   std::vector<Service> services() const;

@@ -41,24 +41,6 @@ std::optional<PropertyName> NameOf(const MAPINAMEID* name) {
   return answer;
 }
 
-bool IsExcluded(const SPropTagArray* excluded, ULONG tag) {
-  for (ULONG i = 0; excluded && i < excluded->cValues; ++i)
-    if (PROP_ID(excluded->aulPropTag[i]) == PROP_ID(tag)) return true;
-  return false;
-}
-
-HRESULT CopyAsStream(PropertyBag& bag, ULONG tag, IMAPIProp& to) {
-  const Ref<IStream> from = OpenStream(bag, tag, MAPI_UNICODE);
-  IUnknown* opened = nullptr;
-  HRESULT result = to.OpenProperty(tag, &IID_IStream, STGM_WRITE | STGM_TRANSACTED, MAPI_CREATE | MAPI_MODIFY, &opened);
-  if (FAILED(result)) return result;
-  const Ref<IStream> target(static_cast<IStream*>(opened));
-  ULARGE_INTEGER all;
-  all.QuadPart = ~0ull;
-  result = from->CopyTo(target.get(), all, nullptr, nullptr);
-  return FAILED(result) ? result : target->Commit(STGC_DEFAULT);
-}
-
 }  // namespace
 
 HRESULT GetProps(PropertyBag& bag, LPSPropTagArray tags, ULONG flags, ULONG* count, LPSPropValue* values) {
@@ -173,35 +155,6 @@ HRESULT GetIdsFromNames(StoreFile& file, ULONG count, LPMAPINAMEID* names, ULONG
   arena.Release();
   *tags = array;
   return complete ? S_OK : MAPI_W_ERRORS_RETURNED;
-}
-
-void CopyProperties(PropertyBag& bag, const SPropTagArray* excluded, IMAPIProp& to, LPSPropProblemArray* problems) {
-  std::vector<SPropProblem> failed;
-  ScratchArena arena;
-  ULONG index = 0;
-  for (const ULONG tag : AllTags(bag, MAPI_UNICODE)) {
-    if (IsExcluded(excluded, tag) || PROP_TYPE(tag) == PT_OBJECT) continue;
-    arena.Reset();
-    SPropValue value;
-    HRESULT result = S_OK;
-    if (WriteProperty(bag, tag, MAPI_UNICODE, arena, value)) {
-      result = to.SetProps(1, &value, nullptr);
-    } else if (value.Value.err == MAPI_E_NOT_ENOUGH_MEMORY) {
-      result = CopyAsStream(bag, tag, to);
-    } else {
-      result = value.Value.err;
-    }
-    if (FAILED(result)) failed.push_back({index, tag, result});
-    ++index;
-  }
-  if (!problems || failed.empty()) return;
-  MapiArena answer;
-  const auto count = static_cast<ULONG>(failed.size());
-  auto* array = static_cast<SPropProblemArray*>(answer.Allocate(CbNewSPropProblemArray(count)));
-  array->cProblem = count;
-  std::copy(failed.begin(), failed.end(), array->aProblem);
-  answer.Release();
-  *problems = array;
 }
 
 }  // namespace provider

@@ -20,10 +20,6 @@ Ref<IStream> OpenStream(PropertyBag& bag, ULONG tag, ULONG flags);
 HRESULT GetNamesFromIds(StoreFile& file, PropertyBag& bag, LPSPropTagArray* tags, LPGUID set, ULONG flags, ULONG* count,
                         LPMAPINAMEID** names);
 HRESULT GetIdsFromNames(StoreFile& file, ULONG count, LPMAPINAMEID* names, ULONG flags, LPSPropTagArray* tags);
-// Copies all properties but the excluded ones to `to`, which a caller has made writable; those that do not go come out
-// as problems.
-void CopyProperties(PropertyBag& bag, const SPropTagArray* excluded, IMAPIProp& to, LPSPropProblemArray* problems);
-
 template <class Interface>
 class PropObject : public Object<Interface> {
  public:
@@ -54,14 +50,10 @@ class PropObject : public Object<Interface> {
     if (problems) *problems = nullptr;
     return MAPI_E_NO_ACCESS;
   }
-  STDMETHODIMP CopyTo(ULONG, LPCIID, LPSPropTagArray excluded, ULONG, LPMAPIPROGRESS, LPCIID, LPVOID to, ULONG flags,
+  STDMETHODIMP CopyTo(ULONG, LPCIID, LPSPropTagArray, ULONG, LPMAPIPROGRESS, LPCIID, LPVOID, ULONG,
                       LPSPropProblemArray* problems) override {
     if (problems) *problems = nullptr;
-    return this->Guarded("IMAPIProp::CopyTo", [&] {
-      Require(to != nullptr, MAPI_E_INVALID_PARAMETER);
-      Require(!(flags & MAPI_MOVE), MAPI_E_NO_ACCESS);
-      CopyInto(excluded, static_cast<IMAPIProp*>(to), problems);
-    });
+    return MAPI_E_NO_SUPPORT;
   }
   STDMETHODIMP CopyProps(LPSPropTagArray, ULONG, LPMAPIPROGRESS, LPCIID, LPVOID, ULONG,
                          LPSPropProblemArray* problems) override {
@@ -91,11 +83,6 @@ class PropObject : public Object<Interface> {
     Require(iid == IID_IStream, MAPI_E_INTERFACE_NOT_SUPPORTED);
     *object = OpenStream(*properties_, tag, flags).Detach();
   }
-  virtual void CopyInto(const SPropTagArray* excluded, IMAPIProp* to, LPSPropProblemArray* problems) {
-    CopyProperties(*properties_, excluded, *to, problems);
-  }
-
-  PropertyBag& bag() { return *properties_; }
   std::shared_ptr<StoreFile> file_;  // null for objects outside a store
 
  private:

@@ -17,7 +17,9 @@ T Scalar(std::span<const std::uint8_t> bytes) {
   return value;
 }
 
-bool IsString(PropType type) { return type == PropType::kString8 || type == PropType::kUnicode; }
+bool IsString(PropType type) {
+  return type == PropType::kString8 || type == PropType::kUnicode;
+}
 
 // The element type and multi-value flag in which a stored value answers a request; nothing when it cannot.
 std::optional<PropType> AnswerType(PropType stored, PropType wanted, ULONG flags) {
@@ -42,22 +44,51 @@ class Writer {
   // One value (not multi) of `stored` type at the union's place.
   void Write(PropType stored, PropType wanted, std::span<const std::uint8_t> bytes, _PV& out) {
     switch (wanted) {
-      case PropType::kInt16: out.i = Scalar<short>(bytes); return;
-      case PropType::kInt32: out.l = Scalar<LONG>(bytes); return;
-      case PropType::kError: out.err = Scalar<SCODE>(bytes); return;
-      case PropType::kFloat: out.flt = Scalar<float>(bytes); return;
+      case PropType::kInt16:
+        out.i = Scalar<short>(bytes);
+        return;
+      case PropType::kInt32:
+        out.l = Scalar<LONG>(bytes);
+        return;
+      case PropType::kError:
+        out.err = Scalar<SCODE>(bytes);
+        return;
+      case PropType::kFloat:
+        out.flt = Scalar<float>(bytes);
+        return;
       case PropType::kDouble:
-      case PropType::kAppTime: out.dbl = Scalar<double>(bytes); return;
-      case PropType::kCurrency: out.cur.int64 = Scalar<LONGLONG>(bytes); return;
-      case PropType::kInt64: out.li.QuadPart = Scalar<LONGLONG>(bytes); return;
-      case PropType::kTime: out.ft = Scalar<FILETIME>(bytes); return;
-      case PropType::kBoolean: out.b = !bytes.empty() && bytes[0]; return;
-      case PropType::kGuid: out.lpguid = NewGuid(bytes); return;
-      case PropType::kObject: out.x = 0; return;
-      case PropType::kUnicode: out.lpszW = Wide(stored, bytes); return;
-      case PropType::kString8: out.lpszA = Narrow8(stored, bytes); return;
-      case PropType::kBinary: out.bin = Binary(bytes); return;
-      default: Fail(MAPI_E_NOT_FOUND);
+      case PropType::kAppTime:
+        out.dbl = Scalar<double>(bytes);
+        return;
+      case PropType::kCurrency:
+        out.cur.int64 = Scalar<LONGLONG>(bytes);
+        return;
+      case PropType::kInt64:
+        out.li.QuadPart = Scalar<LONGLONG>(bytes);
+        return;
+      case PropType::kTime:
+        out.ft = Scalar<FILETIME>(bytes);
+        return;
+      case PropType::kBoolean:
+        out.b = !bytes.empty() && bytes[0];
+        return;
+      case PropType::kGuid:
+        out.lpguid = NewGuid(bytes);
+        return;
+      case PropType::kObject:
+        out.x = 0;
+        return;
+      case PropType::kUnicode:
+        out.lpszW = Wide(stored, bytes);
+        return;
+      case PropType::kString8:
+        out.lpszA = Narrow8(stored, bytes);
+        return;
+      case PropType::kBinary:
+        out.bin = Binary(bytes);
+        return;
+      default:
+        Fail(MAPI_E_NOT_FOUND);
     }
   }
 
@@ -65,8 +96,10 @@ class Writer {
     const vault::MultiValue values(stored, bytes);
     const PropType from = vault::ElementType(stored), to = vault::ElementType(wanted);
     switch (to) {
-      case PropType::kInt16: return Fill(values, from, to, out.MVi.cValues, out.MVi.lpi, [](_PV& v) { return v.i; });
-      case PropType::kInt32: return Fill(values, from, to, out.MVl.cValues, out.MVl.lpl, [](_PV& v) { return v.l; });
+      case PropType::kInt16:
+        return Fill(values, from, to, out.MVi.cValues, out.MVi.lpi, [](_PV& v) { return v.i; });
+      case PropType::kInt32:
+        return Fill(values, from, to, out.MVl.cValues, out.MVl.lpl, [](_PV& v) { return v.l; });
       case PropType::kFloat:
         return Fill(values, from, to, out.MVflt.cValues, out.MVflt.lpflt, [](_PV& v) { return v.flt; });
       case PropType::kDouble:
@@ -74,8 +107,10 @@ class Writer {
         return Fill(values, from, to, out.MVdbl.cValues, out.MVdbl.lpdbl, [](_PV& v) { return v.dbl; });
       case PropType::kCurrency:
         return Fill(values, from, to, out.MVcur.cValues, out.MVcur.lpcur, [](_PV& v) { return v.cur; });
-      case PropType::kInt64: return Fill(values, from, to, out.MVli.cValues, out.MVli.lpli, [](_PV& v) { return v.li; });
-      case PropType::kTime: return Fill(values, from, to, out.MVft.cValues, out.MVft.lpft, [](_PV& v) { return v.ft; });
+      case PropType::kInt64:
+        return Fill(values, from, to, out.MVli.cValues, out.MVli.lpli, [](_PV& v) { return v.li; });
+      case PropType::kTime:
+        return Fill(values, from, to, out.MVft.cValues, out.MVft.lpft, [](_PV& v) { return v.ft; });
       case PropType::kGuid:
         return Fill(values, from, to, out.MVguid.cValues, out.MVguid.lpguid, [](_PV& v) { return *v.lpguid; });
       case PropType::kUnicode:
@@ -84,7 +119,8 @@ class Writer {
         return Fill(values, from, to, out.MVszA.cValues, out.MVszA.lppszA, [](_PV& v) { return v.lpszA; });
       case PropType::kBinary:
         return Fill(values, from, to, out.MVbin.cValues, out.MVbin.lpbin, [](_PV& v) { return v.bin; });
-      default: Fail(MAPI_E_NOT_FOUND);
+      default:
+        Fail(MAPI_E_NOT_FOUND);
     }
   }
 
@@ -131,8 +167,8 @@ class Writer {
 
 // Bytes of a value in the form that the caller asked for, near enough to judge its size without converting it.
 std::uint64_t AnsweredSize(const Value& value, PropType answer) {
-  const bool widens = vault::ElementType(value.type()) == PropType::kString8 &&
-                      vault::ElementType(answer) == PropType::kUnicode;
+  const bool widens =
+      vault::ElementType(value.type()) == PropType::kString8 && vault::ElementType(answer) == PropType::kUnicode;
   return widens ? value.size() * 2 : value.size();
 }
 
@@ -198,7 +234,8 @@ Value Value::View() const {
 }
 
 std::vector<std::uint8_t> Value::Read(std::uint64_t limit) const {
-  if (!reader) return {bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(std::min<std::uint64_t>(bytes.size(), limit))};
+  if (!reader)
+    return {bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(std::min<std::uint64_t>(bytes.size(), limit))};
   return reader->ReadAll(limit);
 }
 
@@ -253,23 +290,35 @@ LONG CompareValues(const SPropValue& a, const SPropValue& b) {
   const auto type = static_cast<PropType>(PROP_TYPE(a.ulPropTag));
   if (PROP_TYPE(a.ulPropTag) != PROP_TYPE(b.ulPropTag)) return Order(PROP_TYPE(a.ulPropTag), PROP_TYPE(b.ulPropTag));
   switch (type) {
-    case PropType::kInt16: return Order(a.Value.i, b.Value.i);
-    case PropType::kInt32: return Order(a.Value.l, b.Value.l);
-    case PropType::kError: return Order(a.Value.err, b.Value.err);
-    case PropType::kBoolean: return Order(a.Value.b != 0, b.Value.b != 0);
-    case PropType::kFloat: return Order(a.Value.flt, b.Value.flt);
+    case PropType::kInt16:
+      return Order(a.Value.i, b.Value.i);
+    case PropType::kInt32:
+      return Order(a.Value.l, b.Value.l);
+    case PropType::kError:
+      return Order(a.Value.err, b.Value.err);
+    case PropType::kBoolean:
+      return Order(a.Value.b != 0, b.Value.b != 0);
+    case PropType::kFloat:
+      return Order(a.Value.flt, b.Value.flt);
     case PropType::kDouble:
-    case PropType::kAppTime: return Order(a.Value.dbl, b.Value.dbl);
-    case PropType::kCurrency: return Order(a.Value.cur.int64, b.Value.cur.int64);
-    case PropType::kInt64: return Order(a.Value.li.QuadPart, b.Value.li.QuadPart);
-    case PropType::kTime: return CompareFileTime(&a.Value.ft, &b.Value.ft);
-    case PropType::kGuid: return std::memcmp(a.Value.lpguid, b.Value.lpguid, sizeof(GUID));
-    case PropType::kBinary: return OrderBinary(a.Value.bin, b.Value.bin);
+    case PropType::kAppTime:
+      return Order(a.Value.dbl, b.Value.dbl);
+    case PropType::kCurrency:
+      return Order(a.Value.cur.int64, b.Value.cur.int64);
+    case PropType::kInt64:
+      return Order(a.Value.li.QuadPart, b.Value.li.QuadPart);
+    case PropType::kTime:
+      return CompareFileTime(&a.Value.ft, &b.Value.ft);
+    case PropType::kGuid:
+      return std::memcmp(a.Value.lpguid, b.Value.lpguid, sizeof(GUID));
+    case PropType::kBinary:
+      return OrderBinary(a.Value.bin, b.Value.bin);
     case PropType::kUnicode:
       return CompareStringW(LOCALE_INVARIANT, NORM_IGNORECASE, a.Value.lpszW, -1, b.Value.lpszW, -1) - CSTR_EQUAL;
     case PropType::kString8:
       return CompareStringA(LOCALE_INVARIANT, NORM_IGNORECASE, a.Value.lpszA, -1, b.Value.lpszA, -1) - CSTR_EQUAL;
-    default: return 0;
+    default:
+      return 0;
   }
 }
 

@@ -32,19 +32,32 @@ class Copier {
   void Deepen(SPropValue& value) {
     _PV& v = value.Value;
     switch (PROP_TYPE(value.ulPropTag)) {
-      case PT_STRING8: return Text(v.lpszA);
-      case PT_UNICODE: return Text(v.lpszW);
-      case PT_BINARY: return Array(v.bin.cb, v.bin.lpb);
-      case PT_CLSID: return Array(1, v.lpguid);
-      case PT_MV_I2: return Array(v.MVi.cValues, v.MVi.lpi);
-      case PT_MV_LONG: return Array(v.MVl.cValues, v.MVl.lpl);
-      case PT_MV_R4: return Array(v.MVflt.cValues, v.MVflt.lpflt);
-      case PT_MV_DOUBLE: return Array(v.MVdbl.cValues, v.MVdbl.lpdbl);
-      case PT_MV_APPTIME: return Array(v.MVat.cValues, v.MVat.lpat);
-      case PT_MV_CURRENCY: return Array(v.MVcur.cValues, v.MVcur.lpcur);
-      case PT_MV_SYSTIME: return Array(v.MVft.cValues, v.MVft.lpft);
-      case PT_MV_I8: return Array(v.MVli.cValues, v.MVli.lpli);
-      case PT_MV_CLSID: return Array(v.MVguid.cValues, v.MVguid.lpguid);
+      case PT_STRING8:
+        return Text(v.lpszA);
+      case PT_UNICODE:
+        return Text(v.lpszW);
+      case PT_BINARY:
+        return Array(v.bin.cb, v.bin.lpb);
+      case PT_CLSID:
+        return Array(1, v.lpguid);
+      case PT_MV_I2:
+        return Array(v.MVi.cValues, v.MVi.lpi);
+      case PT_MV_LONG:
+        return Array(v.MVl.cValues, v.MVl.lpl);
+      case PT_MV_R4:
+        return Array(v.MVflt.cValues, v.MVflt.lpflt);
+      case PT_MV_DOUBLE:
+        return Array(v.MVdbl.cValues, v.MVdbl.lpdbl);
+      case PT_MV_APPTIME:
+        return Array(v.MVat.cValues, v.MVat.lpat);
+      case PT_MV_CURRENCY:
+        return Array(v.MVcur.cValues, v.MVcur.lpcur);
+      case PT_MV_SYSTIME:
+        return Array(v.MVft.cValues, v.MVft.lpft);
+      case PT_MV_I8:
+        return Array(v.MVli.cValues, v.MVli.lpli);
+      case PT_MV_CLSID:
+        return Array(v.MVguid.cValues, v.MVguid.lpguid);
       case PT_MV_STRING8:
         Array(v.MVszA.cValues, v.MVszA.lppszA);
         for (ULONG i = 0; i < v.MVszA.cValues; ++i) Text(v.MVszA.lppszA[i]);
@@ -57,7 +70,8 @@ class Copier {
         Array(v.MVbin.cValues, v.MVbin.lpbin);
         for (ULONG i = 0; i < v.MVbin.cValues; ++i) Array(v.MVbin.lpbin[i].cb, v.MVbin.lpbin[i].lpb);
         return;
-      default: return;
+      default:
+        return;
     }
   }
 

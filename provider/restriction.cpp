@@ -24,30 +24,48 @@ class Evaluator {
         for (ULONG i = 0; i < r.res.resOr.cRes; ++i)
           if (Matches(r.res.resOr.lpRes[i], depth + 1)) return true;
         return false;
-      case RES_NOT: return !Matches(*r.res.resNot.lpRes, depth + 1);
-      case RES_COMMENT: return !r.res.resComment.lpRes || Matches(*r.res.resComment.lpRes, depth + 1);
-      case RES_PROPERTY: return Property(r.res.resProperty);
-      case RES_CONTENT: return Content(r.res.resContent);
-      case RES_COMPAREPROPS: return Compare(r.res.resCompareProps);
-      case RES_BITMASK: return BitMask(r.res.resBitMask);
-      case RES_SIZE: return Size(r.res.resSize);
-      case RES_EXIST: return row_.Find(vault::IdOf(r.res.resExist.ulPropTag)).has_value();
-      default: Fail(MAPI_E_TOO_COMPLEX);
+      case RES_NOT:
+        return !Matches(*r.res.resNot.lpRes, depth + 1);
+      case RES_COMMENT:
+        return !r.res.resComment.lpRes || Matches(*r.res.resComment.lpRes, depth + 1);
+      case RES_PROPERTY:
+        return Property(r.res.resProperty);
+      case RES_CONTENT:
+        return Content(r.res.resContent);
+      case RES_COMPAREPROPS:
+        return Compare(r.res.resCompareProps);
+      case RES_BITMASK:
+        return BitMask(r.res.resBitMask);
+      case RES_SIZE:
+        return Size(r.res.resSize);
+      case RES_EXIST:
+        return row_.Find(vault::IdOf(r.res.resExist.ulPropTag)).has_value();
+      default:
+        Fail(MAPI_E_TOO_COMPLEX);
     }
   }
 
  private:
-  bool Get(ULONG tag, SPropValue& value) { return WriteProperty(row_, tag, MAPI_UNICODE, arena_, value, kLargestCompared); }
+  bool Get(ULONG tag, SPropValue& value) {
+    return WriteProperty(row_, tag, MAPI_UNICODE, arena_, value, kLargestCompared);
+  }
 
   static bool Holds(ULONG relation, LONG order) {
     switch (relation) {
-      case RELOP_LT: return order < 0;
-      case RELOP_LE: return order <= 0;
-      case RELOP_GT: return order > 0;
-      case RELOP_GE: return order >= 0;
-      case RELOP_EQ: return order == 0;
-      case RELOP_NE: return order != 0;
-      default: Fail(MAPI_E_TOO_COMPLEX);
+      case RELOP_LT:
+        return order < 0;
+      case RELOP_LE:
+        return order <= 0;
+      case RELOP_GT:
+        return order > 0;
+      case RELOP_GE:
+        return order >= 0;
+      case RELOP_EQ:
+        return order == 0;
+      case RELOP_NE:
+        return order != 0;
+      default:
+        Fail(MAPI_E_TOO_COMPLEX);
     }
   }
 
@@ -79,10 +97,14 @@ class Evaluator {
 
   static bool Contains(std::string_view text, std::string_view sought, ULONG level) {
     switch (level & 0xFFFF) {
-      case FL_FULLSTRING: return text == sought;
-      case FL_PREFIX: return text.starts_with(sought);
-      case FL_SUBSTRING: return text.find(sought) != std::string_view::npos;
-      default: Fail(MAPI_E_TOO_COMPLEX);
+      case FL_FULLSTRING:
+        return text == sought;
+      case FL_PREFIX:
+        return text.starts_with(sought);
+      case FL_SUBSTRING:
+        return text.find(sought) != std::string_view::npos;
+      default:
+        Fail(MAPI_E_TOO_COMPLEX);
     }
   }
   static bool Contains(std::wstring text, std::wstring sought, ULONG level) {
@@ -91,10 +113,14 @@ class Evaluator {
       CharLowerBuffW(sought.data(), static_cast<DWORD>(sought.size()));
     }
     switch (level & 0xFFFF) {
-      case FL_FULLSTRING: return text == sought;
-      case FL_PREFIX: return text.starts_with(sought);
-      case FL_SUBSTRING: return text.find(sought) != std::wstring::npos;
-      default: Fail(MAPI_E_TOO_COMPLEX);
+      case FL_FULLSTRING:
+        return text == sought;
+      case FL_PREFIX:
+        return text.starts_with(sought);
+      case FL_SUBSTRING:
+        return text.find(sought) != std::wstring::npos;
+      default:
+        Fail(MAPI_E_TOO_COMPLEX);
     }
   }
 
@@ -109,8 +135,8 @@ class Evaluator {
     }
     Require(type == PT_UNICODE || type == PT_STRING8, MAPI_E_TOO_COMPLEX);
     if (!Get(PROP_TAG(PT_UNICODE, PROP_ID(r.ulPropTag)), value)) return false;
-    const std::u16string wanted = type == PT_UNICODE ? FromCaller(sought.Value.lpszW, MAPI_UNICODE)
-                                                     : FromCaller(sought.Value.lpszA, 0);
+    const std::u16string wanted =
+        type == PT_UNICODE ? FromCaller(sought.Value.lpszW, MAPI_UNICODE) : FromCaller(sought.Value.lpszA, 0);
     return Contains(std::wstring(value.Value.lpszW), AsWide(wanted), r.ulFuzzyLevel);
   }
 

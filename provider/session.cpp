@@ -18,9 +18,9 @@ class Session : public Object<IMAPISession> {
     return Guarded("IMAPISession::GetMsgStoresTable", [&] {
       Require(table != nullptr, MAPI_E_INVALID_PARAMETER);
       *table = nullptr;
-      auto rows = std::make_shared<FixedRows>(std::vector<vault::PropTag>{
-          PR_DEFAULT_STORE, PR_ENTRYID, PR_DISPLAY_NAME_W, PR_RESOURCE_TYPE, PR_MDB_PROVIDER, PR_SERVICE_UID,
-          PR_INSTANCE_KEY, PR_OBJECT_TYPE});
+      auto rows = std::make_shared<FixedRows>(
+          std::vector<vault::PropTag>{PR_DEFAULT_STORE, PR_ENTRYID, PR_DISPLAY_NAME_W, PR_RESOURCE_TYPE,
+                                      PR_MDB_PROVIDER, PR_SERVICE_UID, PR_INSTANCE_KEY, PR_OBJECT_TYPE});
       for (const Service& service : profile()->services())
         if (!service.path.empty()) rows->Add(StoreRow(service, rows->Count() == 0));
       *table = MakeTable(std::move(rows), flags).Detach();
@@ -163,6 +163,8 @@ class AddressBook : public PropObject<IAddrBook> {
 Ref<IMAPISession> MakeSession(std::shared_ptr<Profile> profile) {
   return Ref<IMAPISession>(new Session(std::move(profile)));
 }
-Ref<IAddrBook> MakeAddressBook() { return Ref<IAddrBook>(new AddressBook); }
+Ref<IAddrBook> MakeAddressBook() {
+  return Ref<IAddrBook>(new AddressBook);
+}
 
 }  // namespace provider

@@ -48,7 +48,9 @@ class Store : public PropObject<IMsgStore> {
 
 }  // namespace
 
-Ref<IMsgStore> MakeStore(std::shared_ptr<StoreFile> file) { return Ref<IMsgStore>(new Store(file)); }
+Ref<IMsgStore> MakeStore(std::shared_ptr<StoreFile> file) {
+  return Ref<IMsgStore>(new Store(file));
+}
 
 void OpenEntry(const std::shared_ptr<StoreFile>& file, ULONG size, LPENTRYID entry_id, LPCIID iid, ULONG flags,
                ULONG* object_type, LPUNKNOWN* object) {
@@ -59,13 +61,16 @@ void OpenEntry(const std::shared_ptr<StoreFile>& file, ULONG size, LPENTRYID ent
   ULONG type = MAPI_FOLDER;
   switch (vault::TypeOf(nid)) {
     case vault::NidType::kFolder:
-    case vault::NidType::kSearchFolder: HandOut(MakeFolder(file, nid), iid, object); break;
+    case vault::NidType::kSearchFolder:
+      HandOut(MakeFolder(file, nid), iid, object);
+      break;
     case vault::NidType::kMessage:
     case vault::NidType::kAssociatedMessage:
       type = MAPI_MESSAGE;
       HandOut(MakeMessage(file, file->store().OpenMessage(nid)), iid, object);
       break;
-    default: Fail(MAPI_E_NOT_FOUND);
+    default:
+      Fail(MAPI_E_NOT_FOUND);
   }
   if (object_type) *object_type = type;
 }

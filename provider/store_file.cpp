@@ -67,7 +67,7 @@ std::shared_ptr<StoreFile> StoreFile::Open(const std::u16string& path) {
   const std::u16string key = KeyOf(path);
   const std::scoped_lock lock(files_lock);
   auto& slot = Files()[key];
-  if (auto file = slot.lock()) return file;
+  if (auto file = slot.lock(); file && file->stamp_ == StampOf(path)) return file;
   auto file = std::make_shared<StoreFile>(path);
   slot = file;
   return file;
@@ -75,8 +75,17 @@ std::shared_ptr<StoreFile> StoreFile::Open(const std::u16string& path) {
 
 StoreFile::StoreFile(std::u16string path)
     : path_(std::move(path)),
+      stamp_(StampOf(path_)),
       store_(vault::Store::Open(std::filesystem::path(AsWide(path_)))),
       entry_id_(StoreEntryId(path_)) {}
+
+StoreFile::Stamp StoreFile::StampOf(const std::u16string& path) {
+  WIN32_FILE_ATTRIBUTE_DATA data;
+  if (!GetFileAttributesExW(AsWide(path).c_str(), GetFileExInfoStandard, &data)) return {};
+  const auto join = [](DWORD high, DWORD low) { return std::uint64_t{high} << 32 | low; };
+  return {join(data.nFileSizeHigh, data.nFileSizeLow),
+          join(data.ftLastWriteTime.dwHighDateTime, data.ftLastWriteTime.dwLowDateTime)};
+}
 
 vault::Nid StoreFile::NodeOf(ULONG size, const void* entry_id) const {
   if (!size || !entry_id) return vault::kRootFolderNid;
@@ -93,7 +102,8 @@ std::optional<std::uint16_t> StoreFile::IdOfName(const PropertyName& name, bool 
   const auto* number = std::get_if<std::uint32_t>(&name.id);
   if (name.set == kMapiSet && number && *number < kFirstNamedId) return static_cast<std::uint16_t>(*number);
   const vault::NameMap& names = store_->names();
-  const auto known = number ? names.FindId(name.set, *number) : names.FindId(name.set, std::get<std::u16string>(name.id));
+  const auto known =
+      number ? names.FindId(name.set, *number) : names.FindId(name.set, std::get<std::u16string>(name.id));
   if (known) return known;
   const std::scoped_lock lock(names_lock_);
   if (const auto found = transient_ids_.find(name); found != transient_ids_.end()) return found->second;

@@ -22,7 +22,7 @@ struct PropertyName {
 
 class StoreFile {
  public:
-  // The open file of this path, opened now if nobody has it. Throws vault::Error.
+  // The open file of this path, opened now if nobody has it, or if it was replaced since. Throws vault::Error.
   static std::shared_ptr<StoreFile> Open(const std::u16string& path);
   explicit StoreFile(std::u16string path);
 
@@ -41,7 +41,15 @@ class StoreFile {
   std::optional<PropertyName> NameOfId(std::uint16_t id);
 
  private:
+  // What tells a file from the one that takes its place.
+  struct Stamp {
+    std::uint64_t size = 0, written = 0;
+    bool operator==(const Stamp&) const = default;
+  };
+  static Stamp StampOf(const std::u16string& path);
+
   std::u16string path_;
+  Stamp stamp_;
   std::shared_ptr<const vault::Store> store_;
   std::vector<std::uint8_t> entry_id_;
   std::mutex names_lock_;

@@ -139,8 +139,8 @@ Ref<IStorage> MakeStorage(const std::vector<std::uint8_t>& bytes) {
   size.QuadPart = bytes.size();
   if (const HRESULT result = lock_bytes->SetSize(size); FAILED(result)) Fail(result);
   Ref<IStorage> storage;
-  const HRESULT result = StgOpenStorageOnILockBytes(lock_bytes.get(), nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, nullptr,
-                                                    0, storage.Receive());
+  const HRESULT result = StgOpenStorageOnILockBytes(lock_bytes.get(), nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE,
+                                                    nullptr, 0, storage.Receive());
   if (FAILED(result)) Fail(MAPI_E_CORRUPT_DATA, "The attached object is not a compound file");
   return storage;
 }

@@ -53,8 +53,8 @@ std::string Narrow(std::u16string_view text) {
   if (text.empty()) return {};
   const auto* wide = reinterpret_cast<const wchar_t*>(text.data());
   const int length = static_cast<int>(std::min<std::size_t>(text.size(), MAXLONG));
-  std::string narrow(static_cast<std::size_t>(WideCharToMultiByte(CP_ACP, 0, wide, length, nullptr, 0, nullptr, nullptr)),
-                     '\0');
+  std::string narrow(
+      static_cast<std::size_t>(WideCharToMultiByte(CP_ACP, 0, wide, length, nullptr, 0, nullptr, nullptr)), '\0');
   WideCharToMultiByte(CP_ACP, 0, wide, length, narrow.data(), static_cast<int>(narrow.size()), nullptr, nullptr);
   return narrow;
 }

@@ -4,7 +4,6 @@
 #include <map>
 #include <numeric>
 
-
 namespace provider {
 namespace {
 
@@ -73,7 +72,8 @@ class Table : public Object<IMAPITable> {
       *columns = nullptr;
       const std::scoped_lock lock(lock_);
       MapiArena arena;
-      auto* array = static_cast<SPropTagArray*>(arena.Allocate(CbNewSPropTagArray(static_cast<ULONG>(columns_.size()))));
+      auto* array =
+          static_cast<SPropTagArray*>(arena.Allocate(CbNewSPropTagArray(static_cast<ULONG>(columns_.size()))));
       array->cValues = static_cast<ULONG>(columns_.size());
       std::copy(columns_.begin(), columns_.end(), array->aulPropTag);
       arena.Release();
@@ -218,10 +218,14 @@ class Table : public Object<IMAPITable> {
 
   std::uint32_t Place(BOOKMARK origin) const {
     switch (origin) {
-      case BOOKMARK_BEGINNING: return 0;
-      case BOOKMARK_CURRENT: return position_;
-      case BOOKMARK_END: return count_;
-      default: break;
+      case BOOKMARK_BEGINNING:
+        return 0;
+      case BOOKMARK_CURRENT:
+        return position_;
+      case BOOKMARK_END:
+        return count_;
+      default:
+        break;
     }
     const auto found = bookmarks_.find(origin);
     Require(found != bookmarks_.end(), MAPI_E_INVALID_BOOKMARK);
@@ -273,7 +277,7 @@ class Table : public Object<IMAPITable> {
   const ULONG flags_;
   std::mutex lock_;
   std::vector<ULONG> columns_;
-  bool selected_ = false;            // rows_ says which rows are shown, and in what order; otherwise all
+  bool selected_ = false;  // rows_ says which rows are shown, and in what order; otherwise all
   std::vector<std::uint32_t> rows_;
   std::uint32_t count_;
   std::uint32_t position_ = 0;

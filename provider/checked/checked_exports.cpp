@@ -13,7 +13,9 @@ __declspec(dllexport) long WINAPI HoardexMapiLiveObjects() {
 }
 
 // Buffers that nobody has freed.
-__declspec(dllexport) long WINAPI HoardexMapiLiveBuffers() { return provider::LiveBuffers(); }
+__declspec(dllexport) long WINAPI HoardexMapiLiveBuffers() {
+  return provider::LiveBuffers();
+}
 
 // From now on the `countdown`-th call of `method` ("IMAPIProp::GetProps"; null: any) answers `result`. 0: none.
 __declspec(dllexport) void WINAPI HoardexMapiFailCall(const char* method, long countdown, HRESULT result) {
@@ -21,6 +23,8 @@ __declspec(dllexport) void WINAPI HoardexMapiFailCall(const char* method, long c
 }
 
 // Calls since HoardexMapiFailCall.
-__declspec(dllexport) long WINAPI HoardexMapiCallsEntered() { return provider::CallsEntered(); }
+__declspec(dllexport) long WINAPI HoardexMapiCallsEntered() {
+  return provider::CallsEntered();
+}
 
 }  // extern "C"

@@ -171,11 +171,16 @@ struct Transcoding {
   std::vector<std::uint8_t> (*convert)(Bytes);
 };
 constexpr Transcoding kTranscodings[] = {
-    {50220, kCodePageShiftJis, ShiftJisFromIso2022}, {50221, kCodePageShiftJis, ShiftJisFromIso2022},
-    {50222, kCodePageShiftJis, ShiftJisFromIso2022}, {20932, kCodePageShiftJis, ShiftJisFromEuc},
-    {51932, kCodePageShiftJis, ShiftJisFromEuc},     {50225, kCodePageKorean, KoreanFromIso2022},
-    {51949, kCodePageKorean, nullptr},               {51936, kCodePageGbk, nullptr},
-    {20936, kCodePageGbk, nullptr},                  {52936, kCodePageGbk, GbkFromHz},
+    {50220, kCodePageShiftJis, ShiftJisFromIso2022},
+    {50221, kCodePageShiftJis, ShiftJisFromIso2022},
+    {50222, kCodePageShiftJis, ShiftJisFromIso2022},
+    {20932, kCodePageShiftJis, ShiftJisFromEuc},
+    {51932, kCodePageShiftJis, ShiftJisFromEuc},
+    {50225, kCodePageKorean, KoreanFromIso2022},
+    {51949, kCodePageKorean, nullptr},
+    {51936, kCodePageGbk, nullptr},
+    {20936, kCodePageGbk, nullptr},
+    {52936, kCodePageGbk, GbkFromHz},
     {38598, 28598, nullptr},
 };
 
@@ -192,40 +197,83 @@ struct Charset {
   unsigned code_page;
 };
 constexpr Charset kCharsets[] = {
-    {"utf-8", kCodePageUtf8},     {"utf8", kCodePageUtf8},         {"unicode-1-1-utf-8", kCodePageUtf8},
-    {"us-ascii", kCodePageAscii}, {"ascii", kCodePageAscii},       {"utf-7", 65000},
-    {"utf-16", kCodePageUtf16Le}, {"utf-16le", kCodePageUtf16Le},  {"utf-16be", kCodePageUtf16Be},
-    {"unicode", kCodePageUtf16Le},{"latin1", kCodePageWestern},    {"macintosh", kCodePageMacRoman},
-    {"iso-8859-1", kCodePageWestern}, {"iso8859-1", kCodePageWestern},
-    {"iso-8859-2", 28592},        {"iso-8859-3", 28593},           {"iso-8859-4", 28594},
-    {"iso-8859-5", 28595},        {"iso-8859-6", 28596},           {"iso-8859-7", 28597},
-    {"iso-8859-8", 28598},        {"iso-8859-8-i", 38598},         {"iso-8859-9", 28599},
-    {"iso-8859-13", 28603},       {"iso-8859-15", 28605},          {"windows-874", 874},
-    {"tis-620", 874},             {"iso-8859-11", 874},            {"windows-1250", 1250},
-    {"windows-1251", 1251},       {"windows-1252", 1252},          {"cp1252", 1252},
-    {"windows-1253", 1253},       {"windows-1254", 1254},          {"windows-1255", 1255},
-    {"windows-1256", 1256},       {"windows-1257", 1257},          {"windows-1258", 1258},
-    {"cp1250", 1250},             {"cp1251", 1251},                {"koi8-r", 20866},
-    {"koi8-u", 21866},            {"ibm437", 437},                 {"ibm850", 850},
-    {"ibm852", 852},              {"cp866", 866},                  {"ibm866", 866},
-    {"shift_jis", 932},           {"shift-jis", 932},              {"x-sjis", 932},
-    {"sjis", 932},                {"windows-31j", 932},            {"iso-2022-jp", 50220},
-    {"csiso2022jp", 50220},       {"euc-jp", 51932},               {"gb2312", 936},
-    {"gbk", 936},                 {"x-gbk", 936},                  {"gb18030", 54936},
-    {"hz-gb-2312", 52936},        {"big5", 950},                   {"big5-hkscs", 950},
-    {"euc-kr", 949},              {"ks_c_5601-1987", 949},         {"ksc5601", 949},
-    {"windows-949", 949},         {"iso-2022-kr", 50225},
+    {"utf-8", kCodePageUtf8},
+    {"utf8", kCodePageUtf8},
+    {"unicode-1-1-utf-8", kCodePageUtf8},
+    {"us-ascii", kCodePageAscii},
+    {"ascii", kCodePageAscii},
+    {"utf-7", 65000},
+    {"utf-16", kCodePageUtf16Le},
+    {"utf-16le", kCodePageUtf16Le},
+    {"utf-16be", kCodePageUtf16Be},
+    {"unicode", kCodePageUtf16Le},
+    {"latin1", kCodePageWestern},
+    {"macintosh", kCodePageMacRoman},
+    {"iso-8859-1", kCodePageWestern},
+    {"iso8859-1", kCodePageWestern},
+    {"iso-8859-2", 28592},
+    {"iso-8859-3", 28593},
+    {"iso-8859-4", 28594},
+    {"iso-8859-5", 28595},
+    {"iso-8859-6", 28596},
+    {"iso-8859-7", 28597},
+    {"iso-8859-8", 28598},
+    {"iso-8859-8-i", 38598},
+    {"iso-8859-9", 28599},
+    {"iso-8859-13", 28603},
+    {"iso-8859-15", 28605},
+    {"windows-874", 874},
+    {"tis-620", 874},
+    {"iso-8859-11", 874},
+    {"windows-1250", 1250},
+    {"windows-1251", 1251},
+    {"windows-1252", 1252},
+    {"cp1252", 1252},
+    {"windows-1253", 1253},
+    {"windows-1254", 1254},
+    {"windows-1255", 1255},
+    {"windows-1256", 1256},
+    {"windows-1257", 1257},
+    {"windows-1258", 1258},
+    {"cp1250", 1250},
+    {"cp1251", 1251},
+    {"koi8-r", 20866},
+    {"koi8-u", 21866},
+    {"ibm437", 437},
+    {"ibm850", 850},
+    {"ibm852", 852},
+    {"cp866", 866},
+    {"ibm866", 866},
+    {"shift_jis", 932},
+    {"shift-jis", 932},
+    {"x-sjis", 932},
+    {"sjis", 932},
+    {"windows-31j", 932},
+    {"iso-2022-jp", 50220},
+    {"csiso2022jp", 50220},
+    {"euc-jp", 51932},
+    {"gb2312", 936},
+    {"gbk", 936},
+    {"x-gbk", 936},
+    {"gb18030", 54936},
+    {"hz-gb-2312", 52936},
+    {"big5", 950},
+    {"big5-hkscs", 950},
+    {"euc-kr", 949},
+    {"ks_c_5601-1987", 949},
+    {"ksc5601", 949},
+    {"windows-949", 949},
+    {"iso-2022-kr", 50225},
 };
 
 struct FontCharset {
   unsigned charset, code_page;
 };
 constexpr FontCharset kFontCharsets[] = {
-    {0, 1252},    {2, 1252},    {77, 10000}, {78, 10001}, {79, 10003}, {80, 10008}, {81, 10002},
-    {83, 10005},  {84, 10004},  {85, 10006}, {86, 10081}, {87, 10021}, {88, 10029}, {89, 10007},
-    {128, 932},   {129, 949},   {130, 1361}, {134, 936},  {136, 950},  {161, 1253}, {162, 1254},
-    {163, 1258},  {177, 1255},  {178, 1256}, {186, 1257}, {204, 1251}, {222, 874},  {238, 1250},
-    {254, 437},   {255, 850},
+    {0, 1252},   {2, 1252},   {77, 10000}, {78, 10001}, {79, 10003}, {80, 10008}, {81, 10002}, {83, 10005},
+    {84, 10004}, {85, 10006}, {86, 10081}, {87, 10021}, {88, 10029}, {89, 10007}, {128, 932},  {129, 949},
+    {130, 1361}, {134, 936},  {136, 950},  {161, 1253}, {162, 1254}, {163, 1258}, {177, 1255}, {178, 1256},
+    {186, 1257}, {204, 1251}, {222, 874},  {238, 1250}, {254, 437},  {255, 850},
 };
 
 }  // namespace
@@ -247,13 +295,19 @@ void AppendCodePoint(std::uint32_t code_point, std::u16string& text) {
 void Decode(unsigned code_page, Bytes bytes, const CodePages& pages, std::u16string& text) {
   if (bytes.empty()) return;
   switch (code_page) {
-    case kCodePageUtf8: return DecodeUtf8(bytes, text);
-    case kCodePageUtf16Le: return DecodeUtf16(bytes, false, text);
-    case kCodePageUtf16Be: return DecodeUtf16(bytes, true, text);
-    case kCodePageLatin1: text.append(bytes.begin(), bytes.end()); return;
+    case kCodePageUtf8:
+      return DecodeUtf8(bytes, text);
+    case kCodePageUtf16Le:
+      return DecodeUtf16(bytes, false, text);
+    case kCodePageUtf16Be:
+      return DecodeUtf16(bytes, true, text);
+    case kCodePageLatin1:
+      text.append(bytes.begin(), bytes.end());
+      return;
     case kCodePageAscii:
     case kCodePageWestern:
-    case kCodePageUnknown: break;
+    case kCodePageUnknown:
+      break;
     default:
       if (DecodeByPlatform(code_page, bytes, pages, text)) return;
   }
@@ -263,12 +317,16 @@ void Decode(unsigned code_page, Bytes bytes, const CodePages& pages, std::u16str
 
 bool IsLeadByte(unsigned code_page, std::uint8_t b) {
   switch (code_page) {
-    case kCodePageShiftJis: return (b >= 0x81 && b <= 0x9F) || (b >= 0xE0 && b <= 0xFC);
-    case kCodePageJohab: return (b >= 0x84 && b <= 0xD3) || (b >= 0xD8 && b <= 0xDE) || (b >= 0xE0 && b <= 0xF9);
+    case kCodePageShiftJis:
+      return (b >= 0x81 && b <= 0x9F) || (b >= 0xE0 && b <= 0xFC);
+    case kCodePageJohab:
+      return (b >= 0x84 && b <= 0xD3) || (b >= 0xD8 && b <= 0xDE) || (b >= 0xE0 && b <= 0xF9);
     case kCodePageGbk:
     case kCodePageKorean:
-    case kCodePageBig5: return b >= 0x81 && b <= 0xFE;
-    default: return false;
+    case kCodePageBig5:
+      return b >= 0x81 && b <= 0xFE;
+    default:
+      return false;
   }
 }
 

@@ -11,10 +11,18 @@ namespace {
 constexpr std::u16string_view kNewLine = u"\r\n";
 constexpr std::size_t kNone = std::u16string_view::npos;
 
-constexpr bool IsSpace(char16_t c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
-constexpr bool IsLetter(char16_t c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
-constexpr bool IsAlphanumeric(char16_t c) { return IsLetter(c) || (c >= '0' && c <= '9'); }
-constexpr char16_t Lower(char16_t c) { return c >= 'A' && c <= 'Z' ? static_cast<char16_t>(c + 32) : c; }
+constexpr bool IsSpace(char16_t c) {
+  return c == ' ' || (c >= '\t' && c <= '\r');
+}
+constexpr bool IsLetter(char16_t c) {
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+}
+constexpr bool IsAlphanumeric(char16_t c) {
+  return IsLetter(c) || (c >= '0' && c <= '9');
+}
+constexpr char16_t Lower(char16_t c) {
+  return c >= 'A' && c <= 'Z' ? static_cast<char16_t>(c + 32) : c;
+}
 
 enum class Role { kInline, kBlock, kBreak, kRow, kCell, kPreformatted, kHidden };
 struct Element {
@@ -22,25 +30,62 @@ struct Element {
   Role role;
 };
 constexpr Element kElements[] = {
-    {"address", Role::kBlock},   {"article", Role::kBlock},  {"aside", Role::kBlock},
-    {"blockquote", Role::kBlock},{"body", Role::kBlock},     {"br", Role::kBreak},
-    {"caption", Role::kBlock},   {"center", Role::kBlock},   {"dd", Role::kBlock},
-    {"details", Role::kBlock},   {"dir", Role::kBlock},      {"div", Role::kBlock},
-    {"dl", Role::kBlock},        {"dt", Role::kBlock},       {"fieldset", Role::kBlock},
-    {"figcaption", Role::kBlock},{"figure", Role::kBlock},   {"footer", Role::kBlock},
-    {"form", Role::kBlock},      {"h1", Role::kBlock},       {"h2", Role::kBlock},
-    {"h3", Role::kBlock},        {"h4", Role::kBlock},       {"h5", Role::kBlock},
-    {"h6", Role::kBlock},        {"head", Role::kBlock},     {"header", Role::kBlock},
-    {"hr", Role::kBlock},        {"html", Role::kBlock},     {"iframe", Role::kHidden},
-    {"legend", Role::kBlock},    {"li", Role::kBlock},       {"listing", Role::kPreformatted},
-    {"main", Role::kBlock},      {"menu", Role::kBlock},     {"nav", Role::kBlock},
-    {"noembed", Role::kHidden},  {"ol", Role::kBlock},       {"option", Role::kBlock},
-    {"p", Role::kBlock},         {"pre", Role::kPreformatted},{"script", Role::kHidden},
-    {"section", Role::kBlock},   {"style", Role::kHidden},   {"summary", Role::kBlock},
-    {"table", Role::kBlock},     {"tbody", Role::kRow},      {"td", Role::kCell},
-    {"textarea", Role::kPreformatted},                       {"tfoot", Role::kRow},
-    {"th", Role::kCell},         {"thead", Role::kRow},      {"title", Role::kHidden},
-    {"tr", Role::kRow},          {"ul", Role::kBlock},       {"xml", Role::kHidden},
+    {"address", Role::kBlock},
+    {"article", Role::kBlock},
+    {"aside", Role::kBlock},
+    {"blockquote", Role::kBlock},
+    {"body", Role::kBlock},
+    {"br", Role::kBreak},
+    {"caption", Role::kBlock},
+    {"center", Role::kBlock},
+    {"dd", Role::kBlock},
+    {"details", Role::kBlock},
+    {"dir", Role::kBlock},
+    {"div", Role::kBlock},
+    {"dl", Role::kBlock},
+    {"dt", Role::kBlock},
+    {"fieldset", Role::kBlock},
+    {"figcaption", Role::kBlock},
+    {"figure", Role::kBlock},
+    {"footer", Role::kBlock},
+    {"form", Role::kBlock},
+    {"h1", Role::kBlock},
+    {"h2", Role::kBlock},
+    {"h3", Role::kBlock},
+    {"h4", Role::kBlock},
+    {"h5", Role::kBlock},
+    {"h6", Role::kBlock},
+    {"head", Role::kBlock},
+    {"header", Role::kBlock},
+    {"hr", Role::kBlock},
+    {"html", Role::kBlock},
+    {"iframe", Role::kHidden},
+    {"legend", Role::kBlock},
+    {"li", Role::kBlock},
+    {"listing", Role::kPreformatted},
+    {"main", Role::kBlock},
+    {"menu", Role::kBlock},
+    {"nav", Role::kBlock},
+    {"noembed", Role::kHidden},
+    {"ol", Role::kBlock},
+    {"option", Role::kBlock},
+    {"p", Role::kBlock},
+    {"pre", Role::kPreformatted},
+    {"script", Role::kHidden},
+    {"section", Role::kBlock},
+    {"style", Role::kHidden},
+    {"summary", Role::kBlock},
+    {"table", Role::kBlock},
+    {"tbody", Role::kRow},
+    {"td", Role::kCell},
+    {"textarea", Role::kPreformatted},
+    {"tfoot", Role::kRow},
+    {"th", Role::kCell},
+    {"thead", Role::kRow},
+    {"title", Role::kHidden},
+    {"tr", Role::kRow},
+    {"ul", Role::kBlock},
+    {"xml", Role::kHidden},
 };
 static_assert(std::ranges::is_sorted(kElements, {}, &Element::name));
 constexpr std::size_t kLongestElement = 10;
@@ -246,12 +291,18 @@ class Reader {
 
   void Apply(const Element& element, bool closing, bool self_closed) {
     switch (element.role) {
-      case Role::kInline: return;
-      case Role::kBlock: return Block();
-      case Role::kBreak: return NewLine();
-      case Role::kRow: return Row();
-      case Role::kCell: return closing ? void() : Cell();
-      case Role::kPreformatted: return Preformatted(closing);
+      case Role::kInline:
+        return;
+      case Role::kBlock:
+        return Block();
+      case Role::kBreak:
+        return NewLine();
+      case Role::kRow:
+        return Row();
+      case Role::kCell:
+        return closing ? void() : Cell();
+      case Role::kPreformatted:
+        return Preformatted(closing);
       case Role::kHidden:
         if (!closing && !self_closed) Hide(element);
         return;
@@ -275,7 +326,8 @@ class Reader {
     if (missing) return;
     for (std::size_t i = in_.find(u"</", at_); i != kNone; i = in_.find(u"</", i + 2)) {
       std::size_t matched = 0;
-      while (matched < element.name.size() && Lower(At(i + 2 + matched)) == static_cast<unsigned char>(element.name[matched])) {
+      while (matched < element.name.size() &&
+             Lower(At(i + 2 + matched)) == static_cast<unsigned char>(element.name[matched])) {
         ++matched;
       }
       const char16_t after = At(i + 2 + matched);
@@ -345,6 +397,8 @@ std::u16string DecodeHtml(Bytes html, unsigned code_page, const CodePages& pages
   return decode(code_page, 0);
 }
 
-std::u16string HtmlToText(std::u16string_view html, std::size_t limit) { return Reader(html, limit).Run(); }
+std::u16string HtmlToText(std::u16string_view html, std::size_t limit) {
+  return Reader(html, limit).Run();
+}
 
 }  // namespace vault::text

@@ -51,13 +51,18 @@ class Reader {
   void Step() {
     const char c = in_[at_++];
     switch (c) {
-      case '{': return OpenGroup();
-      case '}': return CloseGroup();
-      case '\\': return Control();
+      case '{':
+        return OpenGroup();
+      case '}':
+        return CloseGroup();
+      case '\\':
+        return Control();
       case '\r':
       case '\n':
-      case '\0': return;
-      default: return RawByte(static_cast<std::uint8_t>(c));
+      case '\0':
+        return;
+      default:
+        return RawByte(static_cast<std::uint8_t>(c));
     }
   }
 
@@ -101,13 +106,19 @@ class Reader {
     switch (c) {
       case '\\':
       case '{':
-      case '}': return Byte(static_cast<std::uint8_t>(c));
-      case '~': return Unit(0xA0);
-      case '_': return Unit('-');
+      case '}':
+        return Byte(static_cast<std::uint8_t>(c));
+      case '~':
+        return Unit(0xA0);
+      case '_':
+        return Unit('-');
       case '\r':
-      case '\n': return NewLine(0, 0);
-      case '\t': return Unit('\t');
-      default: return;  // optional hyphens and index marks
+      case '\n':
+        return NewLine(0, 0);
+      case '\t':
+        return Unit('\t');
+      default:
+        return;  // optional hyphens and index marks
     }
   }
 
@@ -206,10 +217,17 @@ class Reader {
     }
     for (const char16_t c : text) {
       switch (c) {
-        case '<': document_.text += u"&lt;"; break;
-        case '>': document_.text += u"&gt;"; break;
-        case '&': document_.text += u"&amp;"; break;
-        default: document_.text += c;
+        case '<':
+          document_.text += u"&lt;";
+          break;
+        case '>':
+          document_.text += u"&gt;";
+          break;
+        case '&':
+          document_.text += u"&amp;";
+          break;
+        default:
+          document_.text += c;
       }
     }
   }
@@ -312,38 +330,69 @@ class Reader {
 };
 
 const Reader::Word Reader::kWords[] = {
-    {"par", &Reader::NewLine},         {"line", &Reader::NewLine},
-    {"sect", &Reader::NewLine},        {"page", &Reader::NewLine},
-    {"row", &Reader::NewLine},         {"nestrow", &Reader::NewLine},
-    {"softline", &Reader::NewLine},    {"column", &Reader::NewLine},
-    {"tab", &Reader::Character, '\t'}, {"cell", &Reader::Character, '\t'},
+    {"par", &Reader::NewLine},
+    {"line", &Reader::NewLine},
+    {"sect", &Reader::NewLine},
+    {"page", &Reader::NewLine},
+    {"row", &Reader::NewLine},
+    {"nestrow", &Reader::NewLine},
+    {"softline", &Reader::NewLine},
+    {"column", &Reader::NewLine},
+    {"tab", &Reader::Character, '\t'},
+    {"cell", &Reader::Character, '\t'},
     {"nestcell", &Reader::Character, '\t'},
-    {"emdash", &Reader::Character, 0x2014},    {"endash", &Reader::Character, 0x2013},
-    {"emspace", &Reader::Character, 0x2003},   {"enspace", &Reader::Character, 0x2002},
-    {"qmspace", &Reader::Character, 0x2005},   {"bullet", &Reader::Character, 0x2022},
-    {"lquote", &Reader::Character, 0x2018},    {"rquote", &Reader::Character, 0x2019},
-    {"ldblquote", &Reader::Character, 0x201C}, {"rdblquote", &Reader::Character, 0x201D},
-    {"zwj", &Reader::Character, 0x200D},       {"zwnj", &Reader::Character, 0x200C},
-    {"zwbo", &Reader::Character, 0x200B},      {"ltrmark", &Reader::Character, 0x200E},
-    {"rtlmark", &Reader::Character, 0x200F},   {"objattph", &Reader::Character, ' '},
-    {"u", &Reader::Unicode},           {"uc", &Reader::Fallback},
-    {"f", &Reader::Font},              {"plain", &Reader::Plain},
-    {"fcharset", &Reader::FontCharset},{"cpg", &Reader::FontPage},
-    {"fonttbl", &Reader::FontTable},   {"deff", &Reader::DefaultFont},
-    {"ansicpg", &Reader::AnsiPage},    {"mac", &Reader::NamedPage, 10000},
-    {"pc", &Reader::NamedPage, 437},   {"pca", &Reader::NamedPage, 850},
-    {"bin", &Reader::Binary},          {"fromhtml", &Reader::FromHtml},
-    {"fromtext", &Reader::FromText},   {"htmltag", &Reader::HtmlTag},
-    {"htmlrtf", &Reader::HtmlRtf},     {"mhtmltag", &Reader::Skip},
-    {"colortbl", &Reader::Skip},       {"stylesheet", &Reader::Skip},
-    {"info", &Reader::Skip},           {"pict", &Reader::Skip},
-    {"filetbl", &Reader::Skip},        {"listtable", &Reader::Skip},
-    {"revtbl", &Reader::Skip},         {"fldinst", &Reader::Skip},
-    {"objdata", &Reader::Skip},        {"objclass", &Reader::Skip},
-    {"objname", &Reader::Skip},        {"sp", &Reader::Skip},
-    {"xe", &Reader::Skip},             {"tc", &Reader::Skip},
-    {"rxe", &Reader::Skip},            {"bkmkstart", &Reader::Skip},
-    {"bkmkend", &Reader::Skip},        {"private", &Reader::Skip},
+    {"emdash", &Reader::Character, 0x2014},
+    {"endash", &Reader::Character, 0x2013},
+    {"emspace", &Reader::Character, 0x2003},
+    {"enspace", &Reader::Character, 0x2002},
+    {"qmspace", &Reader::Character, 0x2005},
+    {"bullet", &Reader::Character, 0x2022},
+    {"lquote", &Reader::Character, 0x2018},
+    {"rquote", &Reader::Character, 0x2019},
+    {"ldblquote", &Reader::Character, 0x201C},
+    {"rdblquote", &Reader::Character, 0x201D},
+    {"zwj", &Reader::Character, 0x200D},
+    {"zwnj", &Reader::Character, 0x200C},
+    {"zwbo", &Reader::Character, 0x200B},
+    {"ltrmark", &Reader::Character, 0x200E},
+    {"rtlmark", &Reader::Character, 0x200F},
+    {"objattph", &Reader::Character, ' '},
+    {"u", &Reader::Unicode},
+    {"uc", &Reader::Fallback},
+    {"f", &Reader::Font},
+    {"plain", &Reader::Plain},
+    {"fcharset", &Reader::FontCharset},
+    {"cpg", &Reader::FontPage},
+    {"fonttbl", &Reader::FontTable},
+    {"deff", &Reader::DefaultFont},
+    {"ansicpg", &Reader::AnsiPage},
+    {"mac", &Reader::NamedPage, 10000},
+    {"pc", &Reader::NamedPage, 437},
+    {"pca", &Reader::NamedPage, 850},
+    {"bin", &Reader::Binary},
+    {"fromhtml", &Reader::FromHtml},
+    {"fromtext", &Reader::FromText},
+    {"htmltag", &Reader::HtmlTag},
+    {"htmlrtf", &Reader::HtmlRtf},
+    {"mhtmltag", &Reader::Skip},
+    {"colortbl", &Reader::Skip},
+    {"stylesheet", &Reader::Skip},
+    {"info", &Reader::Skip},
+    {"pict", &Reader::Skip},
+    {"filetbl", &Reader::Skip},
+    {"listtable", &Reader::Skip},
+    {"revtbl", &Reader::Skip},
+    {"fldinst", &Reader::Skip},
+    {"objdata", &Reader::Skip},
+    {"objclass", &Reader::Skip},
+    {"objname", &Reader::Skip},
+    {"sp", &Reader::Skip},
+    {"xe", &Reader::Skip},
+    {"tc", &Reader::Skip},
+    {"rxe", &Reader::Skip},
+    {"bkmkstart", &Reader::Skip},
+    {"bkmkend", &Reader::Skip},
+    {"private", &Reader::Skip},
 };
 
 const std::unordered_map<std::string_view, const Reader::Word*>& Reader::Words() {

@@ -39,7 +39,8 @@ TEST(CodePages, DecodesEveryFamily) {
       {28592, "\xB1", u"ą"},
       {99999, "plain \xE9", u"plain é"},
   };
-  for (const Sample& sample : samples) EXPECT_EQ(Decoded(sample.code_page, sample.bytes), sample.text) << sample.code_page;
+  for (const Sample& sample : samples)
+    EXPECT_EQ(Decoded(sample.code_page, sample.bytes), sample.text) << sample.code_page;
 }
 
 TEST(CodePages, JisArithmeticAgreesWithThePlatformOverTheWholeGrid) {
@@ -64,11 +65,11 @@ TEST(CodePages, JisArithmeticAgreesWithThePlatformOverTheWholeGrid) {
 
 TEST(CodePages, BrokenSequencesCostOneCharacterEach) {
   EXPECT_EQ(Decoded(65001, "a\xFFz"), u"a\uFFFDz");
-  EXPECT_EQ(Decoded(65001, "\xC0\x80"), u"\uFFFD\uFFFD");          // overlong
-  EXPECT_EQ(Decoded(65001, "\xED\xA0\x80").size(), 3u);            // surrogate
-  EXPECT_EQ(Decoded(65001, "ok\xE2\x82"), u"ok\uFFFD\uFFFD");      // cut off
-  EXPECT_EQ(Decoded(50220, "\x1B$BF"), u"?");                      // half a character
-  EXPECT_EQ(Decoded(50220, "\x1B$BF|\nnext"), u"日\nnext");        // the next line is ASCII again
+  EXPECT_EQ(Decoded(65001, "\xC0\x80"), u"\uFFFD\uFFFD");      // overlong
+  EXPECT_EQ(Decoded(65001, "\xED\xA0\x80").size(), 3u);        // surrogate
+  EXPECT_EQ(Decoded(65001, "ok\xE2\x82"), u"ok\uFFFD\uFFFD");  // cut off
+  EXPECT_EQ(Decoded(50220, "\x1B$BF"), u"?");                  // half a character
+  EXPECT_EQ(Decoded(50220, "\x1B$BF|\nnext"), u"日\nnext");    // the next line is ASCII again
   EXPECT_EQ(Decoded(1200, "a"), u"");
 }
 

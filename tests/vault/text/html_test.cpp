@@ -16,9 +16,10 @@ std::u16string Decoded(std::string_view html, unsigned code_page) {
 }
 
 TEST(Html, LinesAndCells) {
-  EXPECT_EQ(HtmlToText(u"<html><head><title>T</title><style>p{}</style></head><body>\n <p>one\n two</p> <div>three<br>four"
-                       u"</div><ul><li>a</li><li>b</li></ul></body></html>"),
-            u"one two\r\nthree\r\nfour\r\na\r\nb");
+  EXPECT_EQ(
+      HtmlToText(u"<html><head><title>T</title><style>p{}</style></head><body>\n <p>one\n two</p> <div>three<br>four"
+                 u"</div><ul><li>a</li><li>b</li></ul></body></html>"),
+      u"one two\r\nthree\r\nfour\r\na\r\nb");
   EXPECT_EQ(HtmlToText(u"<table><tr><td>a</td><td><p>b</p></td></tr>\n<tr><th>c<th>d</table>e"), u"a\tb\r\nc\td\r\ne");
   EXPECT_EQ(HtmlToText(u"x<pre>\n  a\r\n  b</pre>y  z"), u"x\r\n  a\r\n  b\r\ny z");
   EXPECT_EQ(HtmlToText(u"<p></p><div></div>a<br><br>b<p></p>"), u"a\r\n\r\nb");
@@ -43,9 +44,9 @@ TEST(Html, WhatOnlyLooksLikeMarkup) {
 
 TEST(Html, CharacterReferences) {
   EXPECT_EQ(HtmlToText(u"&lt;&amp;&gt;&quot;&apos;&eacute;&euro;&mdash;&thetasym;"), u"<&>\"'é€—ϑ");
-  EXPECT_EQ(HtmlToText(u"&#233;&#xE9;&#XE9;&#128;&#x1F600;&#0;&#xD800;&#99999999999;"),
-            u"ééé€\U0001F600\uFFFD\uFFFD");
-  EXPECT_EQ(HtmlToText(u"&copy2024 &eacutex &notit; &bogus; &; &#; &#x; AT&T"), u"©2024 éx ¬it; &bogus; &; &#; &#x; AT&T");
+  EXPECT_EQ(HtmlToText(u"&#233;&#xE9;&#XE9;&#128;&#x1F600;&#0;&#xD800;&#99999999999;"), u"ééé€\U0001F600\uFFFD\uFFFD");
+  EXPECT_EQ(HtmlToText(u"&copy2024 &eacutex &notit; &bogus; &; &#; &#x; AT&T"),
+            u"©2024 éx ¬it; &bogus; &; &#; &#x; AT&T");
   EXPECT_EQ(HtmlToText(u"a&nbsp;b soft&shy;ly"), u"a\u00A0b softly");
 }
 
@@ -63,8 +64,9 @@ TEST(Html, CharsetComesFromMarkCallerOrDocument) {
 
 TEST(Html, TimeIsLinearWhateverComes) {
   constexpr std::size_t kRepeats = 300'000;
-  const std::u16string_view patterns[] = {u"<title>", u"<!--", u"<![CDATA[", u"<a b=\"", u"<a b='\">", u"<a b=\"'>", u"<",
-                                          u"</", u"&#", u"&amp", u"<pre>", u"<td>", u"<x a=\"", u"<script></", u"<a"};
+  const std::u16string_view patterns[] = {u"<title>",   u"<!--", u"<![CDATA[", u"<a b=\"",    u"<a b='\">",
+                                          u"<a b=\"'>", u"<",    u"</",        u"&#",         u"&amp",
+                                          u"<pre>",     u"<td>", u"<x a=\"",   u"<script></", u"<a"};
   const auto start = std::chrono::steady_clock::now();
   for (const auto pattern : patterns) {
     std::u16string html;
@@ -76,7 +78,8 @@ TEST(Html, TimeIsLinearWhateverComes) {
 }
 
 TEST(Html, SurvivesDamageAnywhere) {
-  const std::u16string whole = u"<html><!--c--><p a=\"b\">x&eacute;&#233;</p><pre>\r\n</pre><![CDATA[d]]><script>e</script>";
+  const std::u16string whole =
+      u"<html><!--c--><p a=\"b\">x&eacute;&#233;</p><pre>\r\n</pre><![CDATA[d]]><script>e</script>";
   std::mt19937 random(11);
   for (int round = 0; round < 5000; ++round) {
     std::u16string damaged = whole;

@@ -16,7 +16,9 @@ RtfDocument Read(std::string_view rtf) {
   static const test::IconvCodePages pages;
   return ReadRtf(rtf, pages);
 }
-std::u16string TextOf(std::string_view rtf) { return Read(rtf).text; }
+std::u16string TextOf(std::string_view rtf) {
+  return Read(rtf).text;
+}
 
 std::vector<std::uint8_t> FromHex(std::string_view hex) {
   std::vector<std::uint8_t> bytes;
@@ -55,9 +57,10 @@ TEST(CompressedRtf, ReadsStoredAndDamagedStreams) {
 }
 
 TEST(Rtf, VisibleTextOnly) {
-  EXPECT_EQ(TextOf("{\\rtf1\\ansi{\\fonttbl{\\f0 Arial;}}{\\colortbl;\\red1;}{\\stylesheet{Normal;}}{\\info{\\title T}}"
-                   "{\\*\\generator X;}{\\pict\\bin4 }}{}}one\\par two\\line three\\tab four\\emdash\\lquote x\\rquote }"),
-            u"one\r\ntwo\r\nthree\tfour—‘x’");
+  EXPECT_EQ(
+      TextOf("{\\rtf1\\ansi{\\fonttbl{\\f0 Arial;}}{\\colortbl;\\red1;}{\\stylesheet{Normal;}}{\\info{\\title T}}"
+             "{\\*\\generator X;}{\\pict\\bin4 }}{}}one\\par two\\line three\\tab four\\emdash\\lquote x\\rquote }"),
+      u"one\r\ntwo\r\nthree\tfour—‘x’");
   EXPECT_EQ(TextOf("{\\rtf1 a\\{b\\}\\\\c\\~d\\_e\\-f}"), u"a{b}\\c\u00A0d-ef");
   EXPECT_EQ(TextOf("{\\rtf1\\trowd a\\cell b\\cell\\row c\\par}"), u"a\tb\t\r\nc\r\n");
   EXPECT_EQ(TextOf("{\\rtf1{\\field{\\*\\fldinst HYPERLINK \"u\"}{\\fldrslt shown}}}"), u"shown");
@@ -68,9 +71,9 @@ TEST(Rtf, UnicodeAndItsFallbacks) {
   EXPECT_EQ(TextOf("{\\rtf1\\u233?x}"), u"éx");
   EXPECT_EQ(TextOf("{\\rtf1\\uc2\\u8364\\'80\\'80x}"), u"€x");
   EXPECT_EQ(TextOf("{\\rtf1\\uc0\\u-10179\\u-8704 x}"), u"\U0001F600x");
-  EXPECT_EQ(TextOf("{\\rtf1{\\uc0\\u233}\\u233?x}"), u"ééx");   // \uc ends with its group
-  EXPECT_EQ(TextOf("{\\rtf1{\\u233}x}"), u"éx");                // and so does the skipping
-  EXPECT_EQ(TextOf("{\\rtf1\\u233\\tab x}"), u"éx");            // a control word is one character
+  EXPECT_EQ(TextOf("{\\rtf1{\\uc0\\u233}\\u233?x}"), u"ééx");  // \uc ends with its group
+  EXPECT_EQ(TextOf("{\\rtf1{\\u233}x}"), u"éx");               // and so does the skipping
+  EXPECT_EQ(TextOf("{\\rtf1\\u233\\tab x}"), u"éx");           // a control word is one character
 }
 
 TEST(Rtf, BytesFollowTheFont) {
@@ -79,8 +82,10 @@ TEST(Rtf, BytesFollowTheFont) {
       "{\\f3\\cpg1253 G;}{\\f4\\fcharset1 D;}}";
   EXPECT_EQ(TextOf(fonts + "\\f0\\'e9\\f1\\'ff\\f2\\'93\\'fa\\f3\\'e1\\f4\\'e9}"), u"éя日αé");
   EXPECT_EQ(TextOf(fonts + "\\f1\\'ff\\plain\\'e9{\\f1\\'ff}\\'e9}"), u"яéяé");
-  EXPECT_EQ(TextOf(fonts + "\\f2\\'83A\\'83\\{x}"), u"ア" u"ボx");     // second halves that look like text
-  EXPECT_EQ(TextOf(fonts + "\\f2 \x83\x5C\x83}x}"), u"ソマx");         // and raw ones that look like markup
+  EXPECT_EQ(TextOf(fonts + "\\f2\\'83A\\'83\\{x}"),
+            u"ア"
+            u"ボx");                                            // second halves that look like text
+  EXPECT_EQ(TextOf(fonts + "\\f2 \x83\x5C\x83}x}"), u"ソマx");  // and raw ones that look like markup
 }
 
 const std::string kHtmlHead =

@@ -1,0 +1,449 @@
+// What the indexer gets for every kind of item, out of stores that the test writes.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <filesystem>
+
+#include "tests/support/item_chunks.h"
+#include "tests/support/module_host.h"
+#include "vault/writer.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using Microsoft::WRL::ComPtr;
+
+constexpr CLSID kClass = {0x6E2F0B6A, 0x3C41, 0x4D0E, {0x9A, 0x57, 0x2B, 0x80, 0xC1, 0x64, 0xE7, 0x1D}};
+constexpr wchar_t kRoot[] = L"zkoffline3x://{S-1-5-21-1}/default/";
+constexpr wchar_t kPolicyKey[] = L"Software\\Policies\\Microsoft\\Windows\\Windows Search";
+constexpr ULONG kMail = 0xE3E0584C, kStorage = 0xB725F130, kSummary = 0xF29F85E0, kShell = 0x28636AA6,
+                kLink = 0x0B63E343, kKind = 0x1E3EE840;
+
+// The filter of a file type: one text chunk with the file's bytes.
+class FileFilter final : public IFilter, public IPersistStream {
+ public:
+  STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
+    *object = nullptr;
+    if (iid == IID_IFilter || iid == IID_IUnknown) *object = static_cast<IFilter*>(this);
+    if (iid == IID_IPersistStream) *object = static_cast<IPersistStream*>(this);
+    if (*object) AddRef();
+    return *object ? S_OK : E_NOINTERFACE;
+  }
+  STDMETHODIMP_(ULONG) AddRef() override { return ++references_; }
+  STDMETHODIMP_(ULONG) Release() override {
+    const ULONG left = --references_;
+    if (!left) delete this;
+    return left;
+  }
+  STDMETHODIMP GetClassID(CLSID*) override { return E_NOTIMPL; }
+  STDMETHODIMP IsDirty() override { return S_FALSE; }
+  STDMETHODIMP Save(IStream*, BOOL) override { return E_NOTIMPL; }
+  STDMETHODIMP GetSizeMax(ULARGE_INTEGER*) override { return E_NOTIMPL; }
+  STDMETHODIMP Load(IStream* stream) override {
+    char bytes[4096];
+    ULONG read = 0;
+    const HRESULT hr = stream ? stream->Read(bytes, sizeof(bytes), &read) : E_POINTER;
+    text_.assign(bytes, bytes + read);
+    return hr;
+  }
+  STDMETHODIMP_(SCODE) Init(ULONG, ULONG, const FULLPROPSPEC*, ULONG*) override { return S_OK; }
+  STDMETHODIMP_(SCODE) GetChunk(STAT_CHUNK* stat) override {
+    if (given_++) return FILTER_E_END_OF_CHUNKS;
+    *stat = {};
+    stat->idChunk = 1;
+    stat->flags = CHUNK_TEXT;
+    return S_OK;
+  }
+  STDMETHODIMP_(SCODE) GetText(ULONG* count, WCHAR* buffer) override {
+    if (text_.empty()) return FILTER_E_NO_MORE_TEXT;
+    text_.copy(buffer, text_.size());
+    *count = static_cast<ULONG>(text_.size());
+    text_.clear();
+    return FILTER_S_LAST_TEXT;
+  }
+  STDMETHODIMP_(SCODE) GetValue(PROPVARIANT**) override { return FILTER_E_NO_VALUES; }
+  STDMETHODIMP_(SCODE) BindRegion(FILTERREGION, REFIID, void**) override { return E_NOTIMPL; }
+
+ private:
+  std::atomic<ULONG> references_ = 1;
+  std::wstring text_;
+  int given_ = 0;
+};
+
+class Site final : public IProtocolHandlerSite {
+ public:
+  STDMETHODIMP QueryInterface(REFIID, void**) override { return E_NOINTERFACE; }
+  STDMETHODIMP_(ULONG) AddRef() override { return 2; }
+  STDMETHODIMP_(ULONG) Release() override { return 1; }
+  STDMETHODIMP GetFilter(CLSID*, LPCWSTR, LPCWSTR extension, IFilter** filter) override {
+    *filter = !wcscmp(extension, L"txt") ? new FileFilter : nullptr;
+    return *filter ? S_OK : E_FAIL;
+  }
+};
+
+class Filter : public testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(host_.loaded());
+    CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+    wchar_t temp[MAX_PATH];
+    GetTempPathW(MAX_PATH, temp);
+    folder_ = fs::path(temp) / (L"HoardexFilterTest" + std::to_wstring(GetCurrentProcessId()));
+    fs::create_directories(folder_ / "Vault");
+    ScratchRegistry::SetString(HKEY_CURRENT_USER, L"SOFTWARE\\Trelmo\\Zarnak\\Client\\Vault", L"HXRootDirectory",
+                               folder_.wstring());
+    ComPtr<IClassFactory> factory;
+    ASSERT_EQ(host_.GetClassObject(kClass, IID_IClassFactory, &factory), S_OK);
+    ASSERT_EQ(factory->CreateInstance(nullptr, __uuidof(ISearchProtocol),
+                                      reinterpret_cast<void**>(protocol_.ReleaseAndGetAddressOf())),
+              S_OK);
+    Start();
+  }
+  void TearDown() override {
+    if (protocol_) protocol_->ShutDown();
+    protocol_.Reset();
+    fs::remove_all(folder_);
+    CoUninitialize();
+  }
+
+  void Start() {
+    TIMEOUT_INFO timeouts = {};
+    PROXY_INFO proxy = {};
+    ASSERT_EQ(protocol_->Init(&timeouts, &site_, &proxy), S_OK);
+  }
+  std::wstring Write(const vault::StoreBuilder& store) {
+    store.Write(folder_ / "Vault" / "items.db");
+    return kRoot + (folder_ / "Vault" / "items.db").wstring();
+  }
+  std::vector<Chunk> Read(const std::wstring& url, ULONG room = 1000) {
+    Item item(protocol_.Get(), url);
+    EXPECT_EQ(item.result, S_OK);
+    if (FAILED(item.result)) return {};
+    EXPECT_EQ(item.Bind(), S_OK);
+    std::vector<Chunk> chunks = item.ReadAll(room);
+    EXPECT_EQ(item.last, static_cast<HRESULT>(FILTER_E_END_OF_CHUNKS));
+    return chunks;
+  }
+  static std::vector<std::wstring> Links(const std::vector<Chunk>& chunks) {
+    std::vector<std::wstring> links;
+    for (const Chunk& chunk : chunks)
+      if (chunk.fmtid == kLink) links.push_back(chunk.text);
+    return links;
+  }
+  // The URLs of the messages of the store's first folder.
+  std::vector<std::wstring> MessagesOf(const std::wstring& vault) {
+    for (const std::wstring& folder : Links(Read(vault))) {
+      std::vector<std::wstring> links = Links(Read(folder));
+      if (!links.empty()) return links;
+    }
+    return {};
+  }
+  static const Chunk* Find(const std::vector<Chunk>& chunks, ULONG fmtid, ULONG pid) {
+    for (const Chunk& chunk : chunks)
+      if (chunk.fmtid == fmtid && chunk.pid == pid) return &chunk;
+    return nullptr;
+  }
+  static std::wstring Text(const std::vector<Chunk>& chunks, ULONG fmtid, ULONG pid) {
+    const Chunk* chunk = Find(chunks, fmtid, pid);
+    return chunk ? chunk->text : L"<absent>";
+  }
+  static vault::MessageBuilder& AddMail(vault::FolderBuilder& folder) {
+    return folder.AddMessage("IPM.Note")
+        .Subject("Invoice 17")
+        .From("Ann Smith", "ann@example.com")
+        .To("Bob", "bob@example.org")
+        .Cc("Cy", "cy@example.net")
+        .SubmitTime(vault::FileTime(2024, 5, 2, 9, 30));
+  }
+  static std::wstring TemporaryFolder() {
+    wchar_t folder[MAX_PATH];
+    SHGetFolderPathW(nullptr, CSIDL_APPDATA, nullptr, 0, folder);
+    return std::wstring(folder) + L"\\zkoffline3x";
+  }
+
+  ModuleHost host_;
+  Site site_;
+  fs::path folder_;
+  ComPtr<ISearchProtocol> protocol_;
+};
+
+TEST_F(Filter, EmitsAMailInItsLaidDownOrder) {
+  vault::StoreBuilder store("items");
+  auto& mail = AddMail(store.top().AddFolder("Inbox")).Body("The body of the invoice.");
+  mail.Binary(0x0071, std::string("\x01\xAB\x00\xFF", 4)).Int(0x1090, 2);
+  mail.AttachFile("notes.txt", "text of the notes").Time(0x3008, vault::FileTime(2024, 5, 1));
+  mail.AttachFile("photo.xyz", "no filter for this");
+  const auto messages = MessagesOf(Write(store));
+  ASSERT_EQ(messages.size(), 1u);
+  const std::vector<Chunk> chunks = Read(messages[0]);
+
+  const std::pair<ULONG, ULONG> expected[] = {
+      {kMail, 7}, {kShell, 11}, {0xDABD30ED, 100}, {kMail, 6}, {kStorage, 4}, {0xF23F425C, 100}, {0x6B8DA074, 100},
+      {kSummary, 4}, {0xF7DB74B4, 100}, {kStorage, 2}, {kKind, 3}, {kMail, 16}, {kMail, 4}, {kMail, 2}, {kMail, 13},
+      {0x0DA41CFA, 100}, {kSummary, 2}, {0x5CDA5FC8, 100}, {kMail, 20}, {kMail, 5}, {kMail, 17}, {kStorage, 12},
+      {kSummary, 3}, {kMail, 14}, {kStorage, 19}, {kMail, 19}, {0x0BE1C8E7, 100}, {kStorage, 15}, {kMail, 10},
+      {0x5DA84765, 100}, {0xDC8F80BD, 100}, {0xAAA660F9, 100}, {0x560C36C0, 2}, {kMail, 21}, {0x9C1FCF74, 8},
+      {kLink, 12}};
+  ASSERT_EQ(chunks.size(), std::size(expected));
+  for (size_t i = 0; i < chunks.size(); ++i) {
+    EXPECT_EQ(std::pair(chunks[i].fmtid, chunks[i].pid), expected[i]) << i;
+    EXPECT_EQ(chunks[i].id, i + 1) << "ids count up from 1";
+    EXPECT_EQ(chunks[i].is_text, expected[i] == std::pair(kStorage, ULONG{19})) << i;
+  }
+  EXPECT_EQ(Text(chunks, kMail, 7), L"Tessary");
+  EXPECT_EQ(Text(chunks, kShell, 11), L"MAPI/ZK.Message");
+  EXPECT_EQ(Text(chunks, kStorage, 4), L"Tessary E-Mail Message");
+  EXPECT_EQ(Text(chunks, kKind, 3), L"email;communication");
+  for (ULONG pid : {2u, 3u}) EXPECT_EQ(Text(chunks, kSummary, pid), L"Invoice 17");
+  EXPECT_EQ(Text(chunks, kMail, 16), L"bob@example.org; ");
+  EXPECT_EQ(Text(chunks, kMail, 4), L"cy@example.net; ");
+  EXPECT_EQ(Text(chunks, kMail, 2), L"");
+  EXPECT_EQ(Text(chunks, kMail, 13), L"ann@example.com");
+  EXPECT_EQ(Text(chunks, kStorage, 19), L"The body of the invoice.");
+  EXPECT_EQ(Text(chunks, 0x560C36C0, 2), L"The body of the invoice....");
+  EXPECT_EQ(Text(chunks, 0xDC8F80BD, 100), L"01AB00FF");
+  EXPECT_EQ(Text(chunks, kMail, 21), L"notes.txt;photo.xyz");
+  EXPECT_EQ(Find(chunks, 0x9C1FCF74, 8)->number, VARIANT_TRUE);
+  EXPECT_EQ(Find(chunks, 0x5DA84765, 100)->number, VARIANT_TRUE);
+  EXPECT_EQ(Find(chunks, 0xF23F425C, 100)->number, VARIANT_FALSE);
+  EXPECT_EQ(Find(chunks, kMail, 19)->number, vault::FileTime(2024, 5, 2, 9, 30));
+  EXPECT_EQ(Find(chunks, kStorage, 12)->type, VT_I8);
+  EXPECT_EQ(chunks.back().number, vault::FileTime(2024, 5, 1));
+  EXPECT_EQ(chunks.back().text.substr(chunks.back().text.rfind(L'/')), L"/notes.txt");
+}
+
+TEST_F(Filter, StartsTheMessageAgainWithIdsGoingOn) {
+  vault::StoreBuilder store("items");
+  AddMail(store.top().AddFolder("Inbox")).Body("Text").AttachFile("a.txt", "x");
+  Item item(protocol_.Get(), MessagesOf(Write(store)).at(0));
+  ASSERT_EQ(item.Bind(), S_OK);
+  const auto first = item.ReadAll();
+  STAT_CHUNK stat = {};
+  EXPECT_EQ(item.filter->GetChunk(&stat), static_cast<HRESULT>(FILTER_E_END_OF_CHUNKS));
+  const auto second = item.ReadAll();
+  ASSERT_EQ(first.size(), second.size());
+  for (size_t i = 0; i < first.size(); ++i) {
+    EXPECT_EQ(second[i].id, first[i].id + first.size());
+    EXPECT_EQ(second[i].text, first[i].text) << i;
+  }
+}
+
+TEST_F(Filter, GivesEveryItemTypeItsOwnSteps) {
+  using namespace vault;
+  StoreBuilder store("items");
+  auto& folder = store.top().AddFolder("All");
+  const auto start = FileTime(2024, 3, 1, 8), end = FileTime(2024, 3, 1, 9);
+  folder.AddMessage("IPM.Appointment").Subject("Meeting").To("Bob", "bob@example.org")
+      .Time({kAppointmentSet, 0x820D}, start).Time({kAppointmentSet, 0x820E}, end).Int({kAppointmentSet, 0x8205}, 2)
+      .Bool({kAppointmentSet, 0x8223}, true).Text({kAppointmentSet, 0x8208}, "Room 5");
+  folder.AddMessage("IPM.Task").Subject("Task").Time({kTaskSet, 0x8104}, start).Time({kTaskSet, 0x8105}, end)
+      .Bool({kTaskSet, 0x811C}, true).Text({kTaskSet, 0x811F}, "Ann").Int({kTaskSet, 0x8101}, 1);
+  folder.AddMessage("IPM.Contact").Subject("Card").Text(0x3001, "Ann Smith").Text(0x3A16, "Example Ltd")
+      .Text({kAddressSet, 0x8083}, "ann@example.com").Text(0x3A1C, "+44 1");
+  folder.AddMessage("ipm.stickynote").Subject("Note").Int({kNoteSet, 0x8B00}, 3);
+  folder.AddMessage("IPM.Note").Body("No subject here");
+  const auto urls = MessagesOf(Write(store));
+  ASSERT_EQ(urls.size(), 5u);
+
+  const auto appointment = Read(urls[0]);
+  EXPECT_EQ(Text(appointment, kKind, 3), L"calendar;communication");
+  EXPECT_EQ(Text(appointment, kShell, 11), L"MAPI/ZK.Appointment");
+  EXPECT_EQ(Find(appointment, 0x48FD6EC8, 100)->number, start);
+  EXPECT_EQ(Find(appointment, 0xC75FAA05, 100)->number, end);
+  EXPECT_EQ(Find(appointment, 0x5BF396D4, 100)->number, 2);
+  EXPECT_EQ(Find(appointment, 0x315B9C8D, 100)->number, VARIANT_TRUE);
+  EXPECT_EQ(Text(appointment, 0xF6272D18, 100), L"Room 5");
+  EXPECT_EQ(Text(appointment, 0xB33AF30B, 100), L"Bob");
+  EXPECT_EQ(Text(appointment, 0x0BA7D6C3, 100), L"bob@example.org; ");
+
+  const auto task = Read(urls[1]);
+  EXPECT_EQ(Text(task, kKind, 3), L"task;taskrequest;communication");
+  EXPECT_EQ(Find(task, 0x3F8472B5, 100)->number, end);
+  EXPECT_EQ(Find(task, 0xA6F360D2, 100)->number, VARIANT_TRUE);
+  EXPECT_EQ(Text(task, 0x08C7CC5F, 100), L"Ann");
+  EXPECT_EQ(Find(task, 0xBE1A72C6, 100)->type, VT_UI2);
+  EXPECT_EQ(Find(task, 0x315B9C8D, 100), nullptr) << "a property that the task lacks has no step";
+
+  const auto contact = Read(urls[2]);
+  EXPECT_EQ(Text(contact, kShell, 11), L"MAPI/ZK.Contact");
+  EXPECT_EQ(Text(contact, 0x635E9051, 100), L"Ann Smith");
+  EXPECT_EQ(Text(contact, 0xD5CDD502, 15), L"Example Ltd");
+  EXPECT_EQ(Text(contact, 0xF8FA7FA3, 100), L"ann@example.com");
+  EXPECT_EQ(Text(contact, 0x176DC63C, 35), L"+44 1");
+
+  const auto note = Read(urls[3]);
+  EXPECT_EQ(Text(note, kKind, 3), L"note;stickynote;communication");
+  EXPECT_EQ(Find(note, 0x4776CAFA, 100)->number, 3);
+
+  const auto bare = Read(urls[4]);
+  EXPECT_EQ(Text(bare, 0x6B8DA074, 100), L"[No subject]");
+  for (ULONG pid : {2u, 3u}) EXPECT_EQ(Text(bare, kSummary, pid), L"[No subject]");
+}
+
+TEST_F(Filter, WalksContainersWithOrWithoutTheClosingSlash) {
+  vault::StoreBuilder store("items");
+  auto& inbox = store.top().AddFolder("Inbox");
+  AddMail(inbox);
+  inbox.AddFolder("Deeper").AddFolder("Deepest");
+  const std::wstring vault = Write(store);
+  const auto root = Read(kRoot);
+  ASSERT_EQ(root.size(), 3u);
+  EXPECT_EQ(root[0].text, L"Tessary");
+  EXPECT_EQ(root[1].text, L"/");
+  EXPECT_EQ(root[2].text, vault + L"/");
+  const std::wstring trimmed_root(kRoot, wcslen(kRoot) - 1);
+  EXPECT_EQ(Links(Read(trimmed_root)), Links(root));
+
+  const auto top = Read(vault), top_slash = Read(vault + L"/");
+  EXPECT_EQ(Links(top), Links(top_slash));
+  EXPECT_EQ(top[0].text, L"items");
+  EXPECT_EQ(top[1].text, L"/Tessary");
+  std::wstring folder;
+  for (const std::wstring& link : Links(top))
+    if (Read(link)[0].text == L"Inbox") folder = link;
+  ASSERT_FALSE(folder.empty());
+  const auto inbox_chunks = Read(folder);
+  EXPECT_EQ(inbox_chunks[1].text, L"/Tessary/items");
+  const auto children = Links(inbox_chunks);
+  ASSERT_EQ(children.size(), 2u);
+  EXPECT_NE(children[0].find(L"]].zkm"), std::wstring::npos) << "messages come first";
+  EXPECT_EQ(children[1].back(), L'/');
+  EXPECT_EQ(Links(Read(folder.substr(0, folder.size() - 1))), children);
+  const auto deeper = Read(children[1]);
+  EXPECT_EQ(deeper[0].text, L"Deeper");
+  EXPECT_EQ(deeper[1].text, L"/Tessary/items/Inbox");
+}
+
+TEST_F(Filter, StreamsBodiesOfAnySize) {
+  vault::StoreBuilder store("items");
+  auto& folder = store.top().AddFolder("Inbox");
+  std::string large;
+  for (int i = 0; large.size() < 300'000; ++i) large += "word" + std::to_string(i) + " ";
+  const std::string bodies[] = {"short", std::string(1000, 'x'), std::string(2500, 'y'), large};
+  for (const std::string& body : bodies) AddMail(folder).Body(body);
+  folder.AddMessage("IPM.Note").Subject("none");
+  const auto urls = MessagesOf(Write(store));
+  ASSERT_EQ(urls.size(), 5u);
+  for (size_t i = 0; i < std::size(bodies); ++i) {
+    const std::wstring body(bodies[i].begin(), bodies[i].end());
+    for (ULONG room : {1000u, 2000u, 7u}) {
+      if (room == 7 && i == 3) continue;
+      const auto chunks = Read(urls[i], room);
+      EXPECT_EQ(Text(chunks, kStorage, 19) == body, true) << i << " by " << room;
+      const size_t first = std::min<size_t>(room, body.size());
+      EXPECT_EQ(Text(chunks, 0x560C36C0, 2), body.substr(0, first < 1020 ? first : 1019) + L"...");
+    }
+  }
+  const auto none = Read(urls[4]);
+  EXPECT_EQ(Find(none, kStorage, 19), nullptr);
+  EXPECT_EQ(Text(none, 0x560C36C0, 2), L"...");
+}
+
+TEST_F(Filter, HandsAnAttachmentToTheFilterOfItsTypeAndCleansUp) {
+  vault::StoreBuilder store("items");
+  auto& mail = AddMail(store.top().AddFolder("Inbox"));
+  const auto time = vault::FileTime(2024, 5, 1);
+  mail.AttachFile("..\\..\\evil name.txt", "words of the attachment").Time(0x3008, time);
+  mail.AttachFile("plain.txt", "second").Time(0x3008, time);
+  const auto messages = MessagesOf(Write(store));
+  const auto links = Links(Read(messages.at(0)));
+  ASSERT_EQ(links.size(), 2u);
+  {
+    Item item(protocol_.Get(), links[0]);
+    ASSERT_EQ(item.result, S_OK);
+    ULONGLONG size = 0;
+    EXPECT_EQ(item.accessor->GetSize(&size), S_OK);
+    EXPECT_EQ(size, 23u);
+    EXPECT_EQ(item.accessor->IsDirectory(), S_FALSE);
+    EXPECT_EQ(std::distance(fs::directory_iterator(TemporaryFolder()), {}), 1);
+    ASSERT_EQ(item.Bind(), S_OK);
+    const auto chunks = item.ReadAll();
+    ASSERT_EQ(chunks.size(), 15u) << "fourteen of its own, then those of its type";
+    EXPECT_EQ(chunks[14].text, L"words of the attachment");
+    EXPECT_EQ(chunks[10].text, L"..\\..\\evil name.txt");
+    EXPECT_EQ(chunks[5].text, L"Ann Smith");
+    EXPECT_EQ(chunks[9].number, VARIANT_TRUE);
+    item.Close();
+    EXPECT_EQ(std::distance(fs::directory_iterator(TemporaryFolder()), {}), 0);
+  }
+  const size_t name = links[1].rfind(L'/'), record = links[1].rfind(L'/', name - 1);
+  Item wrong(protocol_.Get(), links[1].substr(0, record + 1) + L"FFFFFFFF" + links[1].substr(name));
+  EXPECT_EQ(wrong.result, E_FAIL);
+  EXPECT_EQ(protocol_->ShutDown(), S_OK);
+  EXPECT_FALSE(fs::exists(TemporaryFolder()));
+}
+
+TEST_F(Filter, ObeysThePolicyOnAttachments) {
+  vault::StoreBuilder store("items");
+  auto& mail = AddMail(store.top().AddFolder("Inbox")).Body("Body");
+  for (const char* name : {"a.txt", "b.doc"}) mail.AttachFile(name, "x").Time(0x3008, vault::FileTime(2024, 5, 1));
+  const std::wstring message = MessagesOf(Write(store)).at(0);
+  const std::wstring attachment = Links(Read(message)).at(0);
+
+  ScratchRegistry::SetString(HKEY_LOCAL_MACHINE, kPolicyKey, L"ExcludedExtensionsMultiline0", L".DOC");
+  ScratchRegistry::SetString(HKEY_LOCAL_MACHINE, kPolicyKey, L"ExcludedExtensionsMultiline2", L"zip");
+  Start();
+  EXPECT_EQ(Text(Read(message), kMail, 21), L"a.txt;");
+
+  ScratchRegistry::SetDword(HKEY_LOCAL_MACHINE, kPolicyKey, L"PreventIndexingEmailAttachments", 2);
+  Start();
+  EXPECT_EQ(Links(Read(message)).size(), 1u) << "only 1 prevents";
+
+  ScratchRegistry::SetDword(HKEY_LOCAL_MACHINE, kPolicyKey, L"PreventIndexingEmailAttachments", 1);
+  Start();
+  const auto chunks = Read(message);
+  EXPECT_EQ(std::count_if(chunks.begin(), chunks.end(), [](const Chunk& c) { return c.pid == 0; }), 3);
+  EXPECT_EQ(Find(chunks, 0xF23F425C, 100), nullptr);
+  EXPECT_TRUE(Links(chunks).empty());
+  Item item(protocol_.Get(), attachment);
+  ASSERT_EQ(item.result, S_OK);
+  ASSERT_EQ(item.Bind(), S_OK);
+  for (int call = 0; call < 30; ++call) {
+    STAT_CHUNK stat = {};
+    EXPECT_EQ(item.filter->GetChunk(&stat), S_OK);
+    EXPECT_EQ(stat.idChunk, 0u) << "the structure is left alone";
+  }
+}
+
+TEST_F(Filter, AnswersAsAnAccessorMust) {
+  vault::StoreBuilder store("items");
+  AddMail(store.top().AddFolder("Inbox"));
+  const std::wstring vault = Write(store);
+  const std::wstring message = MessagesOf(vault).at(0);
+  AUTHENTICATION_INFO authentication = {};
+  INCREMENTAL_ACCESS_INFO incremental = {};
+  ComPtr<IUrlAccessor> accessor;
+  EXPECT_EQ(protocol_->CreateAccessor(vault.c_str(), &authentication, &incremental, nullptr, &accessor), E_POINTER);
+
+  Item mail(protocol_.Get(), message);
+  const size_t open = message.find(L"[[");
+  const ULONGLONG listed = std::stoull(message.substr(open + 2));
+  ULONGLONG size = 1;
+  EXPECT_EQ(mail.accessor->GetSize(&size), S_OK);
+  EXPECT_EQ(size, listed);
+  EXPECT_EQ(mail.accessor->GetSize(&size), S_OK);
+  EXPECT_EQ(size, 0u) << "the URL keeps no size";
+  EXPECT_EQ(mail.accessor->GetSize(nullptr), E_POINTER);
+  EXPECT_EQ(mail.accessor->IsDirectory(), S_FALSE);
+  FILETIME time;
+  EXPECT_EQ(mail.accessor->GetLastModified(&time), S_OK);
+  EXPECT_EQ(TicksOf(time), vault::FileTime(2024, 5, 2, 9, 30));
+  EXPECT_EQ(mail.accessor->BindToStream(nullptr), E_NOTIMPL);
+
+  Item folder(protocol_.Get(), vault);
+  EXPECT_EQ(folder.accessor->IsDirectory(), S_OK);
+  EXPECT_EQ(folder.accessor->GetLastModified(&time), E_NOTIMPL);
+  EXPECT_EQ(TicksOf(time), 0);
+
+  // Case, forward slashes and the closing slash of a vault's path do not matter.
+  std::wstring forward = vault;
+  for (size_t i = wcslen(kRoot); i < forward.size(); ++i)
+    if (forward[i] == L'\\') forward[i] = L'/';
+  EXPECT_EQ(Links(Read(forward)).size(), Links(Read(vault)).size());
+  Item absent(protocol_.Get(), std::wstring(kRoot) + L"Z:\\no\\such.db");
+  EXPECT_EQ(absent.result, E_OUTOFMEMORY);
+  Item foreign(protocol_.Get(), L"http://example.com/");
+  EXPECT_EQ(foreign.result, E_OUTOFMEMORY);
+}
+
+}  // namespace

@@ -1,0 +1,167 @@
+#include "vault/writer.h"
+
+#include <chrono>
+#include <cstring>
+
+#include "vault/bytes.h"
+#include "vault/error.h"
+#include "vault/value.h"
+
+namespace vault {
+namespace {
+
+std::vector<std::uint8_t> TextBytes(std::string_view utf8) {
+  const std::u16string text = Utf16FromUtf8(utf8);
+  std::vector<std::uint8_t> bytes(text.size() * 2);
+  if (!text.empty()) std::memcpy(bytes.data(), text.data(), bytes.size());
+  return bytes;
+}
+
+void Append32(std::vector<std::uint8_t>& to, std::uint32_t value) {
+  for (int i = 0; i < 4; ++i) to.push_back(static_cast<std::uint8_t>(value >> (8 * i)));
+}
+
+// 16 bytes that differ where the text differs; not a secret, only an identity.
+Guid IdentityOf(std::string_view text) {
+  Guid id{};
+  std::uint64_t hash = 0xCBF29CE484222325;  // FNV-1a
+  for (std::size_t half = 0; half < 2; ++half) {
+    for (const char c : text) hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001B3;
+    hash = (hash ^ half) * 0x100000001B3;
+    std::memcpy(id.data() + 8 * half, &hash, 8);
+  }
+  return id;
+}
+
+}  // namespace
+
+std::int64_t FileTime(int year, unsigned month, unsigned day, unsigned hour, unsigned minute, unsigned second) {
+  namespace chr = std::chrono;
+  const chr::sys_days date = chr::year(year) / chr::month(month) / chr::day(day);
+  const chr::sys_days origin = chr::year(1601) / 1 / 1;
+  return ((date - origin).count() * std::int64_t{86400} + hour * 3600 + minute * 60 + second) * 10'000'000;
+}
+
+PropertyKey::PropertyKey(const Guid& set, std::string_view name) : name_{set, 0, Utf16FromUtf8(name)} {}
+
+template <typename Self>
+Self& WithProperties<Self>::Text(const PropertyKey& key, std::string_view utf8) {
+  return Set(key, PropType::kUnicode, TextBytes(utf8));
+}
+
+template <typename Self>
+Self& WithProperties<Self>::Texts(const PropertyKey& key, const std::vector<std::string>& utf8) {
+  std::vector<std::uint8_t> bytes, data;
+  Append32(bytes, static_cast<std::uint32_t>(utf8.size()));
+  for (const std::string& text : utf8) {
+    Append32(bytes, static_cast<std::uint32_t>(4 + 4 * utf8.size() + data.size()));
+    const auto element = TextBytes(text);
+    data.insert(data.end(), element.begin(), element.end());
+  }
+  bytes.insert(bytes.end(), data.begin(), data.end());
+  constexpr auto kTexts =
+      static_cast<PropType>(static_cast<unsigned>(PropType::kUnicode) | static_cast<unsigned>(PropType::kMultiFlag));
+  return Set(key, kTexts, bytes);
+}
+
+template class WithProperties<RecipientBuilder>;
+template class WithProperties<AttachmentBuilder>;
+template class WithProperties<MessageBuilder>;
+template class WithProperties<FolderBuilder>;
+template class WithProperties<StoreBuilder>;
+
+MessageBuilder::MessageBuilder(std::string_view message_class) {
+  Text(prop::kMessageClass, message_class);
+  Int(prop::kMessageFlags, 1);  // read
+  Int(0x0E17, 0);               // status
+  Int(0x0017, 1);               // importance: normal
+  Int(0x0036, 0);               // sensitivity: none
+}
+
+MessageBuilder& MessageBuilder::Subject(std::string_view text) {
+  std::u16string subject = Utf16FromUtf8(text);
+  const auto parsed = ParseSubject(subject);
+  Text(0x0070, Utf8FromUtf16(parsed.normalized()));  // conversation topic
+  if (parsed.prefix_length > 0) {
+    const std::u16string lead{u'\x1', static_cast<char16_t>(parsed.prefix_length + 1)};
+    return Text(prop::kSubject, Utf8FromUtf16(lead + subject));
+  }
+  return Text(prop::kSubject, Utf8FromUtf16(subject));
+}
+
+MessageBuilder& MessageBuilder::From(std::string_view name, std::string_view email) {
+  Text(0x0C1A, name).Text(0x0C1E, "SMTP").Text(0x0C1F, email).Text(0x5D01, email);
+  return Text(0x0042, name).Text(0x0064, "SMTP").Text(0x0065, email).Text(0x5D02, email);
+}
+
+MessageBuilder& MessageBuilder::SubmitTime(std::int64_t time) {
+  Time(0x0039, time);
+  for (const std::uint16_t id : {0x0E06, 0x3007, 0x3008}) {
+    if (!properties_.count(id)) Time(id, time);
+  }
+  return *this;
+}
+
+MessageBuilder& MessageBuilder::Html(std::string_view html) {
+  return Binary(0x1013, html).Int(0x3FDE, 65001).Int(0x1016, 3);
+}
+
+MessageBuilder& MessageBuilder::Rtf(std::string_view rtf) {
+  // [MS-OXRTFCP] 2.1.3.1: size of what follows this field, size of the text, "MELA", no checksum.
+  std::vector<std::uint8_t> container;
+  Append32(container, static_cast<std::uint32_t>(rtf.size() + 12));
+  Append32(container, static_cast<std::uint32_t>(rtf.size()));
+  Append32(container, 0x414C454D);
+  Append32(container, 0);
+  container.insert(container.end(), rtf.begin(), rtf.end());
+  return Binary(0x1009, container).Bool(0x0E1F, true).Int(0x1016, 2);
+}
+
+RecipientBuilder& MessageBuilder::AddRecipient(std::int32_t type) {
+  return recipients_.emplace_back().Int(0x0C15, type).Int(0x0FFE, 6).Int(0x3900, 0);
+}
+
+MessageBuilder& MessageBuilder::AddRecipient(std::int32_t type, std::string_view name, std::string_view email) {
+  RecipientBuilder& recipient = AddRecipient(type);
+  recipient.Text(0x3001, name).Text(0x39FF, name).Text(0x3002, "SMTP").Text(0x3003, email).Text(0x39FE, email);
+  recipient.Bool(0x0E0F, true).Binary(0x300B, "SMTP:" + std::string(email));
+  return *this;
+}
+
+AttachmentBuilder& MessageBuilder::AttachFile(std::string_view name, std::span<const std::uint8_t> data) {
+  AttachmentBuilder& attachment = attachments_.emplace_back();
+  attachment.Int(prop::kAttachMethod, static_cast<std::int32_t>(AttachMethod::kByValue)).Int(0x370B, -1);
+  attachment.Text(prop::kAttachLongFilename, name).Text(prop::kAttachFilename, name).Text(0x3001, name);
+  if (const auto dot = name.rfind('.'); dot != name.npos) attachment.Text(0x3703, name.substr(dot));
+  return attachment.Binary(prop::kAttachData, data);
+}
+
+MessageBuilder& MessageBuilder::AttachMessage(std::string_view message_class) {
+  AttachmentBuilder& attachment = attachments_.emplace_back();
+  attachment.Int(prop::kAttachMethod, static_cast<std::int32_t>(AttachMethod::kEmbedded)).Int(0x370B, -1);
+  attachment.embedded_ = std::make_shared<MessageBuilder>(message_class);
+  return *attachment.embedded_;
+}
+
+FolderBuilder::FolderBuilder(std::string_view name, std::string_view container_class) {
+  Text(prop::kDisplayName, name);
+  if (!container_class.empty()) Text(prop::kContainerClass, container_class);
+}
+
+FolderBuilder& FolderBuilder::AddFolder(std::string_view name, std::string_view container_class) {
+  return folders_.emplace_back(name, container_class);
+}
+
+StoreBuilder::StoreBuilder(std::string_view name, Encoding encoding)
+    : name_(name),
+      encoding_(encoding),
+      uid_(IdentityOf(name)),
+      top_("Top of Personal Folders"),
+      deleted_("Deleted Items", "IPF.Note") {}
+
+StoreBuilder& StoreBuilder::Uid(const Guid& uid) {
+  uid_ = uid;
+  return *this;
+}
+
+}  // namespace vault
