@@ -197,7 +197,9 @@ void PrintItem(const json& json_record) {
     for (const auto& [key, value] : record.properties.items()) table.Add({std::to_string(++number), OneLine(key), ValueText(value)});
   }
   Print(table.Text());
-  if (!record.text.empty()) Print("\n" + PrintableText(record.text) + "\n");
+  if (record.text.empty()) return;
+  Print("\n");
+  Print(PrintableText(record.text) + "\n");
 }
 
 }  // namespace
