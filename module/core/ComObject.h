@@ -3,12 +3,13 @@
 
 #include <windows.h>
 
-#include <unknwn.h>
+#include <objidl.h>
 
 #include <wrl/client.h>
 
 #include <atomic>
 #include <new>
+#include <type_traits>
 
 #include "module/core/HoardexPH.h"
 
@@ -51,6 +52,8 @@ class ComObject : public First, public Rest... {
  private:
   template <class Interface>
   static bool Answers(REFIID iid) {
+    if constexpr (std::is_base_of_v<IPersist, Interface>)
+      if (iid == IID_IPersist) return true;
     return iid == __uuidof(Interface);
   }
 
