@@ -428,7 +428,9 @@ std::string JoinQuery(const std::vector<std::string>& words) {
                        word.find(" OR ") != std::string::npos || word.find(" AND ") != std::string::npos ||
                        word.find("NOT ") != std::string::npos;
     if (plain) {
-      query += word;
+      // What was quoted together belongs together: OR must not reach beyond it.
+      const bool group = word.find(" OR ") != std::string::npos && word.find_first_of("()") == std::string::npos;
+      query += group ? "(" + word + ")" : word;
       continue;
     }
     // -subject:annual plan: the quotation marks that the shell took away stood after the colon.

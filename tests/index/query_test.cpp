@@ -161,7 +161,7 @@ TEST(JoinQuery, WordsWithBlanksWereQuoted) {
   EXPECT_EQ(JoinQuery({"from:ann OR party"}), "from:ann OR party");
   EXPECT_EQ(JoinQuery({"from:ann", "annual plan"}), "from:ann \"annual plan\"");
   EXPECT_EQ(JoinQuery({"x", "-subject:annual plan"}), "x -subject:\"annual plan\"");
-  EXPECT_EQ(JoinQuery({"x", "a OR b"}), "x a OR b");
+  EXPECT_EQ(JoinQuery({"x", "a OR b"}), "x (a OR b)");
 }
 
 }  // namespace
