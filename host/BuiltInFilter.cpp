@@ -25,24 +25,24 @@ struct Type {
   Format format;
 };
 constexpr Type kTypes[] = {
-    {L"txt", Format::kText},  {L"text", Format::kText}, {L"log", Format::kText},   {L"csv", Format::kText},
-    {L"tsv", Format::kText},  {L"md", Format::kText},   {L"rst", Format::kText},   {L"json", Format::kText},
-    {L"xml", Format::kText},  {L"yml", Format::kText},  {L"yaml", Format::kText},  {L"ini", Format::kText},
-    {L"cfg", Format::kText},  {L"conf", Format::kText}, {L"c", Format::kText},     {L"cc", Format::kText},
-    {L"cpp", Format::kText},  {L"cxx", Format::kText},  {L"h", Format::kText},     {L"hpp", Format::kText},
-    {L"cs", Format::kText},   {L"java", Format::kText}, {L"js", Format::kText},    {L"ts", Format::kText},
-    {L"css", Format::kText},  {L"py", Format::kText},   {L"rb", Format::kText},    {L"pl", Format::kText},
-    {L"php", Format::kText},  {L"go", Format::kText},   {L"rs", Format::kText},    {L"sh", Format::kText},
-    {L"bat", Format::kText},  {L"cmd", Format::kText},  {L"ps1", Format::kText},   {L"sql", Format::kText},
-    {L"vb", Format::kText},   {L"swift", Format::kText}, {L"kt", Format::kText},   {L"diff", Format::kText},
-    {L"patch", Format::kText}, {L"ics", Format::kText}, {L"vcf", Format::kText},   {L"htm", Format::kHtml},
-    {L"html", Format::kHtml}, {L"xhtml", Format::kHtml},
+    {L"txt", Format::kText},   {L"text", Format::kText},  {L"log", Format::kText},  {L"csv", Format::kText},
+    {L"tsv", Format::kText},   {L"md", Format::kText},    {L"rst", Format::kText},  {L"json", Format::kText},
+    {L"xml", Format::kText},   {L"yml", Format::kText},   {L"yaml", Format::kText}, {L"ini", Format::kText},
+    {L"cfg", Format::kText},   {L"conf", Format::kText},  {L"c", Format::kText},    {L"cc", Format::kText},
+    {L"cpp", Format::kText},   {L"cxx", Format::kText},   {L"h", Format::kText},    {L"hpp", Format::kText},
+    {L"cs", Format::kText},    {L"java", Format::kText},  {L"js", Format::kText},   {L"ts", Format::kText},
+    {L"css", Format::kText},   {L"py", Format::kText},    {L"rb", Format::kText},   {L"pl", Format::kText},
+    {L"php", Format::kText},   {L"go", Format::kText},    {L"rs", Format::kText},   {L"sh", Format::kText},
+    {L"bat", Format::kText},   {L"cmd", Format::kText},   {L"ps1", Format::kText},  {L"sql", Format::kText},
+    {L"vb", Format::kText},    {L"swift", Format::kText}, {L"kt", Format::kText},   {L"diff", Format::kText},
+    {L"patch", Format::kText}, {L"ics", Format::kText},   {L"vcf", Format::kText},  {L"htm", Format::kHtml},
+    {L"html", Format::kHtml},  {L"xhtml", Format::kHtml},
 };
 
-constexpr FULLPROPSPEC kContents = {
-    {0xB725F130, 0x47EF, 0x101A, {0xA5, 0xF1, 0x02, 0x60, 0x8C, 0x9E, 0xEB, 0xAC}}, {PRSPEC_PROPID, {19}}};
-constexpr FULLPROPSPEC kTitle = {
-    {0xF29F85E0, 0x4FF9, 0x1068, {0xAB, 0x91, 0x08, 0x00, 0x2B, 0x27, 0xB3, 0xD9}}, {PRSPEC_PROPID, {2}}};
+constexpr FULLPROPSPEC kContents = {{0xB725F130, 0x47EF, 0x101A, {0xA5, 0xF1, 0x02, 0x60, 0x8C, 0x9E, 0xEB, 0xAC}},
+                                    {PRSPEC_PROPID, {19}}};
+constexpr FULLPROPSPEC kTitle = {{0xF29F85E0, 0x4FF9, 0x1068, {0xAB, 0x91, 0x08, 0x00, 0x2B, 0x27, 0xB3, 0xD9}},
+                                 {PRSPEC_PROPID, {2}}};
 
 // What an attachment's content may weigh; more is cut, so that one file cannot take the host's memory.
 constexpr ULONGLONG kMaxContent = 256ull << 20;

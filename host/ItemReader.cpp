@@ -153,27 +153,39 @@ class ChunkReader {
 
 Json ValueOf(const PROPVARIANT& value) {
   switch (value.vt) {
-    case VT_LPWSTR: return value.pwszVal ? ToUtf8(value.pwszVal) : std::string();
-    case VT_BSTR: return value.bstrVal ? ToUtf8(value.bstrVal) : std::string();
+    case VT_LPWSTR:
+      return value.pwszVal ? ToUtf8(value.pwszVal) : std::string();
+    case VT_BSTR:
+      return value.bstrVal ? ToUtf8(value.bstrVal) : std::string();
     case VT_FILETIME: {
       const std::string time = ToIso8601(value.filetime);
       return time.empty() ? Json() : Json(time);
     }
-    case VT_BOOL: return value.boolVal != VARIANT_FALSE;
-    case VT_UI1: return value.bVal;
-    case VT_UI2: return value.uiVal;
-    case VT_I2: return value.iVal;
-    case VT_UI4: return value.ulVal;
-    case VT_I4: return value.lVal;
-    case VT_UI8: return value.uhVal.QuadPart;
-    case VT_I8: return value.hVal.QuadPart;
-    case VT_R8: return value.dblVal;
+    case VT_BOOL:
+      return value.boolVal != VARIANT_FALSE;
+    case VT_UI1:
+      return value.bVal;
+    case VT_UI2:
+      return value.uiVal;
+    case VT_I2:
+      return value.iVal;
+    case VT_UI4:
+      return value.ulVal;
+    case VT_I4:
+      return value.lVal;
+    case VT_UI8:
+      return value.uhVal.QuadPart;
+    case VT_I8:
+      return value.hVal.QuadPart;
+    case VT_R8:
+      return value.dblVal;
     case VT_VECTOR | VT_LPWSTR: {
       Json list = Json::array();
       for (ULONG i = 0; i < value.calpwstr.cElems; ++i) list.push_back(ToUtf8(value.calpwstr.pElems[i]));
       return list;
     }
-    default: return nullptr;
+    default:
+      return nullptr;
   }
 }
 

@@ -138,8 +138,7 @@ Json Session::Read(const std::string& url, bool with_chunks) {
   item.pcwszApplicationName = L"Windows";
   item.pcwszCatalogName = L"SystemIndex";
   ComPtr<IUrlAccessor> accessor;
-  const HRESULT hr =
-      protocol_->CreateAccessor(FromUtf8(url).c_str(), &authentication, &incremental, &item, &accessor);
+  const HRESULT hr = protocol_->CreateAccessor(FromUtf8(url).c_str(), &authentication, &incremental, &item, &accessor);
   if (FAILED(hr)) {
     record["error"] = ErrorOf("CreateAccessor", hr);
     return record;

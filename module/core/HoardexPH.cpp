@@ -90,7 +90,9 @@ STDAPI DllGetClassObject(REFCLSID clsid, REFIID iid, void** object) {
   return hr;
 }
 
-STDAPI DllCanUnloadNow() { return module::LockCount() ? S_FALSE : S_OK; }
+STDAPI DllCanUnloadNow() {
+  return module::LockCount() ? S_FALSE : S_OK;
+}
 
 STDAPI DllRegisterServer() {
   ZK_GUARD(L"HoardexPH::DllRegisterServer()", [] {

@@ -14,10 +14,20 @@ constinit CHoardexPHModule g_Module;
 
 }  // namespace
 
-HINSTANCE Instance() { return g_Module.instance; }
-void SetInstance(HINSTANCE instance) { g_Module.instance = instance; }
-void Lock() { ++g_Module.locks; }
-void Unlock() { --g_Module.locks; }
-LONG LockCount() { return g_Module.locks; }
+HINSTANCE Instance() {
+  return g_Module.instance;
+}
+void SetInstance(HINSTANCE instance) {
+  g_Module.instance = instance;
+}
+void Lock() {
+  ++g_Module.locks;
+}
+void Unlock() {
+  --g_Module.locks;
+}
+LONG LockCount() {
+  return g_Module.locks;
+}
 
 }  // namespace module

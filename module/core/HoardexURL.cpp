@@ -8,7 +8,9 @@ namespace {
 
 constexpr wchar_t kLogSource[] = L".\\MapiForWDS";
 
-constexpr wchar_t Fold(wchar_t c) { return c >= L'A' && c <= L'Z' ? static_cast<wchar_t>(c + 32) : c; }
+constexpr wchar_t Fold(wchar_t c) {
+  return c >= L'A' && c <= L'Z' ? static_cast<wchar_t>(c + 32) : c;
+}
 
 bool EndsWith(std::wstring_view text, std::wstring_view end) {
   return text.size() >= end.size() && url::EqualIgnoringCase(text.substr(text.size() - end.size()), end);
@@ -103,8 +105,7 @@ void CHoardexURL::Init(std::wstring_view url) noexcept {
     url_ = Trim(url);
     std::vector<std::wstring> tokens;
     const int count = ExtractURLTokens(url_, tokens);
-    if (count < 3 || !url::EqualIgnoringCase(tokens[0], url::kScheme) ||
-        !url::EqualIgnoringCase(tokens[2], L"default"))
+    if (count < 3 || !url::EqualIgnoringCase(tokens[0], url::kScheme) || !url::EqualIgnoringCase(tokens[2], L"default"))
       return;
     if (count == 3) {
       kind_ = kRoot;

@@ -2,10 +2,10 @@
 
 #include <shlobj.h>
 
+#include <share.h>
 #include <cstdarg>
 #include <cwchar>
 #include <iterator>
-#include <share.h>
 
 namespace {
 

@@ -87,10 +87,14 @@ struct Format {
         case L's':
           if (kind != Argument::kWideString || longs) throw "%s takes a wide string";
           break;
-        case L'd': case L'u': case L'x': case L'X':
+        case L'd':
+        case L'u':
+        case L'x':
+        case L'X':
           if (kind != (longs == 2 ? Argument::kInt64 : Argument::kInt32)) throw "integer of another size";
           break;
-        default: throw "conversion that the log does not know";
+        default:
+          throw "conversion that the log does not know";
       }
     }
     if (used != sizeof...(Args)) throw "more arguments than conversions";
@@ -104,15 +108,17 @@ void Write(const wchar_t* source, int line, int level, Format<std::type_identity
 }
 
 // What %lX shows of an object's address: its low 32 bits, which tell objects of one run apart.
-inline ULONG Address(const void* object) { return static_cast<ULONG>(reinterpret_cast<ULONG_PTR>(object)); }
+inline ULONG Address(const void* object) {
+  return static_cast<ULONG>(reinterpret_cast<ULONG_PTR>(object));
+}
 
 }  // namespace logging
 
 // Each source file that logs defines kLogSource, its bare name with a leading ".\". A statement above the threshold
 // costs one comparison: neither lock nor arguments are touched.
-#define ZK_LOG_AT(level, ...)                                                                  \
-  do {                                                                                         \
-    if (g_Log.Enabled(level)) ::logging::Write(kLogSource, __LINE__, (level), __VA_ARGS__);    \
+#define ZK_LOG_AT(level, ...)                                                               \
+  do {                                                                                      \
+    if (g_Log.Enabled(level)) ::logging::Write(kLogSource, __LINE__, (level), __VA_ARGS__); \
   } while (0)
 #define ZK_LOG(...) ZK_LOG_AT(SCLog::kOrdinary, __VA_ARGS__)
 #define ZK_LOG_DETAIL(...) ZK_LOG_AT(SCLog::kDetail, __VA_ARGS__)

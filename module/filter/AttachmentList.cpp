@@ -65,9 +65,10 @@ void CHoardexFilter::AddAttachmentRow(const TidyRowSet& rows, ULONG i, const Gro
     const std::wstring extension = cell->Value.lpszW;
     const std::wstring excluded = text::Lower(extension + L";");
     if (policy.Excludes(excluded)) {
-      ZK_LOG(L"CHoardexFilter::GetChunk() - PROP_ATTACHMENT_NAMES - WDS Group policy is set to ignore specific "
-             L"attachment of type - %s",
-             excluded.c_str());
+      ZK_LOG(
+          L"CHoardexFilter::GetChunk() - PROP_ATTACHMENT_NAMES - WDS Group policy is set to ignore specific "
+          L"attachment of type - %s",
+          excluded.c_str());
       return;
     }
     const SPropValue* record_key = rows.cell(i, kRecordKey, PR_RECORD_KEY);

@@ -87,33 +87,37 @@ HRESULT CHoardexFilter::QueryAttachmentAuthor(std::wstring& author) {
   ComPtr<Folder> folder;
   hr = shell->NameSpace(_variant_t(folder_path.c_str()), &folder);
   if (FAILED(hr) || !folder) {
-    ZK_LOG(L"CHoardexFilter::GetAttachmentAuthor() - IShellDispatch::NameSpace() failed with error code [0x%08lX], "
-           L"FileName - %s",
-           hr, name.c_str());
+    ZK_LOG(
+        L"CHoardexFilter::GetAttachmentAuthor() - IShellDispatch::NameSpace() failed with error code [0x%08lX], "
+        L"FileName - %s",
+        hr, name.c_str());
     return FAILED(hr) ? hr : E_FAIL;
   }
   ComPtr<FolderItem> item;
   hr = folder->ParseName(_bstr_t(name.c_str()), &item);
   if (FAILED(hr) || !item) {
-    ZK_LOG(L"CHoardexFilter::GetAttachmentAuthor() - Folder::ParseName() failed with error code [0x%08lX], FileName - "
-           L"%s",
-           hr, name.c_str());
+    ZK_LOG(
+        L"CHoardexFilter::GetAttachmentAuthor() - Folder::ParseName() failed with error code [0x%08lX], FileName - "
+        L"%s",
+        hr, name.c_str());
     return FAILED(hr) ? hr : E_FAIL;
   }
   ComPtr<FolderItem2> item2;
   hr = item->QueryInterface(kFolderItem2, reinterpret_cast<void**>(item2.ReleaseAndGetAddressOf()));
   if (FAILED(hr)) {
-    ZK_LOG(L"CHoardexFilter::GetAttachmentAuthor() - FolderItem::QueryInterface() for FolderItem2 failed with error "
-           L"code [0x%08lX], FileName - %s",
-           hr, name.c_str());
+    ZK_LOG(
+        L"CHoardexFilter::GetAttachmentAuthor() - FolderItem::QueryInterface() for FolderItem2 failed with error "
+        L"code [0x%08lX], FileName - %s",
+        hr, name.c_str());
     return hr;
   }
   _variant_t value;
   hr = item2->ExtendedProperty(_bstr_t(kAuthorProperty), &value);
   if (FAILED(hr)) {
-    ZK_LOG(L"CHoardexFilter::GetAttachmentAuthor() - FolderItem2::ExtendedProperty() failed with error code [0x%08lX], "
-           L"FileName - %s",
-           hr, name.c_str());
+    ZK_LOG(
+        L"CHoardexFilter::GetAttachmentAuthor() - FolderItem2::ExtendedProperty() failed with error code [0x%08lX], "
+        L"FileName - %s",
+        hr, name.c_str());
     return hr;
   }
   if (value.vt == VT_BSTR) {
@@ -157,8 +161,8 @@ void CHoardexFilter::GetItemTypeText(std::wstring& text) const {
   wchar_t name[MAX_PATH] = {};
   DWORD size = MAX_PATH;
   if (!extension.empty() && extension.find(L'/') == std::wstring::npos &&
-      SUCCEEDED(AssocQueryStringW(ASSOCF_NONE, ASSOCSTR_FRIENDLYDOCNAME, (L"." + extension).c_str(), nullptr, name,
-                                  &size)) &&
+      SUCCEEDED(
+          AssocQueryStringW(ASSOCF_NONE, ASSOCSTR_FRIENDLYDOCNAME, (L"." + extension).c_str(), nullptr, name, &size)) &&
       *name) {
     text = name;
     return;
@@ -178,9 +182,10 @@ std::wstring CHoardexFilter::AttachmentKind() const {
   RegistryKey map;
   const LONG opened = map.Open(HKEY_LOCAL_MACHINE, kKindMapKey);
   if (opened != ERROR_SUCCESS) {
-    ZK_LOG(L"CHoardexFilter::GetValue() - Failed [PROP_ATTACH_PERCIEVED_TYPE] to locate %s under HKLM registry key, "
-           L"errorCode = %ld",
-           kKindMapKey, opened);
+    ZK_LOG(
+        L"CHoardexFilter::GetValue() - Failed [PROP_ATTACH_PERCIEVED_TYPE] to locate %s under HKLM registry key, "
+        L"errorCode = %ld",
+        kKindMapKey, opened);
     return kind;
   }
   wchar_t value[260];
@@ -199,9 +204,10 @@ std::wstring CHoardexFilter::AttachmentItemType() const {
   RegistryKey key;
   const LONG opened = key.Open(HKEY_CLASSES_ROOT, extension.c_str());
   if (opened != ERROR_SUCCESS) {
-    ZK_LOG(L"CHoardexFilter::GetValue() - [PROP_ATTACH_ITEMTYPE] Failed to locate %s under HKCR registry key, errorCode "
-           L"= %ld",
-           extension.c_str(), opened);
+    ZK_LOG(
+        L"CHoardexFilter::GetValue() - [PROP_ATTACH_ITEMTYPE] Failed to locate %s under HKCR registry key, errorCode "
+        L"= %ld",
+        extension.c_str(), opened);
     return type;
   }
   wchar_t value[260];

@@ -100,12 +100,17 @@ STDMETHODIMP_(SCODE) CHoardexFilter::GetChunk(STAT_CHUNK* stat) {
 
 HRESULT CHoardexFilter::NextChunk(STAT_CHUNK* stat) {
   switch (kind_) {
-    case CHoardexURL::kRoot: return NextRootChunk(stat);
+    case CHoardexURL::kRoot:
+      return NextRootChunk(stat);
     case CHoardexURL::kVaultFile:
-    case CHoardexURL::kFolder: return mapi_ ? NextContainerChunk(stat) : End();
-    case CHoardexURL::kMessage: return mapi_ ? NextMessageChunk(stat) : End();
-    case CHoardexURL::kAttachment: return NextAttachmentChunk(stat);
-    default: return End();
+    case CHoardexURL::kFolder:
+      return mapi_ ? NextContainerChunk(stat) : End();
+    case CHoardexURL::kMessage:
+      return mapi_ ? NextMessageChunk(stat) : End();
+    case CHoardexURL::kAttachment:
+      return NextAttachmentChunk(stat);
+    default:
+      return End();
   }
 }
 
@@ -199,10 +204,20 @@ HRESULT CHoardexFilter::NextContainerChunk(STAT_CHUNK* stat) {
 
 HRESULT CHoardexFilter::NextAttachmentChunk(STAT_CHUNK* stat) {
   static constexpr const PROPERTYKEY* kSteps[] = {
-      &key::ItemPathDisplay, &key::ItemFolderPathDisplay, &key::ItemFolderPathDisplayNarrow, &key::Kind,
-      &key::FileExtension,   &key::FromName,              &key::FileName,                    &key::ItemType,
-      &key::ItemTypeText,    &key::IsAttachment,          &key::ItemName,                    &key::Author,
-      &key::ItemDate,        &key::ItemFolderPathDisplay,
+      &key::ItemPathDisplay,
+      &key::ItemFolderPathDisplay,
+      &key::ItemFolderPathDisplayNarrow,
+      &key::Kind,
+      &key::FileExtension,
+      &key::FromName,
+      &key::FileName,
+      &key::ItemType,
+      &key::ItemTypeText,
+      &key::IsAttachment,
+      &key::ItemName,
+      &key::Author,
+      &key::ItemDate,
+      &key::ItemFolderPathDisplay,
   };
   static constexpr int kExtensionStep = 4;
 
@@ -213,9 +228,10 @@ HRESULT CHoardexFilter::NextAttachmentChunk(STAT_CHUNK* stat) {
   }
   const std::wstring extension = text::Lower(url_.substr(url_.rfind(L'.') + 1));
   if (policy->Excludes(extension)) {
-    ZK_LOG(L"CHoardexFilter::GetChunk() - URL_IS_ATTACHMENT - WDS Group policy is set to ignore specific attachment of "
-           L"type - %s",
-           extension.c_str());
+    ZK_LOG(
+        L"CHoardexFilter::GetChunk() - URL_IS_ATTACHMENT - WDS Group policy is set to ignore specific attachment of "
+        L"type - %s",
+        extension.c_str());
     return S_OK;
   }
   ++attach_step_;

@@ -58,9 +58,7 @@ struct AttachmentSequence {
       ZK_LOG(L"CHoardexFilter::GetValue() - GetAttachmentAuthor() returned error code [0x%08lx]", hr);
     return variant::SetString(value, author);
   }
-  static HRESULT Date(CHoardexFilter& filter, PROPVARIANT& value) {
-    return variant::SetTime(value, filter.file_time_);
-  }
+  static HRESULT Date(CHoardexFilter& filter, PROPVARIANT& value) { return variant::SetTime(value, filter.file_time_); }
 
   static bool IsKnownWindows() { return IsVistaOrLater() || IsServer2008OrLater(); }
   static const Row kRows[kSteps];
@@ -88,8 +86,8 @@ STDMETHODIMP_(SCODE) CHoardexFilter::GetValue(PROPVARIANT** value) {
   if (!value) return E_POINTER;
   *value = nullptr;
   variant::Owner owner;
-  const HRESULT hr = boundary::Guard(kLogSource, __LINE__, L"CHoardexFilter::GetValue()",
-                                     [&] { return MakeValue(owner, value); });
+  const HRESULT hr =
+      boundary::Guard(kLogSource, __LINE__, L"CHoardexFilter::GetValue()", [&] { return MakeValue(owner, value); });
   if (FAILED(hr)) {
     const auto log_failure = [&] {
       if (kind_ != CHoardexURL::kRoot) ZK_LOG(L"CHoardexFilter::GetValue() - Failed with [0x%08lX]", hr);
@@ -124,10 +122,13 @@ HRESULT CHoardexFilter::MakeValue(variant::Owner& owner, PROPVARIANT** forwarded
   }
   if (FAILED(hr)) return hr;
   switch (kind_) {
-    case CHoardexURL::kRoot: return MakeRootValue(*owner);
+    case CHoardexURL::kRoot:
+      return MakeRootValue(*owner);
     case CHoardexURL::kVaultFile:
-    case CHoardexURL::kFolder: return MakeContainerValue(*owner);
-    default: return S_OK;
+    case CHoardexURL::kFolder:
+      return MakeContainerValue(*owner);
+    default:
+      return S_OK;
   }
 }
 
@@ -140,8 +141,7 @@ ItemKind CHoardexFilter::item_kind() const {
 
 HRESULT CHoardexFilter::MakeMessageValue(PROPVARIANT& value) {
   const int step = message_step_ - MessageSequence::kFirstStep;
-  const MessageSequence::Row* row =
-      step >= 0 && step < MessageSequence::kSteps ? &MessageSequence::At(step) : nullptr;
+  const MessageSequence::Row* row = step >= 0 && step < MessageSequence::kSteps ? &MessageSequence::At(step) : nullptr;
   const SPropValue* element = nullptr;
   if (!row || !row->make || !MessageSequence::Applies(*row, *this, &element)) {
     ZK_LOG(L"CHoardexFilter::GetValue() - Called with a undefined property!");

@@ -90,7 +90,8 @@ const MessageSequence::Row MessageSequence::kRows[kSteps] = {
     /* 62 */ {nullptr, 0, 0, 0, &key::IsFlagged, Flagged, FlagStep},
     /* 63 */ {MESSAGE, 13, PR_CONVERSATION_INDEX, 0, &key::ConversationID, Hexadecimal, nullptr},
     /* 64 */ {MESSAGE, 14, PR_SENT_REPRESENTING_NAME_W, 0, &key::OrganizerName, Text, nullptr},
-    /* 65 */ {MESSAGE, 15, PR_SENT_REPRESENTING_EMAIL_ADDRESS_W, kAppointment, &key::OrganizerAddress, Address, nullptr},
+    /* 65 */
+    {MESSAGE, 15, PR_SENT_REPRESENTING_EMAIL_ADDRESS_W, kAppointment, &key::OrganizerAddress, Address, nullptr},
     /* 66 */ {nullptr, 0, 0, 0, &key::AutoSummary, STRING(summary_text_), nullptr},
     /* 67 */ {nullptr, 0, 0, 0, &key::AttachmentNames, STRING(attachment_names_), NamesStep},
     /* 68 */ {nullptr, 0, 0, 0, &key::HasAttachments, HasNames, HasAttachmentStep},
@@ -105,7 +106,9 @@ const MessageSequence::Row MessageSequence::kRows[kSteps] = {
 #undef MESSAGE
 #undef STRING
 
-const MessageSequence::Row& MessageSequence::At(int step) { return kRows[step]; }
+const MessageSequence::Row& MessageSequence::At(int step) {
+  return kRows[step];
+}
 
 bool MessageSequence::Applies(const Row& row, const CHoardexFilter& filter, const SPropValue** element) {
   *element = nullptr;
@@ -241,8 +244,9 @@ MessageSequence::Outcome MessageSequence::NamesStep(CHoardexFilter& filter) {
   filter.child_urls_.clear();
   filter.child_times_.clear();
   if (CurrentGroupPolicy()->AttachmentsPrevented()) {
-    ZK_LOG(L"CHoardexFilter::GetChunk() - PROP_ATTACHMENT_NAMES - WDS Group policy is set to ignore all email "
-           L"attachments");
+    ZK_LOG(
+        L"CHoardexFilter::GetChunk() - PROP_ATTACHMENT_NAMES - WDS Group policy is set to ignore all email "
+        L"attachments");
     return Outcome::kUntouched;
   }
   return filter.ReadAttachmentList() ? Outcome::kGive : Outcome::kSkip;

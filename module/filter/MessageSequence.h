@@ -19,16 +19,16 @@ struct MessageSequence {
   using Make = HRESULT (*)(CHoardexFilter& filter, const SPropValue* element, PROPVARIANT& value);
 
   struct Row {
-    PropertySet CHoardexFilter::* set;  // null: no property is needed
+    PropertySet CHoardexFilter::*set;  // null: no property is needed
     ULONG index;
     ULONG match;  // a property type (16 bits) or a whole tag
     unsigned flags;
     const PROPERTYKEY* key;
-    Make make;         // null: the step has no value
-    Prepare prepare;   // null: the chunk is given whenever the condition holds
+    Make make;        // null: the step has no value
+    Prepare prepare;  // null: the chunk is given whenever the condition holds
   };
-  static constexpr unsigned kNonEmpty = 1;       // the string must hold something
-  static constexpr unsigned kAppointment = 2;    // the item must be an appointment
+  static constexpr unsigned kNonEmpty = 1;     // the string must hold something
+  static constexpr unsigned kAppointment = 2;  // the item must be an appointment
 
   static const Row& At(int step);
   // Whether the row's condition holds; sets `element`.
@@ -55,7 +55,7 @@ struct MessageSequence {
   static HRESULT Flagged(CHoardexFilter& filter, const SPropValue*, PROPVARIANT& value);
   static HRESULT HasNames(CHoardexFilter& filter, const SPropValue*, PROPVARIANT& value);
   static HRESULT Link(CHoardexFilter& filter, const SPropValue*, PROPVARIANT& value);
-  template <std::wstring CHoardexFilter::* member>
+  template <std::wstring CHoardexFilter::*member>
   static HRESULT Member(CHoardexFilter& filter, const SPropValue*, PROPVARIANT& value) {
     return variant::SetString(value, filter.*member);
   }

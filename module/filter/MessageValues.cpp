@@ -7,7 +7,9 @@
 
 namespace {
 
-std::wstring_view View(const wchar_t* text) { return text ? std::wstring_view(text) : std::wstring_view(); }
+std::wstring_view View(const wchar_t* text) {
+  return text ? std::wstring_view(text) : std::wstring_view();
+}
 
 }  // namespace
 

@@ -90,8 +90,8 @@ HRESULT CHoardexFilter::ReadMessageProperties() {
        PR_MESSAGE_FLAGS, PR_FLAG_STATUS, PR_CONVERSATION_INDEX, PR_SENT_REPRESENTING_NAME_W,
        PR_SENT_REPRESENTING_EMAIL_ADDRESS_W}};
   message_props_.Release();
-  const HRESULT hr = message_->GetProps(reinterpret_cast<LPSPropTagArray>(&tags), 0, &message_props_.count,
-                                        &message_props_.values);
+  const HRESULT hr =
+      message_->GetProps(reinterpret_cast<LPSPropTagArray>(&tags), 0, &message_props_.count, &message_props_.values);
   if (FAILED(hr)) {
     message_props_.Release();
     ZK_LOG(L"CHoardexFilter::ReadMessageProperties() - GetProps for message failed with error [0x%08lX]", hr);
@@ -99,9 +99,15 @@ HRESULT CHoardexFilter::ReadMessageProperties() {
   return hr;
 }
 
-HRESULT CHoardexFilter::ReadCalendarProperties() { return ReadNamed(message_.Get(), kCalendar, calendar_props_); }
-HRESULT CHoardexFilter::ReadTaskProperties() { return ReadNamed(message_.Get(), kTask, task_props_); }
-HRESULT CHoardexFilter::ReadStickyNoteProperties() { return ReadNamed(message_.Get(), kStickyNote, note_props_); }
+HRESULT CHoardexFilter::ReadCalendarProperties() {
+  return ReadNamed(message_.Get(), kCalendar, calendar_props_);
+}
+HRESULT CHoardexFilter::ReadTaskProperties() {
+  return ReadNamed(message_.Get(), kTask, task_props_);
+}
+HRESULT CHoardexFilter::ReadStickyNoteProperties() {
+  return ReadNamed(message_.Get(), kStickyNote, note_props_);
+}
 
 HRESULT CHoardexFilter::ReadContactProperties() {
   SizedSPropTagArray(12, tags) = {
@@ -110,8 +116,8 @@ HRESULT CHoardexFilter::ReadContactProperties() {
        PR_ASSISTANT_TELEPHONE_NUMBER_W, PR_MOBILE_TELEPHONE_NUMBER_W, PR_DEPARTMENT_NAME_W, PR_OFFICE_LOCATION_W,
        PR_PROFESSION_W, PR_MANAGER_NAME_W, PR_ASSISTANT_W}};
   contact_props_.Release();
-  const HRESULT hr = message_->GetProps(reinterpret_cast<LPSPropTagArray>(&tags), 0, &contact_props_.count,
-                                        &contact_props_.values);
+  const HRESULT hr =
+      message_->GetProps(reinterpret_cast<LPSPropTagArray>(&tags), 0, &contact_props_.count, &contact_props_.values);
   if (FAILED(hr)) {
     contact_props_.Release();
     ZK_LOG(L"CHoardexFilter::ReadContactProperties() - GetProps for (contact) message failed with [0x%08lX]", hr);
@@ -167,7 +173,7 @@ HRESULT CHoardexFilter::GetRecipientInfo() {
   }
   static constexpr struct {
     LONG type;
-    std::wstring CHoardexFilter::* list;
+    std::wstring CHoardexFilter::*list;
   } kLists[] = {{MAPI_TO, &CHoardexFilter::to_addresses_},
                 {MAPI_CC, &CHoardexFilter::cc_addresses_},
                 {MAPI_BCC, &CHoardexFilter::bcc_addresses_}};
@@ -175,8 +181,9 @@ HRESULT CHoardexFilter::GetRecipientInfo() {
     const SPropValue* recipient = rows.cell(i, 0, PR_RECIPIENT_TYPE);
     const SPropValue* address = rows.cell(i, 1, PR_SMTP_ADDRESS_W);
     if (!recipient || !address) {
-      ZK_LOG(L"CHoardexFilter::GetRecipientInfo() - Fail: PropertyTag didn't match with PR_RECIPIENT_TYPE and "
-             L"PR_SMTP_ADDRESS_W");
+      ZK_LOG(
+          L"CHoardexFilter::GetRecipientInfo() - Fail: PropertyTag didn't match with PR_RECIPIENT_TYPE and "
+          L"PR_SMTP_ADDRESS_W");
       continue;
     }
     for (const auto& list : kLists)

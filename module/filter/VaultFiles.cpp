@@ -20,16 +20,18 @@ void EnumerateFolder(const std::wstring& folder, std::vector<std::wstring>& file
   _wfinddata64i32_t found = {};
   const intptr_t search = _wfindfirst64i32(pattern.c_str(), &found);
   int result = static_cast<int>(search);
-  ZK_LOG(L"CHoardexFilter::EnumAllHXFiles() - Finding first [%s] file in folder [%s] returned a file named [%s]. Return "
-         L"code [%d]",
-         url::kVaultSuffix, folder.c_str(), found.name, result);
+  ZK_LOG(
+      L"CHoardexFilter::EnumAllHXFiles() - Finding first [%s] file in folder [%s] returned a file named [%s]. Return "
+      L"code [%d]",
+      url::kVaultSuffix, folder.c_str(), found.name, result);
   if (search == 0 || search == -1) return;
   do {
     files.push_back(folder + found.name);
     result = _wfindnext64i32(search, &found);
-    ZK_LOG(L"CHoardexFilter::EnumAllHXFiles() - Finding next [%s] file in folder [%s] returned a file named [%s]. Return "
-           L"code [%d]",
-           url::kVaultSuffix, folder.c_str(), found.name, result);
+    ZK_LOG(
+        L"CHoardexFilter::EnumAllHXFiles() - Finding next [%s] file in folder [%s] returned a file named [%s]. Return "
+        L"code [%d]",
+        url::kVaultSuffix, folder.c_str(), found.name, result);
   } while (result != -1);
   _findclose(search);
 }
@@ -47,18 +49,20 @@ void CHoardexFilter::EnumAllHXFiles(std::vector<std::wstring>& files) {
     wchar_t name[kNameBuffer] = {};
     DWORD length = kNameBuffer;
     error = RegEnumKeyExW(client.get(), index, name, &length, nullptr, nullptr, nullptr, nullptr);
-    ZK_LOG(L"CHoardexFilter::EnumAllHXFiles() - Found a subkey [%s] under the ZK client key. Return code from EnumKey "
-           L"[%d]",
-           name, error);
+    ZK_LOG(
+        L"CHoardexFilter::EnumAllHXFiles() - Found a subkey [%s] under the ZK client key. Return code from EnumKey "
+        L"[%d]",
+        name, error);
     if (error != ERROR_SUCCESS) return;
     RegistryKey subkey;
     error = subkey.Open(HKEY_CURRENT_USER, (std::wstring(kClientKey) + L"\\" + name).c_str());
-    ZK_LOG(L"CHoardexFilter::EnumAllHXFiles() - Opening subkey [%s] under the ZK client key returned [%d]", name, error);
+    ZK_LOG(L"CHoardexFilter::EnumAllHXFiles() - Opening subkey [%s] under the ZK client key returned [%d]", name,
+           error);
     if (error != ERROR_SUCCESS) continue;
     wchar_t root[kNameBuffer];
     error = subkey.ReadString(kRootValue, root);
-    ZK_LOG(L"CHoardexFilter::EnumAllHXFiles() - Querying for value [%s] in the key [%s] returned [%d]", kRootValue, name,
-           error);
+    ZK_LOG(L"CHoardexFilter::EnumAllHXFiles() - Querying for value [%s] in the key [%s] returned [%d]", kRootValue,
+           name, error);
     if (error != ERROR_SUCCESS) continue;
     std::wstring folder = root;
     if (folder.empty() || folder.back() != L'\\') folder += L'\\';

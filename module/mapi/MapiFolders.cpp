@@ -12,7 +12,9 @@ constexpr size_t kVaultToken = 3;
 // Ends the walk to the top when a damaged store's folders are one another's parents.
 constexpr int kMaxFolderDepth = 512;
 
-LPENTRYID EntryId(const SBinary& value) { return reinterpret_cast<LPENTRYID>(value.lpb); }
+LPENTRYID EntryId(const SBinary& value) {
+  return reinterpret_cast<LPENTRYID>(value.lpb);
+}
 
 }  // namespace
 

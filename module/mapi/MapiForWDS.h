@@ -16,8 +16,8 @@
 
 class CMapiForWDS {
  public:
-  // The object for the URL's vault file, made and set up on first use; null when the URL names no vault file or the set-up
-  // fails. An object whose set-up failed stays as it is and is not kept in the table.
+  // The object for the URL's vault file, made and set up on first use; null when the URL names no vault file or the
+  // set-up fails. An object whose set-up failed stays as it is and is not kept in the table.
   static CMapiForWDS* GetMapiObj(std::wstring item_url);
   // Tears down and destroys every object of the table. No borrower may be at work.
   static void CleanMapiObjs();

@@ -37,17 +37,44 @@ struct EntryPoint {
   const char* name;
 };
 
-#define ENTRY(name) {&pfn##name, #name}
+#define ENTRY(name) \
+  { &pfn##name, #name }
 const EntryPoint kEntryPoints[] = {
-    ENTRY(MAPIAllocateBuffer), ENTRY(MAPIAllocateMore), ENTRY(MAPIFreeBuffer), ENTRY(HrGetOneProp),
-    ENTRY(FreeProws), ENTRY(PpropFindProp), ENTRY(ScDupPropset), ENTRY(ScCountProps),
-    ENTRY(ScCopyProps), ENTRY(OpenIMsgOnIStg), ENTRY(MAPIGetDefaultMalloc), ENTRY(CloseIMsgSession),
-    ENTRY(OpenIMsgSession), ENTRY(HrQueryAllRows), ENTRY(HrSetOneProp), ENTRY(FreePadrlist),
-    ENTRY(LPropCompareProp), ENTRY(WrapStoreEntryID), ENTRY(CreateIProp), ENTRY(CreateTable),
-    ENTRY(HrValidateParameters), ENTRY(BuildDisplayTable), ENTRY(HrValidateIPMSubtree),
-    ENTRY(HrDispatchNotifications), ENTRY(UlRelease), ENTRY(HexFromBin), ENTRY(MAPIInitialize),
-    ENTRY(MAPIUninitialize), ENTRY(OpenTnefStreamEx), ENTRY(OpenStreamOnFile), ENTRY(MAPIOpenFormMgr),
-    ENTRY(RTFSync), ENTRY(WrapCompressedRTFStream), ENTRY(MAPILogonEx), ENTRY(MAPIAdminProfiles),
+    ENTRY(MAPIAllocateBuffer),
+    ENTRY(MAPIAllocateMore),
+    ENTRY(MAPIFreeBuffer),
+    ENTRY(HrGetOneProp),
+    ENTRY(FreeProws),
+    ENTRY(PpropFindProp),
+    ENTRY(ScDupPropset),
+    ENTRY(ScCountProps),
+    ENTRY(ScCopyProps),
+    ENTRY(OpenIMsgOnIStg),
+    ENTRY(MAPIGetDefaultMalloc),
+    ENTRY(CloseIMsgSession),
+    ENTRY(OpenIMsgSession),
+    ENTRY(HrQueryAllRows),
+    ENTRY(HrSetOneProp),
+    ENTRY(FreePadrlist),
+    ENTRY(LPropCompareProp),
+    ENTRY(WrapStoreEntryID),
+    ENTRY(CreateIProp),
+    ENTRY(CreateTable),
+    ENTRY(HrValidateParameters),
+    ENTRY(BuildDisplayTable),
+    ENTRY(HrValidateIPMSubtree),
+    ENTRY(HrDispatchNotifications),
+    ENTRY(UlRelease),
+    ENTRY(HexFromBin),
+    ENTRY(MAPIInitialize),
+    ENTRY(MAPIUninitialize),
+    ENTRY(OpenTnefStreamEx),
+    ENTRY(OpenStreamOnFile),
+    ENTRY(MAPIOpenFormMgr),
+    ENTRY(RTFSync),
+    ENTRY(WrapCompressedRTFStream),
+    ENTRY(MAPILogonEx),
+    ENTRY(MAPIAdminProfiles),
     ENTRY(MAPIOpenLocalFormContainer),
 };
 #undef ENTRY
@@ -59,7 +86,9 @@ bool IsSet(const EntryPoint& entry) {
   memcpy(&value, entry.pointer, sizeof(value));
   return value != nullptr;
 }
-void Store(const EntryPoint& entry, FARPROC value) { memcpy(entry.pointer, &value, sizeof(value)); }
+void Store(const EntryPoint& entry, FARPROC value) {
+  memcpy(entry.pointer, &value, sizeof(value));
+}
 
 // The raw bytes of a value of the mail client's key, up to the first NUL; empty when key or value is absent.
 std::string ReadMailClientValue(const char* name) {
@@ -132,7 +161,9 @@ HMODULE LoadProvider() {
 
 }  // namespace
 
-CMapiLoader::CMapiLoader() { Load(); }
+CMapiLoader::CMapiLoader() {
+  Load();
+}
 
 void CMapiLoader::Load() {
   CriticalSection::Guard guard(lock_);
@@ -169,7 +200,9 @@ SCODE MAPIAllocateBuffer(ULONG size, LPVOID* buffer) {
 SCODE MAPIAllocateMore(ULONG size, LPVOID parent, LPVOID* buffer) {
   return pfnMAPIAllocateMore ? pfnMAPIAllocateMore(size, parent, buffer) : E_NOINTERFACE;
 }
-ULONG MAPIFreeBuffer(LPVOID buffer) { return buffer && pfnMAPIFreeBuffer ? pfnMAPIFreeBuffer(buffer) : 0; }
+ULONG MAPIFreeBuffer(LPVOID buffer) {
+  return buffer && pfnMAPIFreeBuffer ? pfnMAPIFreeBuffer(buffer) : 0;
+}
 HRESULT HrGetOneProp(LPMAPIPROP object, ULONG tag, LPSPropValue* value) {
   return pfnHrGetOneProp ? pfnHrGetOneProp(object, tag, value) : E_NOINTERFACE;
 }
@@ -183,7 +216,9 @@ SCODE OpenIMsgOnIStg(LPMSGSESS session, LPALLOCATEBUFFER allocate, LPALLOCATEMOR
                                                caller_data, flags, message)
                            : E_NOINTERFACE;
 }
-LPMALLOC MAPIGetDefaultMalloc() { return pfnMAPIGetDefaultMalloc ? pfnMAPIGetDefaultMalloc() : nullptr; }
+LPMALLOC MAPIGetDefaultMalloc() {
+  return pfnMAPIGetDefaultMalloc ? pfnMAPIGetDefaultMalloc() : nullptr;
+}
 void CloseIMsgSession(LPMSGSESS session) {
   if (pfnCloseIMsgSession) pfnCloseIMsgSession(session);
 }
@@ -197,7 +232,9 @@ HRESULT HrQueryAllRows(LPMAPITABLE table, LPSPropTagArray columns, LPSRestrictio
 void HexFromBin(LPBYTE bytes, int count, char* text) {
   if (pfnHexFromBin) pfnHexFromBin(bytes, count, text);
 }
-HRESULT MAPIInitialize(LPVOID init) { return pfnMAPIInitialize ? pfnMAPIInitialize(init) : E_NOINTERFACE; }
+HRESULT MAPIInitialize(LPVOID init) {
+  return pfnMAPIInitialize ? pfnMAPIInitialize(init) : E_NOINTERFACE;
+}
 void MAPIUninitialize() {
   if (pfnMAPIUninitialize) pfnMAPIUninitialize();
 }

@@ -30,7 +30,9 @@ constexpr auto kDigits = [] {
 }();
 static_assert(kDigits.size() == 55);
 
-BYTE Digit(char c) { return c >= '0' && c <= 'f' ? kDigits[static_cast<size_t>(c - '0')] : kNoDigit; }
+BYTE Digit(char c) {
+  return c >= '0' && c <= 'f' ? kDigits[static_cast<size_t>(c - '0')] : kNoDigit;
+}
 
 }  // namespace
 
@@ -85,9 +87,9 @@ HRESULT CMapiForWDS::GetMsgFromURL(const std::wstring& message_url, LPMESSAGE* m
   }
   ULONG type = 0;
   IUnknown* object = nullptr;
-  const HRESULT hr = store_ ? store_->OpenEntry(id.cb, reinterpret_cast<LPENTRYID>(id.lpb), nullptr, MAPI_BEST_ACCESS,
-                                                &type, &object)
-                            : E_FAIL;
+  const HRESULT hr =
+      store_ ? store_->OpenEntry(id.cb, reinterpret_cast<LPENTRYID>(id.lpb), nullptr, MAPI_BEST_ACCESS, &type, &object)
+             : E_FAIL;
   mapi::MAPIFreeBuffer(id.lpb);
   if (FAILED(hr)) {
     ZK_LOG(L"CMapiForWDS::GetMsgFromURL() - OpenEntry failed with [0x%08lX]", hr);
@@ -200,8 +202,9 @@ BOOL CMapiForWDS::GetLastModifiedFileTime(const std::wstring& path, FILETIME* ti
   *time = data.ftLastWriteTime;
   SYSTEMTIME utc, local = {};
   if (FileTimeToSystemTime(time, &utc)) SystemTimeToTzSpecificLocalTime(nullptr, &utc, &local);
-  ZK_LOG(L"CMapiForWDS::GetLastModifiedFileTime() - File %s last modified date time is, Day:%d Month:%d Year:%d Hour:%d "
-         L"Min:%d",
-         path.c_str(), local.wDay, local.wMonth, local.wYear, local.wHour, local.wMinute);
+  ZK_LOG(
+      L"CMapiForWDS::GetLastModifiedFileTime() - File %s last modified date time is, Day:%d Month:%d Year:%d Hour:%d "
+      L"Min:%d",
+      path.c_str(), local.wDay, local.wMonth, local.wYear, local.wHour, local.wMinute);
   return TRUE;
 }

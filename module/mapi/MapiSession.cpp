@@ -59,7 +59,9 @@ HelperTable& Helpers() {
   return *table;
 }
 
-LPTSTR Ansi(const char* text) { return reinterpret_cast<LPTSTR>(const_cast<char*>(text)); }
+LPTSTR Ansi(const char* text) {
+  return reinterpret_cast<LPTSTR>(const_cast<char*>(text));
+}
 
 // A call that succeeds but hands nothing out has failed.
 template <class Pointer>
@@ -100,9 +102,10 @@ CMapiForWDS* CMapiForWDS::GetMapiObj(std::wstring item_url) {
   }
   const std::wstring key = text::Lower(tokens[kVaultToken]);
   CMapiForWDS* object = Helpers().Find(key);
-  ZK_LOG(L"CMapiForWDS::GetMapiObj() - Looking in MAPI helper object table, for file path %s the MAPI object address is "
-         L"[0x%lX].",
-         key.c_str(), logging::Address(object));
+  ZK_LOG(
+      L"CMapiForWDS::GetMapiObj() - Looking in MAPI helper object table, for file path %s the MAPI object address is "
+      L"[0x%lX].",
+      key.c_str(), logging::Address(object));
   if (object) return object;
   object = new CMapiForWDS;
   ZK_LOG(L"CMapiForWDS::GetMapiObj() - Created a new MAPI helper object at address [0x%lX] for file name %s",
@@ -123,16 +126,19 @@ void CMapiForWDS::CleanMapiObjs() {
         ZK_LOG(L"CMapiForWDS::CleanMapiObjs() - %d MAPI helper objects to be cleaned up", static_cast<int>(count));
       },
       [](const std::wstring& key, CMapiForWDS* object) {
-        ZK_LOG(L"CMapiForWDS::CleanMapiObjs() - Cleaning up MAPI helper object at address [0x%lX] whose file path is "
-               L"%s.",
-               logging::Address(object), key.c_str());
+        ZK_LOG(
+            L"CMapiForWDS::CleanMapiObjs() - Cleaning up MAPI helper object at address [0x%lX] whose file path is "
+            L"%s.",
+            logging::Address(object), key.c_str());
         object->Teardown();
         delete object;
       });
   ZK_LOG(L"CMapiForWDS::CleanMapiObjs() - Exit");
 }
 
-CMapiForWDS::~CMapiForWDS() { mapi::MAPIFreeBuffer(store_entry_id_); }
+CMapiForWDS::~CMapiForWDS() {
+  mapi::MAPIFreeBuffer(store_entry_id_);
+}
 
 HRESULT CMapiForWDS::Setup(const std::wstring& item_url) {
   std::vector<std::wstring> tokens;

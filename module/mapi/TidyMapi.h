@@ -9,10 +9,14 @@
 inline bool Carries(const SPropValue& value, ULONG tag) {
   if (value.ulPropTag != tag) return false;
   switch (PROP_TYPE(tag)) {
-    case PT_UNICODE: return value.Value.lpszW != nullptr;
-    case PT_STRING8: return value.Value.lpszA != nullptr;
-    case PT_BINARY: return !value.Value.bin.cb || value.Value.bin.lpb;
-    default: return true;
+    case PT_UNICODE:
+      return value.Value.lpszW != nullptr;
+    case PT_STRING8:
+      return value.Value.lpszA != nullptr;
+    case PT_BINARY:
+      return !value.Value.bin.cb || value.Value.bin.lpb;
+    default:
+      return true;
   }
 }
 

@@ -61,14 +61,16 @@ HRESULT CopyStream(IStream* from, const std::wstring& path, const CopyLines& lin
 
 HRESULT CUrlAccessor::CopyAttachment(IAttach* attachment, LONG method) {
   switch (method) {
-    case ATTACH_BY_VALUE: return CopyValue(attachment);
+    case ATTACH_BY_VALUE:
+      return CopyValue(attachment);
     case ATTACH_BY_REFERENCE:
     case ATTACH_BY_REF_RESOLVE:
     case ATTACH_BY_REF_ONLY:
       // The path comes from mail. A mail must not make the indexer read a file or a network share.
       ZK_LOG(L"CUrlAccessor::Init() - GetProps for ref-attachment failed with [0x%08lX]", MAPI_E_NO_SUPPORT);
       return MAPI_E_NO_SUPPORT;
-    case ATTACH_OLE: return CopyOle(attachment);
+    case ATTACH_OLE:
+      return CopyOle(attachment);
     case ATTACH_EMBEDDED_MSG: {
       ComPtr<IMessage> embedded;
       const HRESULT hr = attachment->OpenProperty(PR_ATTACH_DATA_OBJ, &IID_IMessage, 0, 0,

@@ -28,7 +28,9 @@ HRESULT CreateHoardexSP(IUnknown* outer, REFIID iid, void** object) {
   return hr;
 }
 
-CHoardexSP::CHoardexSP(IUnknown* outer) : inner_(*this), outer_(outer ? outer : &inner_) { module::Lock(); }
+CHoardexSP::CHoardexSP(IUnknown* outer) : inner_(*this), outer_(outer ? outer : &inner_) {
+  module::Lock();
+}
 CHoardexSP::~CHoardexSP() {
   site_.Reset();  // while the module is still held
   module::Unlock();
@@ -56,16 +58,24 @@ STDMETHODIMP CHoardexSP::InnerUnknown::QueryInterface(REFIID iid, void** object)
   static_cast<IUnknown*>(*object)->AddRef();
   return S_OK;
 }
-STDMETHODIMP_(ULONG) CHoardexSP::InnerUnknown::AddRef() { return static_cast<ULONG>(InterlockedIncrement(&references_)); }
+STDMETHODIMP_(ULONG) CHoardexSP::InnerUnknown::AddRef() {
+  return static_cast<ULONG>(InterlockedIncrement(&references_));
+}
 STDMETHODIMP_(ULONG) CHoardexSP::InnerUnknown::Release() {
   const LONG left = InterlockedDecrement(&references_);
   if (!left) delete &owner_;
   return static_cast<ULONG>(left);
 }
 
-STDMETHODIMP CHoardexSP::QueryInterface(REFIID iid, void** object) { return outer_->QueryInterface(iid, object); }
-STDMETHODIMP_(ULONG) CHoardexSP::AddRef() { return outer_->AddRef(); }
-STDMETHODIMP_(ULONG) CHoardexSP::Release() { return outer_->Release(); }
+STDMETHODIMP CHoardexSP::QueryInterface(REFIID iid, void** object) {
+  return outer_->QueryInterface(iid, object);
+}
+STDMETHODIMP_(ULONG) CHoardexSP::AddRef() {
+  return outer_->AddRef();
+}
+STDMETHODIMP_(ULONG) CHoardexSP::Release() {
+  return outer_->Release();
+}
 
 STDMETHODIMP CHoardexSP::Init(TIMEOUT_INFO*, IProtocolHandlerSite* site, PROXY_INFO*) {
   ZK_GUARD(L"CHoardexSP::Init()", [&]() -> HRESULT {
@@ -140,7 +150,8 @@ int CHoardexSP::DeleteAppDataFolder() {
     result = SHFileOperationW(&operation);
   }
   if (result)
-    ZK_LOG(L"CHoardexSP::DeleteAppDataFolder() - Could not delete folder [%s], error code [%d]", folder.c_str(), result);
+    ZK_LOG(L"CHoardexSP::DeleteAppDataFolder() - Could not delete folder [%s], error code [%d]", folder.c_str(),
+           result);
   ZK_LOG(L"CHoardexSP::DeleteAppDataFolder() - Exit");
   return result;
 }

@@ -17,8 +17,8 @@ constexpr size_t kMaxExtension = 32;
 constexpr size_t kMaxPath = MAX_PATH - 1;
 constexpr size_t kLeastName = 16;
 
-constexpr const wchar_t* kDevices[] = {L"CON",  L"PRN",  L"AUX",  L"NUL",     L"CONIN$", L"CONOUT$", L"CLOCK$",
-                                       L"COM",  L"LPT"};
+constexpr const wchar_t* kDevices[] = {L"CON",     L"PRN",    L"AUX", L"NUL", L"CONIN$",
+                                       L"CONOUT$", L"CLOCK$", L"COM", L"LPT"};
 
 bool IsDevice(std::wstring_view stem) {
   while (!stem.empty() && stem.back() == L' ') stem.remove_suffix(1);

@@ -9,6 +9,6 @@
 // replaced, and it is cut to `limit` characters, its extension kept.
 std::wstring SafeFileName(std::wstring_view display_name, size_t limit);
 
-// A path in the module's temporary folder that no other copy has: unique name, record key, safe display name. The folder
-// is made if missing; the path is short enough for the shell's functions. Empty when there is no such folder.
+// A path in the module's temporary folder that no other copy has: unique name, record key, safe display name. The
+// folder is made if missing; the path is short enough for the shell's functions. Empty when there is no such folder.
 std::wstring TemporaryFilePath(std::wstring_view record_key, std::wstring_view display_name);

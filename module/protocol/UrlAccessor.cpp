@@ -124,8 +124,7 @@ HRESULT CUrlAccessor::ReadParent(IMessage* message, const std::wstring& display_
     ZK_LOG(L"CUrlAccessor::Init() - GetProps failed with [0x%08lX]", hr);
     return hr;
   }
-  attachment_title_ =
-      FindProp(values, count, 0, PR_SUBJECT_W) ? display_name : text::Resource(IDS_ATTACHED_NO_SUBJECT);
+  attachment_title_ = FindProp(values, count, 0, PR_SUBJECT_W) ? display_name : text::Resource(IDS_ATTACHED_NO_SUBJECT);
   if (const SPropValue* delivered = FindProp(values, count, 1, PR_MESSAGE_DELIVERY_TIME))
     parent_delivery_time_ = delivered->Value.ft;
   const SPropValue* sender = FindProp(values, count, 2, PR_SENDER_NAME_W);

@@ -54,5 +54,9 @@ void DetectOSVersion() {
   }
 }
 
-bool IsVistaOrLater() { return g_vista; }
-bool IsServer2008OrLater() { return g_server2008; }
+bool IsVistaOrLater() {
+  return g_vista;
+}
+bool IsServer2008OrLater() {
+  return g_server2008;
+}

@@ -70,4 +70,6 @@ void DetectWDSGroupPolicy() {
   }
 }
 
-std::shared_ptr<const GroupPolicy> CurrentGroupPolicy() { return Current().load(); }
+std::shared_ptr<const GroupPolicy> CurrentGroupPolicy() {
+  return Current().load();
+}

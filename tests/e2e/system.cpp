@@ -36,7 +36,9 @@ std::string WindowsPath(std::string path) {
   return "Z:" + path;
 }
 
-fs::path Prefix() { return fs::absolute("e2e-prefix"); }
+fs::path Prefix() {
+  return fs::absolute("e2e-prefix");
+}
 
 std::string Register() {
   const std::string module = std::string(WINDOWS_BUILD) + "/module/HoardexPH.dll";
@@ -74,7 +76,9 @@ std::string Register() {
 
 }  // namespace
 
-fs::path System::home() { return fs::absolute("e2e-home"); }
+fs::path System::home() {
+  return fs::absolute("e2e-home");
+}
 
 std::string System::Trouble() {
   static const std::string trouble = Register();

@@ -52,7 +52,8 @@ std::string Squeezed(std::string text) {
 }
 
 const char* ItemTypeOf(const std::string& message_class) {
-  if (message_class == "IPM.Appointment" || message_class == "IPM.Schedule.Meeting.Request") return "MAPI/ZK.Appointment";
+  if (message_class == "IPM.Appointment" || message_class == "IPM.Schedule.Meeting.Request")
+    return "MAPI/ZK.Appointment";
   if (message_class == "IPM.Task" || message_class == "IPM.TaskRequest") return "MAPI/ZK.Task";
   if (message_class == "IPM.Contact") return "MAPI/ZK.Contact";
   return message_class == "IPM.StickyNote" ? "MAPI/ZK.Note" : "MAPI/ZK.Message";
@@ -60,7 +61,9 @@ const char* ItemTypeOf(const std::string& message_class) {
 
 void CompareMessage(const Json& expected, const Json& record) {
   EXPECT_FALSE(record.contains("error")) << record["error"];
-  const auto text = [&](const char* key) { return expected.value(key, Json()).is_string() ? expected[key].get<std::string>() : ""; };
+  const auto text = [&](const char* key) {
+    return expected.value(key, Json()).is_string() ? expected[key].get<std::string>() : "";
+  };
   if (!text("subject").empty()) {
     EXPECT_EQ(Property(record, "System.Subject"), text("subject"));
   }
@@ -130,7 +133,8 @@ TEST_F(WholePath, IndexesTheDemonstrationAndFindsItsMail) {
   const Result inside = System::Run({"search", "--json", "oszilloskop"});
   EXPECT_NE(inside.output.find(".zkm/"), std::string::npos) << inside.output;
   for (const char* kind : {"email", "calendar", "task", "contact", "note"})
-    EXPECT_NE(System::Run({"search", "--json", std::string("kind:") + kind}).output.find(".zkm"), std::string::npos) << kind;
+    EXPECT_NE(System::Run({"search", "--json", std::string("kind:") + kind}).output.find(".zkm"), std::string::npos)
+        << kind;
   const Result again = System::Run({"index"});
   EXPECT_EQ(again.code, 0) << again.errors;
   EXPECT_EQ(System::LeftBehind(), std::vector<std::string>()) << "temporary copies of attachments";
@@ -146,7 +150,8 @@ TEST_F(WholePath, NamesWhatItRefusesAndOddUrlsFailCleanly) {
 
   const std::vector<Json> records = System::Dump({});
   const auto vault = std::find_if(records.begin(), records.end(), [](const Json& r) { return r["kind"] == "vault"; });
-  const auto message = std::find_if(records.begin(), records.end(), [](const Json& r) { return r["kind"] == "message"; });
+  const auto message =
+      std::find_if(records.begin(), records.end(), [](const Json& r) { return r["kind"] == "message"; });
   ASSERT_TRUE(vault != records.end() && message != records.end());
   const std::string root = vault->at("url").get<std::string>(), mail = message->at("url");
   const std::string folder = mail.substr(0, mail.rfind('/')), id = mail.substr(mail.rfind('/') + 1);
@@ -155,8 +160,8 @@ TEST_F(WholePath, NamesWhatItRefusesAndOddUrlsFailCleanly) {
       "zkoffline3x://nonsense",
       "http://example.com/",
       folder.substr(0, folder.rfind('/')) + "/00",
-      folder + ".zkm",                         // a folder's identifier as a message
-      folder + "/" + id.substr(0, 48),         // a message's identifier as a folder
+      folder + ".zkm",                  // a folder's identifier as a message
+      folder + "/" + id.substr(0, 48),  // a message's identifier as a folder
       folder + "/" + id.substr(0, 47) + ".zkm",
       folder + "/" + std::string(6000, 'A') + ".zkm",
       mail + "/00000000/none.txt",

@@ -106,7 +106,8 @@ class Filter : public testing::Test {
     EXPECT_EQ(ModuleHost::LiveBuffers(), 0);
     EXPECT_EQ(host_.Call("DllCanUnloadNow"), S_OK);
     // One by one: fails instead of trying for ever when something still holds the store.
-    for (const fs::path& path : {folder_ / "Vault" / "items.db", folder_ / "Vault", folder_}) EXPECT_TRUE(fs::remove(path));
+    for (const fs::path& path : {folder_ / "Vault" / "items.db", folder_ / "Vault", folder_})
+      EXPECT_TRUE(fs::remove(path));
     CoUninitialize();
   }
 
@@ -183,12 +184,12 @@ TEST_F(Filter, EmitsAMailInItsLaidDownOrder) {
   const std::vector<Chunk> chunks = Read(messages[0]);
 
   const std::pair<ULONG, ULONG> expected[] = {
-      {kMail, 7}, {kShell, 11}, {0xDABD30ED, 100}, {kMail, 6}, {kStorage, 4}, {0xF23F425C, 100}, {0x6B8DA074, 100},
-      {kSummary, 4}, {0xF7DB74B4, 100}, {kStorage, 2}, {kKind, 3}, {kMail, 16}, {kMail, 4}, {kMail, 2}, {kMail, 13},
-      {0x0DA41CFA, 100}, {kSummary, 2}, {0x5CDA5FC8, 100}, {kMail, 20}, {kMail, 5}, {kMail, 17}, {kStorage, 12},
-      {kSummary, 3}, {kMail, 14}, {kStorage, 19}, {kMail, 19}, {0x0BE1C8E7, 100}, {kStorage, 15}, {kMail, 10},
-      {0x5DA84765, 100}, {0xDC8F80BD, 100}, {0xAAA660F9, 100}, {0x560C36C0, 2}, {kMail, 21}, {0x9C1FCF74, 8},
-      {kLink, 12}};
+      {kMail, 7},        {kShell, 11},      {0xDABD30ED, 100}, {kMail, 6},        {kStorage, 4},   {0xF23F425C, 100},
+      {0x6B8DA074, 100}, {kSummary, 4},     {0xF7DB74B4, 100}, {kStorage, 2},     {kKind, 3},      {kMail, 16},
+      {kMail, 4},        {kMail, 2},        {kMail, 13},       {0x0DA41CFA, 100}, {kSummary, 2},   {0x5CDA5FC8, 100},
+      {kMail, 20},       {kMail, 5},        {kMail, 17},       {kStorage, 12},    {kSummary, 3},   {kMail, 14},
+      {kStorage, 19},    {kMail, 19},       {0x0BE1C8E7, 100}, {kStorage, 15},    {kMail, 10},     {0x5DA84765, 100},
+      {0xDC8F80BD, 100}, {0xAAA660F9, 100}, {0x560C36C0, 2},   {kMail, 21},       {0x9C1FCF74, 8}, {kLink, 12}};
   ASSERT_EQ(chunks.size(), std::size(expected));
   for (size_t i = 0; i < chunks.size(); ++i) {
     EXPECT_EQ(std::pair(chunks[i].fmtid, chunks[i].pid), expected[i]) << i;
@@ -238,13 +239,27 @@ TEST_F(Filter, GivesEveryItemTypeItsOwnSteps) {
   StoreBuilder store("items");
   auto& folder = store.top().AddFolder("All");
   const auto start = FileTime(2024, 3, 1, 8), end = FileTime(2024, 3, 1, 9);
-  folder.AddMessage("IPM.Appointment").Subject("Meeting").To("Bob", "bob@example.org")
-      .Time({kAppointmentSet, 0x820D}, start).Time({kAppointmentSet, 0x820E}, end).Int({kAppointmentSet, 0x8205}, 2)
-      .Bool({kAppointmentSet, 0x8223}, true).Text({kAppointmentSet, 0x8208}, "Room 5");
-  folder.AddMessage("IPM.Task").Subject("Task").Time({kTaskSet, 0x8104}, start).Time({kTaskSet, 0x8105}, end)
-      .Bool({kTaskSet, 0x811C}, true).Text({kTaskSet, 0x811F}, "Ann").Int({kTaskSet, 0x8101}, 1);
-  folder.AddMessage("IPM.Contact").Subject("Card").Text(0x3001, "Ann Smith").Text(0x3A16, "Example Ltd")
-      .Text({kAddressSet, 0x8083}, "ann@example.com").Text(0x3A1C, "+44 1");
+  folder.AddMessage("IPM.Appointment")
+      .Subject("Meeting")
+      .To("Bob", "bob@example.org")
+      .Time({kAppointmentSet, 0x820D}, start)
+      .Time({kAppointmentSet, 0x820E}, end)
+      .Int({kAppointmentSet, 0x8205}, 2)
+      .Bool({kAppointmentSet, 0x8223}, true)
+      .Text({kAppointmentSet, 0x8208}, "Room 5");
+  folder.AddMessage("IPM.Task")
+      .Subject("Task")
+      .Time({kTaskSet, 0x8104}, start)
+      .Time({kTaskSet, 0x8105}, end)
+      .Bool({kTaskSet, 0x811C}, true)
+      .Text({kTaskSet, 0x811F}, "Ann")
+      .Int({kTaskSet, 0x8101}, 1);
+  folder.AddMessage("IPM.Contact")
+      .Subject("Card")
+      .Text(0x3001, "Ann Smith")
+      .Text(0x3A16, "Example Ltd")
+      .Text({kAddressSet, 0x8083}, "ann@example.com")
+      .Text(0x3A1C, "+44 1");
   folder.AddMessage("ipm.stickynote").Subject("Note").Int({kNoteSet, 0x8B00}, 3);
   folder.AddMessage("IPM.Note").Body("No subject here");
   const auto urls = MessagesOf(Write(store));

@@ -38,7 +38,8 @@ TEST(TemporaryFile, MakesHostileNamesSafeAndKeepsTheExtension) {
 TEST(TemporaryFile, LandsInTheModulesFolderWhateverTheName) {
   const std::wstring folder = AppDataFolder() + L"\\";
   std::set<std::wstring> seen;
-  for (const wchar_t* name : {L"a.txt", L"a.txt", L"..\\..\\..\\windows\\a.txt", L"C:\\a.txt", L"\\\\host\\share\\a.txt"}) {
+  for (const wchar_t* name :
+       {L"a.txt", L"a.txt", L"..\\..\\..\\windows\\a.txt", L"C:\\a.txt", L"\\\\host\\share\\a.txt"}) {
     const std::wstring path = TemporaryFilePath(L"80250000", name);
     EXPECT_EQ(path.rfind(folder, 0), 0u);
     EXPECT_EQ(path.find(L'\\', folder.size()), std::wstring::npos);
@@ -65,9 +66,15 @@ TEST(EntryIdText, ConvertsUpToTheFirstBadPair) {
     std::vector<BYTE> bytes;
   };
   const Case cases[] = {
-      {"00ffAb", TRUE, {0x00, 0xFF, 0xAB}}, {"", TRUE, {}},          {"0", FALSE, {}},
-      {"12G4", FALSE, {0x12}},              {"123", FALSE, {0x12}},  {"AB[[20]]", FALSE, {0xAB}},
-      {"1:", FALSE, {}},                    {"\xff\xff", FALSE, {}}, {"`0", FALSE, {}},
+      {"00ffAb", TRUE, {0x00, 0xFF, 0xAB}},
+      {"", TRUE, {}},
+      {"0", FALSE, {}},
+      {"12G4", FALSE, {0x12}},
+      {"123", FALSE, {0x12}},
+      {"AB[[20]]", FALSE, {0xAB}},
+      {"1:", FALSE, {}},
+      {"\xff\xff", FALSE, {}},
+      {"`0", FALSE, {}},
   };
   for (const Case& c : cases) {
     BYTE bytes[8] = {};

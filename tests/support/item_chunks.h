@@ -18,8 +18,8 @@ struct Chunk {
   ULONG pid = 0;
   bool is_text = false;
   VARTYPE type = VT_EMPTY;
-  std::wstring text;      // a string value, a link's URL, or the chunk's text
-  LONGLONG number = 0;    // a numeric or Boolean value, or a FILETIME
+  std::wstring text;    // a string value, a link's URL, or the chunk's text
+  LONGLONG number = 0;  // a numeric or Boolean value, or a FILETIME
 };
 
 inline LONGLONG TicksOf(const FILETIME& time) {
@@ -91,16 +91,27 @@ class Item {
     if (FAILED(filter->GetValue(&value)) || !value) return;
     chunk.type = value->vt;
     switch (value->vt) {
-      case VT_LPWSTR: chunk.text = value->pwszVal; break;
-      case VT_BOOL: chunk.number = value->boolVal; break;
-      case VT_UI2: chunk.number = value->uiVal; break;
-      case VT_I8: chunk.number = value->hVal.QuadPart; break;
-      case VT_FILETIME: chunk.number = TicksOf(value->filetime); break;
+      case VT_LPWSTR:
+        chunk.text = value->pwszVal;
+        break;
+      case VT_BOOL:
+        chunk.number = value->boolVal;
+        break;
+      case VT_UI2:
+        chunk.number = value->uiVal;
+        break;
+      case VT_I8:
+        chunk.number = value->hVal.QuadPart;
+        break;
+      case VT_FILETIME:
+        chunk.number = TicksOf(value->filetime);
+        break;
       case VT_VECTOR | VT_VARIANT:
         chunk.text = value->capropvar.pElems[0].pwszVal;
         chunk.number = TicksOf(value->capropvar.pElems[1].filetime);
         break;
-      default: break;
+      default:
+        break;
     }
     PropVariantClear(value);
     CoTaskMemFree(value);
