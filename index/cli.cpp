@@ -32,7 +32,8 @@ std::vector<std::string> MarkQueryWords(int argc, char** argv) {
   bool searching = false;
   for (int i = 1; i < argc; ++i) {
     std::string word = argv[i];
-    if (searching && word.size() > 1 && word[0] == '-' && word[1] != '-' && !kShort.contains(word) && !(word[1] == 'n' && word[2] >= '0' && word[2] <= '9')) {
+    if (searching && word.size() > 1 && word[0] == '-' && word[1] != '-' && !kShort.contains(word) &&
+        !(word[1] == 'n' && word[2] >= '0' && word[2] <= '9')) {
       word.insert(word.begin(), kQueryWord);
     }
     searching = searching || word == "search";
@@ -47,18 +48,22 @@ int Main(int argc, char** argv) {
   CLI::App app("Finds the mail in message stores: indexes them with their attachments, and searches.", "hoardex");
   app.require_subcommand(1);
   app.set_help_all_flag("--help-all", "Help of all commands");
-  app.footer("The launcher knows two more: test (builds and runs all tests) and bench FILE… (speed beside other readers).");
+  app.footer(
+      "The launcher knows two more: test (builds and runs all tests) and bench FILE… (speed beside other readers).");
   std::function<int()> command;
   // Read late, so that --help works everywhere.
   const auto environment = [] { return Environment::FromProcess(); };
 
   IndexArguments index;
   auto* index_command = app.add_subcommand("index", "Bring stores into the index, or the index up to date");
-  index_command->add_option("FILE", index.files, "Stores (.pst, .db) or folders of them; without, what is there is looked through again");
+  index_command->add_option("FILE", index.files,
+                            "Stores (.pst, .db) or folders of them; without, what is there is looked through again");
   index_command->add_flag("--demo", index.demo, "Index a demonstration vault");
-  index_command->add_flag("--retry", index.retry, "Also ask again for unchanged items that ended the protocol host before");
+  index_command->add_flag("--retry", index.retry,
+                          "Also ask again for unchanged items that ended the protocol host before");
   index_command->add_flag("--json", index.json, "Report as JSON");
-  index_command->add_option("--timeout", index.timeout_seconds, "Seconds without any answer before the protocol host is ended")
+  index_command
+      ->add_option("--timeout", index.timeout_seconds, "Seconds without any answer before the protocol host is ended")
       ->check(CLI::Range(1, 86400))
       ->capture_default_str();
   index_command->callback([&] { command = [&] { return RunIndex(environment(), index); }; });
@@ -66,9 +71,13 @@ int Main(int argc, char** argv) {
   SearchArguments search;
   auto* search_command = app.add_subcommand("search", "Search the index");
   search_command->add_option("QUERY", search.words, "What to find")->required();
-  search_command->add_option("-n,--limit", search.limit, "Show at most so many hits")->check(CLI::Range(1, 1000000))->capture_default_str();
-  search_command->add_option("--folder", search.folders, "Only in folders with these words in their path")->allow_extra_args(false);
-  search_command->add_option("--vault", search.vaults, "Only in this vault; * stands for anything")->allow_extra_args(false);
+  search_command->add_option("-n,--limit", search.limit, "Show at most so many hits")
+      ->check(CLI::Range(1, 1000000))
+      ->capture_default_str();
+  search_command->add_option("--folder", search.folders, "Only in folders with these words in their path")
+      ->allow_extra_args(false);
+  search_command->add_option("--vault", search.vaults, "Only in this vault; * stands for anything")
+      ->allow_extra_args(false);
   search_command->add_option("--kind", search.kinds, "Only items of this kind")->allow_extra_args(false);
   search_command->add_flag("--json", search.json, "Hits as JSON, with all properties");
   search_command->footer(kQueryHelp);
@@ -89,7 +98,8 @@ int Main(int argc, char** argv) {
   auto* dump_command = app.add_subcommand("dump", "Write every item as a line of JSON, without an index");
   dump_command->add_option("FILE", dump.files, "Stores or folders of them; without, all vaults");
   dump_command->add_flag("--chunks", dump.chunks, "With the sequence of chunks");
-  dump_command->add_option("--timeout", dump.timeout_seconds, "Seconds without any answer before the protocol host is ended")
+  dump_command
+      ->add_option("--timeout", dump.timeout_seconds, "Seconds without any answer before the protocol host is ended")
       ->check(CLI::Range(1, 86400))
       ->capture_default_str();
   dump_command->callback([&] { command = [&] { return RunDump(environment(), dump); }; });
@@ -131,7 +141,8 @@ int Main(int argc, char** argv) {
   try {
     const int code = command();
     // A closed output is the reader's choice; a full disk is not.
-    if (std::fflush(stdout) != 0 && errno != EPIPE) return fail("The output cannot be written: " + std::string(std::strerror(errno)) + ".", kExitFailed);
+    if (std::fflush(stdout) != 0 && errno != EPIPE)
+      return fail("The output cannot be written: " + std::string(std::strerror(errno)) + ".", kExitFailed);
     return code;
   } catch (const CommandError& error) {
     return fail(error.what(), error.code());

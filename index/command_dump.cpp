@@ -36,7 +36,9 @@ struct OutputClosed {};
 class DumpSource : public WorkSource {
  public:
   // With names, only these vaults.
-  DumpSource(const std::string& root, const std::set<std::string>& vaults) : vaults_(vaults) { waiting_.push_back({{0, root}, ItemKind::kRoot}); }
+  DumpSource(const std::string& root, const std::set<std::string>& vaults) : vaults_(vaults) {
+    waiting_.push_back({{0, root}, ItemKind::kRoot});
+  }
 
   std::optional<WorkItem> Next() override {
     if (waiting_.empty()) return std::nullopt;
@@ -75,7 +77,9 @@ class DumpSource : public WorkSource {
   int64_t failed() const { return failed_; }
 
  private:
-  bool Wanted(const std::string& vault) const { return vaults_.empty() ? !IsTemporaryVault(vault) : vaults_.contains(vault); }
+  bool Wanted(const std::string& vault) const {
+    return vaults_.empty() ? !IsTemporaryVault(vault) : vaults_.contains(vault);
+  }
 
   ItemKind Forget(const WorkItem& item) {
     const auto found = kinds_.find(item.url);
@@ -87,7 +91,8 @@ class DumpSource : public WorkSource {
   void Write(ItemKind, const json& record, const std::string& line) {
     // JSON escapes only the first 32 control characters; a terminal must not see the others either.
     static const bool terminal = isatty(STDOUT_FILENO);
-    const bool written = terminal ? Print(record.dump(-1, ' ', true, json::error_handler_t::replace) + "\n") : Print(line) && Print("\n");
+    const bool written = terminal ? Print(record.dump(-1, ' ', true, json::error_handler_t::replace) + "\n")
+                                  : Print(line) && Print("\n");
     if (!written) throw OutputClosed{};
   }
 
@@ -112,7 +117,8 @@ struct TemporaryLinks {
 };
 
 // The vault names of the files; files that are no vaults get a temporary link.
-std::set<std::string> LinkFiles(const Environment& environment, const std::vector<std::string>& arguments, VaultFolder& folder, int64_t* refused) {
+std::set<std::string> LinkFiles(const Environment& environment, const std::vector<std::string>& arguments,
+                                VaultFolder& folder, int64_t* refused) {
   std::set<std::string> names;
   int number = 0;
   for (const auto& file : ExpandFolders(arguments)) {
@@ -161,7 +167,8 @@ class SingleSource : public WorkSource {
 
 std::string ValueText(const json& value) {
   if (value.is_string()) return OneLine(value.get_ref<const std::string&>());
-  if (value.is_object() && value.contains("url")) return ValueText(value["url"]) + "  " + ValueText(value.value("modified", json("")));
+  if (value.is_object() && value.contains("url"))
+    return ValueText(value["url"]) + "  " + ValueText(value.value("modified", json("")));
   if (!value.is_array()) return value.dump();
   std::string out;
   for (const json& element : value) out += (out.empty() ? "" : "; ") + ValueText(element);
@@ -184,7 +191,8 @@ void PrintItem(const json& json_record) {
       const std::string key = chunk.value("key", std::string());
       std::string value;
       if (chunk.value("type", std::string()) == "text") {
-        value = chunk.contains("characters") ? chunk["characters"].dump() + " characters of the text below" : "the text below";
+        value = chunk.contains("characters") ? chunk["characters"].dump() + " characters of the text below"
+                                             : "the text below";
       } else if (const auto own = chunk.find("value"); own != chunk.end()) {
         value = ValueText(*own);
       } else if (const auto found = record.properties.find(key); found != record.properties.end()) {
@@ -194,7 +202,8 @@ void PrintItem(const json& json_record) {
     }
   } else {
     int number = 0;
-    for (const auto& [key, value] : record.properties.items()) table.Add({std::to_string(++number), OneLine(key), ValueText(value)});
+    for (const auto& [key, value] : record.properties.items())
+      table.Add({std::to_string(++number), OneLine(key), ValueText(value)});
   }
   Print(table.Text());
   if (record.text.empty()) return;

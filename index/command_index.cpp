@@ -32,7 +32,8 @@ struct VaultReport {
 
   // Promised, but in no list that the crawl has seen.
   int64_t Missing() const {
-    const int64_t seen = counts.messages_new + counts.messages_unchanged + counts.messages_failed + counts.messages_waiting;
+    const int64_t seen =
+        counts.messages_new + counts.messages_unchanged + counts.messages_failed + counts.messages_waiting;
     return info.opens && info.messages > seen ? info.messages - seen : 0;
   }
   bool Complete() const { return vault.present && info.opens && failures.empty() && Missing() == 0; }
@@ -43,13 +44,14 @@ void MakeDemo(const Environment& environment) {
   fs::path partial = environment.demo_file();
   partial += ".part";
   const Captured made = RunAndCapture({environment.Require(environment.mkvault), "--demo", partial.string()});
-  if (made.status != 0) throw CommandError(kExitFailed, "The demonstration vault could not be made: " + OneLine(made.out));
+  if (made.status != 0)
+    throw CommandError(kExitFailed, "The demonstration vault could not be made: " + OneLine(made.out));
   fs::rename(partial, environment.demo_file());
 }
 
 // The files become vaults; what is refused comes back with its reason.
-std::vector<Refusal> AddVaults(const Environment& environment, const std::vector<fs::path>& files, Store& store, Progress& progress,
-                               bool quiet) {
+std::vector<Refusal> AddVaults(const Environment& environment, const std::vector<fs::path>& files, Store& store,
+                               Progress& progress, bool quiet) {
   std::vector<Refusal> refusals;
   VaultFolder folder(environment);
   for (const fs::path& file : files) {
@@ -58,7 +60,8 @@ std::vector<Refusal> AddVaults(const Environment& environment, const std::vector
     const AddResult added = folder.Add(file);
     progress.Clear();
     if (added.state == AddResult::State::kRefused) {
-      std::fprintf(stderr, "hoardex: %s is refused: %s\n", OneLine(file.string()).c_str(), OneLine(added.reason).c_str());
+      std::fprintf(stderr, "hoardex: %s is refused: %s\n", OneLine(file.string()).c_str(),
+                   OneLine(added.reason).c_str());
       refusals.push_back({file.string(), added.reason});
       continue;
     }
@@ -67,7 +70,8 @@ std::vector<Refusal> AddVaults(const Environment& environment, const std::vector
       store.SaveVault({vault->name, vault->source.string(), vault->stamp, added.info.text});
     }
     if (!quiet && added.name != SafeVaultName(file.stem().string())) {
-      std::fprintf(stderr, "hoardex: %s is the vault \"%s\", another has its name.\n", OneLine(file.string()).c_str(), added.name.c_str());
+      std::fprintf(stderr, "hoardex: %s is the vault \"%s\", another has its name.\n", OneLine(file.string()).c_str(),
+                   added.name.c_str());
     }
   }
   return refusals;
@@ -98,14 +102,17 @@ std::string WhatFailed(const FailedItem& item) {
 
 void PrintLosses(const VaultReport& report) {
   const std::string name = report.vault.name;
-  if (!report.vault.present || !report.info.opens) Print(name + ": " + report.info.error + " What was indexed of it before stays.\n");
-  for (size_t i = 0; i < report.failures.size() && i < kShownFailures; ++i) Print(name + ": " + WhatFailed(report.failures[i]) + "\n");
+  if (!report.vault.present || !report.info.opens)
+    Print(name + ": " + report.info.error + " What was indexed of it before stays.\n");
+  for (size_t i = 0; i < report.failures.size() && i < kShownFailures; ++i)
+    Print(name + ": " + WhatFailed(report.failures[i]) + "\n");
   if (report.failures.size() > kShownFailures) {
-    Print(name + ": … and " + Grouped(static_cast<long long>(report.failures.size() - kShownFailures)) + " more (all with --json)\n");
+    Print(name + ": … and " + Grouped(static_cast<long long>(report.failures.size() - kShownFailures)) +
+          " more (all with --json)\n");
   }
   if (report.Missing() > 0) {
-    Print(name + ": " + Counted(report.Missing(), "message") + " of the store " + (report.Missing() == 1 ? "was" : "were") +
-          " not listed by any folder that could be browsed\n");
+    Print(name + ": " + Counted(report.Missing(), "message") + " of the store " +
+          (report.Missing() == 1 ? "was" : "were") + " not listed by any folder that could be browsed\n");
   }
   if (report.info.top_message_count == 0) return;
   Print(name + ": not counted, " + Counted(report.info.top_message_count, "message") +
@@ -125,13 +132,17 @@ void PrintReport(const std::vector<VaultReport>& reports, const std::vector<Refu
     if (report.info.attachments > counts.attachments) attachments += " of " + Grouped(report.info.attachments);
     if (counts.attachments_failed > 0) attachments += " (" + Grouped(counts.attachments_failed) + " failed)";
     table.Add({report.vault.name, report.info.opens ? Grouped(report.info.messages) : "?", Grouped(counts.messages_new),
-               Grouped(counts.messages_unchanged), Grouped(counts.messages_failed), Grouped(report.removed), attachments});
+               Grouped(counts.messages_unchanged), Grouped(counts.messages_failed), Grouped(report.removed),
+               attachments});
   }
-  for (const Refusal& refusal : refusals) table.Add({OneLine(fs::path(refusal.file).filename().string()), "refused: " + OneLine(refusal.reason)});
+  for (const Refusal& refusal : refusals)
+    table.Add({OneLine(fs::path(refusal.file).filename().string()), "refused: " + OneLine(refusal.reason)});
   Print(table.Text());
   for (const VaultReport& report : reports) {
     if (report.info.attachments <= report.counts.attachments + report.counts.attachments_failed) continue;
-    Print("The content of attachments is indexed where their type has a text filter; the others are found by their names.\n");
+    Print(
+        "The content of attachments is indexed where their type has a text filter; the others are found by their "
+        "names.\n");
     break;
   }
   for (const VaultReport& report : reports) PrintLosses(report);
@@ -142,7 +153,11 @@ json ReportJson(const std::vector<VaultReport>& reports, const std::vector<Refus
   for (const VaultReport& report : reports) {
     json losses = json::array();
     for (const FailedItem& item : report.failures) {
-      losses.push_back({{"url", item.url}, {"kind", KindName(item.kind)}, {"title", item.title}, {"path", item.path}, {"reason", item.error}});
+      losses.push_back({{"url", item.url},
+                        {"kind", KindName(item.kind)},
+                        {"title", item.title},
+                        {"path", item.path},
+                        {"reason", item.error}});
     }
     const VaultCounts& counts = report.counts;
     json entry{{"name", report.vault.name},
@@ -169,7 +184,8 @@ json ReportJson(const std::vector<VaultReport>& reports, const std::vector<Refus
     }
     out["vaults"].push_back(std::move(entry));
   }
-  for (const Refusal& refusal : refusals) out["refused"].push_back({{"file", refusal.file}, {"reason", refusal.reason}});
+  for (const Refusal& refusal : refusals)
+    out["refused"].push_back({{"file", refusal.file}, {"reason", refusal.reason}});
   return out;
 }
 
@@ -179,11 +195,13 @@ int RunIndex(const Environment& environment, const IndexArguments& arguments) {
   std::vector<fs::path> files = ExpandFolders(arguments.files);
   VaultFolder folder(environment);
   if (arguments.files.empty() && !arguments.demo && folder.List().empty()) {
-    throw CommandError(kExitUsage,
-                       "There is no vault yet. Name stores or folders of stores (hoardex index mail.pst), or try it with "
-                       "hoardex index --demo.");
+    throw CommandError(
+        kExitUsage,
+        "There is no vault yet. Name stores or folders of stores (hoardex index mail.pst), or try it with "
+        "hoardex index --demo.");
   }
-  if (files.empty() && !arguments.files.empty()) throw CommandError(kExitUsage, "There is no .pst or .db file in what you named.");
+  if (files.empty() && !arguments.files.empty())
+    throw CommandError(kExitUsage, "There is no .pst or .db file in what you named.");
   environment.Require(environment.vaultinfo);
   if (environment.host_command.empty()) environment.Require("");
   HomeLock lock(environment);
@@ -221,8 +239,10 @@ int RunIndex(const Environment& environment, const IndexArguments& arguments) {
   }
   progress.Clear();
   if (outcome.result == GatherResult::kInterrupted) {
-    std::fprintf(stderr, "hoardex: stopped with %s still to do; what has been done is in the index. hoardex index goes on from here.\n",
-                 Counted(store.QueueSize(), "item").c_str());
+    std::fprintf(
+        stderr,
+        "hoardex: stopped with %s still to do; what has been done is in the index. hoardex index goes on from here.\n",
+        Counted(store.QueueSize(), "item").c_str());
     return kExitInterrupted;
   }
 
@@ -235,7 +255,8 @@ int RunIndex(const Environment& environment, const IndexArguments& arguments) {
     report.vault = vault;
     report.info = Promise(environment, vault, store, progress);
     report.counts = counts[vault.name];
-    if (const auto removed = store.removed().find(vault.name); removed != store.removed().end()) report.removed = removed->second;
+    if (const auto removed = store.removed().find(vault.name); removed != store.removed().end())
+      report.removed = removed->second;
     for (const FailedItem& item : failures) {
       if (item.vault == vault.name) report.failures.push_back(item);
     }

@@ -40,7 +40,9 @@ std::string Kinds(const Hit& hit) {
   return out;
 }
 
-std::string Place(const Hit& hit) { return OneLine(hit.vault + (hit.path.empty() ? "" : "/" + hit.path)); }
+std::string Place(const Hit& hit) {
+  return OneLine(hit.vault + (hit.path.empty() ? "" : "/" + hit.path));
+}
 
 void PrintHit(const Hit& hit) {
   std::string title = OneLine(hit.title);
@@ -51,7 +53,10 @@ void PrintHit(const Hit& hit) {
   };
   add(Shorten(OneLine(hit.sender), 60));
   add(Place(hit));
-  Print(Bold(title) + (hit.kind == ItemKind::kAttachment ? "  (attached to \"" + Shorten(OneLine(hit.parent_title), 60) + "\")" : "") + "\n");
+  Print(
+      Bold(title) +
+      (hit.kind == ItemKind::kAttachment ? "  (attached to \"" + Shorten(OneLine(hit.parent_title), 60) + "\")" : "") +
+      "\n");
   Print("  " + about + "\n");
   if (!hit.snippet.empty()) Print("  " + Marked(hit.snippet) + "\n");
   if (!hit.error.empty()) Print("  incomplete: " + OneLine(hit.error) + "\n");
@@ -59,9 +64,9 @@ void PrintHit(const Hit& hit) {
 }
 
 json HitJson(const Hit& hit) {
-  json out{{"url", hit.url},   {"type", KindName(hit.kind)}, {"kind", Kinds(hit)}, {"vault", hit.vault},
-           {"folder", hit.path}, {"date", hit.date},           {"from", hit.sender}, {"subject", hit.title},
-           {"score", hit.score}};
+  json out{{"url", hit.url},     {"type", KindName(hit.kind)}, {"kind", Kinds(hit)},
+           {"vault", hit.vault}, {"folder", hit.path},         {"date", hit.date},
+           {"from", hit.sender}, {"subject", hit.title},       {"score", hit.score}};
   std::string plain;
   for (char c : hit.snippet) plain += c == kMarkStart ? "[" : c == kMarkEnd ? "]" : std::string(1, c);
   out["snippet"] = plain;
@@ -85,10 +90,12 @@ int RunSearch(const Environment& environment, const SearchArguments& arguments) 
   std::string query = JoinQuery(arguments.words);
   // The words alone first, so that a fault in them is reported as such.
   QueryPlan plan = CompileQuery(query);
-  const std::string narrowed = AnyOf("folder", arguments.folders) + AnyOf("vault", arguments.vaults) + AnyOf("kind", arguments.kinds);
+  const std::string narrowed =
+      AnyOf("folder", arguments.folders) + AnyOf("vault", arguments.vaults) + AnyOf("kind", arguments.kinds);
   if (!narrowed.empty()) plan = CompileQuery("(" + query + ")" + narrowed);
   if (!std::filesystem::exists(environment.index_file())) {
-    throw CommandError(kExitFailed, "There is no index yet: run hoardex index with the stores to search, or hoardex index --demo.");
+    throw CommandError(kExitFailed,
+                       "There is no index yet: run hoardex index with the stores to search, or hoardex index --demo.");
   }
   Store store(environment.index_file(), Database::Mode::kReadOnly);
   const SearchResult result = Search(store, plan, arguments.limit, arguments.json);

@@ -22,8 +22,12 @@ int RunVaultsList(const Environment& environment, bool as_json) {
   for (const Vault& vault : vaults) {
     const VaultCounts& count = counts[vault.name];
     const int64_t messages = count.messages_new + count.messages_unchanged;
-    out.push_back({{"name", vault.name}, {"source", vault.source.string()}, {"present", vault.present}, {"size", vault.size},
-                   {"messages", messages}, {"attachments", count.attachments}});
+    out.push_back({{"name", vault.name},
+                   {"source", vault.source.string()},
+                   {"present", vault.present},
+                   {"size", vault.size},
+                   {"messages", messages},
+                   {"attachments", count.attachments}});
     table.Add({vault.name, Grouped(messages), Grouped(count.attachments), Grouped(vault.size),
                OneLine(vault.source.string()) + (vault.present ? "" : "  (not there)")});
   }
@@ -43,11 +47,13 @@ int RunVaultsAdd(const Environment& environment, const std::vector<std::string>&
     const AddResult added = folder.Add(file);
     if (added.state == AddResult::State::kRefused) {
       ++refused;
-      std::fprintf(stderr, "hoardex: %s is refused: %s\n", OneLine(file.string()).c_str(), OneLine(added.reason).c_str());
+      std::fprintf(stderr, "hoardex: %s is refused: %s\n", OneLine(file.string()).c_str(),
+                   OneLine(added.reason).c_str());
       continue;
     }
     ++taken;
-    Print(OneLine(file.string()) + (added.state == AddResult::State::kKnown ? " is already the vault " : " is the vault ") + added.name + "\n");
+    Print(OneLine(file.string()) +
+          (added.state == AddResult::State::kKnown ? " is already the vault " : " is the vault ") + added.name + "\n");
   }
   if (taken > 0) Print("hoardex index brings them into the index.\n");
   return refused == 0 ? kExitOk : taken > 0 ? kExitPartly : kExitFailed;
@@ -69,7 +75,8 @@ int RunVaultsRemove(const Environment& environment, const std::vector<std::strin
     if (std::filesystem::exists(environment.index_file())) {
       Store(environment.index_file(), Database::Mode::kCreate).RemoveVault(vault->name);
     }
-    Print("The vault " + vault->name + " is no longer indexed; " + OneLine(vault->source.string()) + " is untouched.\n");
+    Print("The vault " + vault->name + " is no longer indexed; " + OneLine(vault->source.string()) +
+          " is untouched.\n");
   }
   return all ? kExitOk : kExitFailed;
 }

@@ -1,5 +1,5 @@
-// The commands behind the command line: each takes parsed arguments and returns an exit code. Failures are CommandError,
-// HostError, DatabaseError or QueryError.
+// The commands behind the command line: each takes parsed arguments and returns an exit code. Failures are
+// CommandError, HostError, DatabaseError or QueryError.
 #pragma once
 
 #include <cstdint>

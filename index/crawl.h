@@ -19,7 +19,8 @@ struct CrawlOptions {
   size_t batch_bytes = 8 << 20;
   std::chrono::milliseconds batch_time{1000};
   bool retry_lost = false;
-  // Vaults whose files are there but may be unreadable at the moment: never dropped because the host does not list them.
+  // Vaults whose files are there but may be unreadable at the moment: never dropped because the host does not list
+  // them.
   std::set<std::string> kept_vaults;
   // Called a few times a second with what has been done and what is known to remain.
   std::function<void(int64_t done, int64_t remaining)> progress;
@@ -32,7 +33,8 @@ struct CrawlOutcome {
   int64_t items = 0;  // asked for in this call
 };
 
-// Crawls from the host's root URL until the queue is empty. Throws HostError and DatabaseError; what was committed stays.
+// Crawls from the host's root URL until the queue is empty. Throws HostError and DatabaseError; what was committed
+// stays.
 CrawlOutcome Crawl(Gatherer& gatherer, Store& store, const CrawlOptions& options);
 
 }  // namespace hoardex

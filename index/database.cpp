@@ -14,17 +14,25 @@ namespace {
 }  // namespace
 
 Statement::Statement(sqlite3* db, std::string_view sql) {
-  if (sqlite3_prepare_v3(db, sql.data(), static_cast<int>(sql.size()), SQLITE_PREPARE_PERSISTENT, &statement_, nullptr) !=
-      SQLITE_OK) {
+  if (sqlite3_prepare_v3(db, sql.data(), static_cast<int>(sql.size()), SQLITE_PREPARE_PERSISTENT, &statement_,
+                         nullptr) != SQLITE_OK) {
     Fail(db, sql);
   }
 }
 
-Statement::~Statement() { sqlite3_finalize(statement_); }
+Statement::~Statement() {
+  sqlite3_finalize(statement_);
+}
 
-void Statement::BindOne(int index, int64_t value) { sqlite3_bind_int64(statement_, index, value); }
-void Statement::BindOne(int index, double value) { sqlite3_bind_double(statement_, index, value); }
-void Statement::BindOne(int index, std::nullptr_t) { sqlite3_bind_null(statement_, index); }
+void Statement::BindOne(int index, int64_t value) {
+  sqlite3_bind_int64(statement_, index, value);
+}
+void Statement::BindOne(int index, double value) {
+  sqlite3_bind_double(statement_, index, value);
+}
+void Statement::BindOne(int index, std::nullptr_t) {
+  sqlite3_bind_null(statement_, index);
+}
 void Statement::BindOne(int index, std::string_view value) {
   const char* data = value.data() ? value.data() : "";
   if (sqlite3_bind_text64(statement_, index, data, value.size(), SQLITE_TRANSIENT, SQLITE_UTF8) != SQLITE_OK) {
@@ -50,9 +58,15 @@ void Statement::Reset() {
   sqlite3_clear_bindings(statement_);
 }
 
-int64_t Statement::Integer(int column) const { return sqlite3_column_int64(statement_, column); }
-double Statement::Real(int column) const { return sqlite3_column_double(statement_, column); }
-bool Statement::IsNull(int column) const { return sqlite3_column_type(statement_, column) == SQLITE_NULL; }
+int64_t Statement::Integer(int column) const {
+  return sqlite3_column_int64(statement_, column);
+}
+double Statement::Real(int column) const {
+  return sqlite3_column_double(statement_, column);
+}
+bool Statement::IsNull(int column) const {
+  return sqlite3_column_type(statement_, column) == SQLITE_NULL;
+}
 std::string_view Statement::Text(int column) const {
   const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement_, column));
   if (!text) return {};
@@ -69,7 +83,8 @@ Database::Database(const std::filesystem::path& file, Mode mode) {
   sqlite3_busy_timeout(db_, 10000);
   try {
     RegisterTokenizer(db_);
-    // Readers of a write-ahead log need write access to its index file, hence "query only" in place of a read-only open.
+    // Readers of a write-ahead log need write access to its index file, hence "query only" in place of a read-only
+    // open.
     if (mode == Mode::kReadOnly) Execute("PRAGMA query_only=ON");
   } catch (...) {
     sqlite3_close(db_);
@@ -77,12 +92,16 @@ Database::Database(const std::filesystem::path& file, Mode mode) {
   }
 }
 
-Database::~Database() { sqlite3_close(db_); }
+Database::~Database() {
+  sqlite3_close(db_);
+}
 
 void Database::Execute(const std::string& sql) {
   if (sqlite3_exec(db_, sql.c_str(), nullptr, nullptr, nullptr) != SQLITE_OK) Fail(db_, sql);
 }
 
-int64_t Database::LastInsertId() const { return sqlite3_last_insert_rowid(db_); }
+int64_t Database::LastInsertId() const {
+  return sqlite3_last_insert_rowid(db_);
+}
 
 }  // namespace hoardex

@@ -48,7 +48,8 @@ std::vector<std::string> Environment::SplitCommand(const std::string& lines) {
 
 const std::string& Environment::Require(const std::string& program) const {
   if (program.empty()) {
-    throw CommandError(kExitFailed, "The parts that read vaults are not named in the environment: start ./hoardex, which does that.");
+    throw CommandError(
+        kExitFailed, "The parts that read vaults are not named in the environment: start ./hoardex, which does that.");
   }
   return program;
 }
@@ -64,7 +65,8 @@ HomeLock::HomeLock(const Environment& environment) {
   }
   if (flock(fd_.get(), LOCK_EX | LOCK_NB) == 0) return;
   if (errno == EWOULDBLOCK) {
-    throw CommandError(kExitFailed, "Another hoardex is updating the index in " + environment.home.string() + "; wait for it to end.");
+    throw CommandError(
+        kExitFailed, "Another hoardex is updating the index in " + environment.home.string() + "; wait for it to end.");
   }
   throw CommandError(kExitFailed, file.string() + " cannot be locked: " + std::strerror(errno) + ".");
 }

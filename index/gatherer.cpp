@@ -21,7 +21,9 @@ volatile sig_atomic_t interrupted = 0;
 
 std::string Seconds(std::chrono::milliseconds time) {
   const long long ms = time.count();
-  return (ms % 1000 == 0 ? std::to_string(ms / 1000) : std::to_string(ms / 1000) + "." + std::to_string(ms % 1000 / 100)) + " s";
+  return (ms % 1000 == 0 ? std::to_string(ms / 1000)
+                         : std::to_string(ms / 1000) + "." + std::to_string(ms % 1000 / 100)) +
+         " s";
 }
 
 // The last words of the host, which usually say why it could not start.
@@ -47,7 +49,9 @@ void InstallSignalHandlers() {
   sigaction(SIGTERM, &action, nullptr);
 }
 
-bool Interrupted() { return interrupted != 0; }
+bool Interrupted() {
+  return interrupted != 0;
+}
 
 const std::vector<std::string>& Gatherer::Roots() {
   if (!host_) Start();
@@ -147,7 +151,8 @@ void Gatherer::Handle(WorkSource& source, const std::string& line) {
     return HostGone(source, "the protocol host answered with something that is not a record");
   }
   const auto& url = record["url"].get_ref<const std::string&>();
-  const auto found = std::find_if(in_flight_.begin(), in_flight_.end(), [&](const WorkItem& item) { return item.url == url; });
+  const auto found =
+      std::find_if(in_flight_.begin(), in_flight_.end(), [&](const WorkItem& item) { return item.url == url; });
   // Answered twice, or never asked: nothing hangs on it.
   if (found == in_flight_.end()) return;
   const WorkItem item = std::move(*found);

@@ -15,7 +15,9 @@ namespace {
 constexpr size_t kReadSize = 1 << 17;
 constexpr auto kFarewell = std::chrono::seconds(5);
 
-void MakeNonBlocking(int fd) { fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK); }
+void MakeNonBlocking(int fd) {
+  fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+}
 
 }  // namespace
 

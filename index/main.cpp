@@ -1,3 +1,5 @@
 #include "index/commands.h"
 
-int main(int argc, char** argv) { return hoardex::Main(argc, argv); }
+int main(int argc, char** argv) {
+  return hoardex::Main(argc, argv);
+}

@@ -25,7 +25,9 @@ bool Emphasised() {
   return yes;
 }
 
-std::string Bold(const std::string& text) { return Emphasised() ? "\x1b[1m" + text + "\x1b[0m" : text; }
+std::string Bold(const std::string& text) {
+  return Emphasised() ? "\x1b[1m" + text + "\x1b[0m" : text;
+}
 
 Progress::Progress() : enabled_(isatty(STDERR_FILENO) && !IsDumb()) {}
 
@@ -84,7 +86,9 @@ std::string Table::Text() const {
   return out;
 }
 
-std::string Counted(int64_t count, const std::string& noun) { return Grouped(count) + " " + noun + (count == 1 ? "" : "s"); }
+std::string Counted(int64_t count, const std::string& noun) {
+  return Grouped(count) + " " + noun + (count == 1 ? "" : "s");
+}
 
 bool Print(std::string_view text) {
   return std::fwrite(text.data(), 1, text.size(), stdout) == text.size() && std::ferror(stdout) == 0;

@@ -80,14 +80,16 @@ Child Spawn(const std::vector<std::string>& argv, const std::filesystem::path& e
   arguments.push_back(nullptr);
 
   Pipe in = MakePipe(), out = MakePipe(), report = MakePipe();
-  FileDescriptor err(open(error_log.empty() ? "/dev/null" : error_log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
+  FileDescriptor err(
+      open(error_log.empty() ? "/dev/null" : error_log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
   if (!err) ThrowErrno(error_log.string());
   const int pinned = core == Core::kFirst ? FirstCore() : -1;
 
   Child child;
   child.pid = fork();
   if (child.pid < 0) ThrowErrno("a process could not be started");
-  if (child.pid == 0) BecomeProgram(arguments.data(), in.read.get(), out.write.get(), err.get(), pinned, report.write.get());
+  if (child.pid == 0)
+    BecomeProgram(arguments.data(), in.read.get(), out.write.get(), err.get(), pinned, report.write.get());
   setpgid(child.pid, child.pid);
   report.write.Close();
   int error = 0;
@@ -114,7 +116,8 @@ void LeaveFirstCore() {
 
 std::string DescribeExit(int status) {
   if (WIFEXITED(status)) return "status " + std::to_string(WEXITSTATUS(status));
-  if (WIFSIGNALED(status)) return "signal " + std::to_string(WTERMSIG(status)) + " (" + strsignal(WTERMSIG(status)) + ")";
+  if (WIFSIGNALED(status))
+    return "signal " + std::to_string(WTERMSIG(status)) + " (" + strsignal(WTERMSIG(status)) + ")";
   return "wait status " + std::to_string(status);
 }
 

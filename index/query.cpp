@@ -37,7 +37,8 @@ int DaysIn(int year, int month) {
 
 // YYYY, YYYY-MM or YYYY-MM-DD.
 Day ParseDay(const std::string& field, const std::string& value) {
-  const QueryError error("\"" + field + ":" + value + "\" is no date; write a year, a month or a day like 2019, 2019-03 or 2019-03-02.");
+  const QueryError error("\"" + field + ":" + value +
+                         "\" is no date; write a year, a month or a day like 2019, 2019-03 or 2019-03-02.");
   int parts[3] = {0, 1, 1};
   size_t count = 0, at = 0;
   for (; count < 3; ++count) {
@@ -92,15 +93,18 @@ Node KindCondition(const std::string& value) {
                                            {"sticky", "note"},
                                            {"file", "attachment"}}};
   constexpr std::array<std::string_view, 22> kKinds{
-      "attachment", "calendar", "communication", "contact", "document",   "email",    "feed",    "folder", "game",   "instantmessage", "journal",
-      "link",       "movie",    "music",         "note",    "picture",    "playlist", "program", "recordedtv", "stickynote", "task", "video"};
+      "attachment", "calendar",       "communication", "contact",    "document", "email", "feed", "folder",
+      "game",       "instantmessage", "journal",       "link",       "movie",    "music", "note", "picture",
+      "playlist",   "program",        "recordedtv",    "stickynote", "task",     "video"};
   std::string kind = AsciiLower(value);
   for (const Alias& alias : kAliases) {
     if (kind == alias.said) kind = alias.meant;
   }
-  if (kind != "taskrequest" && kind != "searchfolder" && std::find(kKinds.begin(), kKinds.end(), kind) == kKinds.end()) {
-    throw QueryError("There is no kind \"" + OneLine(value) +
-                     "\"; kinds are email, calendar, task, contact, note, attachment, document, picture, music, video …");
+  if (kind != "taskrequest" && kind != "searchfolder" &&
+      std::find(kKinds.begin(), kKinds.end(), kind) == kKinds.end()) {
+    throw QueryError(
+        "There is no kind \"" + OneLine(value) +
+        "\"; kinds are email, calendar, task, contact, note, attachment, document, picture, music, video …");
   }
   return Condition("i.kinds LIKE ?", {"%;" + kind + ";%"});
 }
@@ -114,7 +118,9 @@ Node HasCondition(const std::string& value) {
 Node BeforeCondition(const std::string& value) {
   return Condition("(i.date <> '' AND i.date < ?)", {ParseDay("before", value).first});
 }
-Node AfterCondition(const std::string& value) { return Condition("i.date >= ?", {ParseDay("after", value).first}); }
+Node AfterCondition(const std::string& value) {
+  return Condition("i.date >= ?", {ParseDay("after", value).first});
+}
 Node DateCondition(const std::string& value) {
   const Day period = ParseDay("date", value);
   return Condition("(i.date >= ? AND i.date < ?)", {period.first, period.next});
@@ -148,8 +154,9 @@ bool HasWord(std::string_view text) {
   for (size_t i = 0; i < text.size();) {
     const char32_t c = DecodeUtf8(text, &i);
     if ((c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z')) return true;
-    const bool punctuation = c < 0xAA || (c >= 0x2000 && c <= 0x206F) || (c >= 0x2190 && c <= 0x2BFF) || (c >= 0x3000 && c <= 0x3004) ||
-                             (c >= 0x3008 && c <= 0x3020) || (c >= 0xFF01 && c <= 0xFF0F) || c == 0xFFFD || c == 0xD7 || c == 0xF7 ||
+    const bool punctuation = c < 0xAA || (c >= 0x2000 && c <= 0x206F) || (c >= 0x2190 && c <= 0x2BFF) ||
+                             (c >= 0x3000 && c <= 0x3004) || (c >= 0x3008 && c <= 0x3020) ||
+                             (c >= 0xFF01 && c <= 0xFF0F) || c == 0xFFFD || c == 0xD7 || c == 0xF7 ||
                              (c >= 0xAB && c <= 0xBF && c != 0xB5 && c != 0xBA) || (c >= 0x1F000 && c <= 0x1FAFF);
     if (!punctuation) return true;
   }
@@ -201,7 +208,8 @@ class Parser {
     SkipBlanks();
     if (text_.substr(at_, word.size()) != word) return false;
     const size_t end = at_ + word.size();
-    if (end < text_.size() && !IsBlank(text_[end]) && text_[end] != '(' && text_[end] != ')' && text_[end] != '"') return false;
+    if (end < text_.size() && !IsBlank(text_[end]) && text_[end] != '(' && text_[end] != ')' && text_[end] != '"')
+      return false;
     at_ = end;
     return true;
   }
@@ -233,13 +241,15 @@ class Parser {
       if (std::optional<Node> node = Unary(columns)) parts.push_back(std::move(*node));
     }
     if (parts.empty()) {
-      throw QueryError(depth_ > 0 ? "There is nothing between the parentheses." : "There is nothing to search for: write at least one word.");
+      throw QueryError(depth_ > 0 ? "There is nothing between the parentheses."
+                                  : "There is nothing to search for: write at least one word.");
     }
     return Group(Node::Type::kAnd, std::move(parts));
   }
 
   static QueryError MissingSide(const std::string& word) {
-    return QueryError(word + " needs a word on both sides; to search for the word itself, write \"" + AsciiLower(word) + "\".");
+    return QueryError(word + " needs a word on both sides; to search for the word itself, write \"" + AsciiLower(word) +
+                      "\".");
   }
 
   std::optional<Node> Unary(std::string_view columns) {
@@ -318,7 +328,8 @@ class Parser {
 
   std::string Word() {
     const size_t start = at_;
-    while (at_ < text_.size() && !IsBlank(text_[at_]) && text_[at_] != ')' && text_[at_] != '(' && text_[at_] != '"') ++at_;
+    while (at_ < text_.size() && !IsBlank(text_[at_]) && text_[at_] != ')' && text_[at_] != '(' && text_[at_] != '"')
+      ++at_;
     return std::string(text_.substr(start, at_ - start));
   }
 
@@ -424,9 +435,9 @@ std::string JoinQuery(const std::vector<std::string>& words) {
   std::string query;
   for (const std::string& word : words) {
     if (!query.empty()) query += ' ';
-    const bool plain = word.find_first_of(" \t") == std::string::npos || word.find_first_of("\"()") != std::string::npos ||
-                       word.find(" OR ") != std::string::npos || word.find(" AND ") != std::string::npos ||
-                       word.find("NOT ") != std::string::npos;
+    const bool plain = word.find_first_of(" \t") == std::string::npos ||
+                       word.find_first_of("\"()") != std::string::npos || word.find(" OR ") != std::string::npos ||
+                       word.find(" AND ") != std::string::npos || word.find("NOT ") != std::string::npos;
     if (plain) {
       // What was quoted together belongs together: OR must not reach beyond it.
       const bool group = word.find(" OR ") != std::string::npos && word.find_first_of("()") == std::string::npos;

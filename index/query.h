@@ -26,8 +26,8 @@ struct QueryPlan {
 // Throws QueryError.
 QueryPlan CompileQuery(std::string_view query);
 
-// One query out of the words of a command line: a word that holds blanks was quoted for the shell and is a phrase, unless
-// it is the only one.
+// One query out of the words of a command line: a word that holds blanks was quoted for the shell and is a phrase,
+// unless it is the only one.
 std::string JoinQuery(const std::vector<std::string>& words);
 
 // One quoted term of a field, for options like --folder: Term("folder", "a b") -> folder:"a b".

@@ -12,7 +12,8 @@ using nlohmann::json;
 
 constexpr std::string_view kMessageSuffix = ".zkm", kVaultSuffix = ".db", kRootMarker = "/default/";
 
-// Properties that say what an item is rather than what it says, or that repeat others; the rest of the text is searchable.
+// Properties that say what an item is rather than what it says, or that repeat others; the rest of the text is
+// searchable.
 constexpr std::array<std::string_view, 44> kNoDetails{
     "System.Author",
     "System.FileExtension",
@@ -61,13 +62,16 @@ constexpr std::array<std::string_view, 44> kNoDetails{
 };
 
 // The first that is present is the title, the date and so on of an item.
-constexpr std::array<std::string_view, 4> kTitles{"System.Subject", "System.Title", "System.ItemName", "System.ItemNameDisplay"};
+constexpr std::array<std::string_view, 4> kTitles{"System.Subject", "System.Title", "System.ItemName",
+                                                  "System.ItemNameDisplay"};
 constexpr std::array<std::string_view, 3> kFileTitles{"System.FileName", "System.ItemName", "System.Title"};
-constexpr std::array<std::string_view, 6> kDates{"System.Message.DateReceived", "System.ItemDate",    "System.Message.DateSent",
-                                                 "System.StartDate",            "System.DateCreated", "System.DateModified"};
-constexpr std::array<std::string_view, 7> kSenders{
-    "System.Message.FromName",      "System.Message.FromAddress", "System.Message.SenderName",     "System.Message.SenderAddress",
-    "System.Calendar.OrganizerName", "System.Author",              "System.Calendar.OrganizerAddress"};
+constexpr std::array<std::string_view, 6> kDates{"System.Message.DateReceived", "System.ItemDate",
+                                                 "System.Message.DateSent",     "System.StartDate",
+                                                 "System.DateCreated",          "System.DateModified"};
+constexpr std::array<std::string_view, 7> kSenders{"System.Message.FromName",         "System.Message.FromAddress",
+                                                   "System.Message.SenderName",       "System.Message.SenderAddress",
+                                                   "System.Calendar.OrganizerName",   "System.Author",
+                                                   "System.Calendar.OrganizerAddress"};
 constexpr std::array<std::string_view, 10> kRecipients{"System.Message.ToName",
                                                        "System.Message.ToAddress",
                                                        "System.Message.CcName",
@@ -111,9 +115,8 @@ std::string Gather(const Record& record, const std::array<std::string_view, N>& 
 }
 
 bool IsDate(std::string_view text) {
-  return text.size() >= 10 && text[4] == '-' && text[7] == '-' && std::all_of(text.begin(), text.begin() + 4, [](char c) {
-           return c >= '0' && c <= '9';
-         });
+  return text.size() >= 10 && text[4] == '-' && text[7] == '-' &&
+         std::all_of(text.begin(), text.begin() + 4, [](char c) { return c >= '0' && c <= '9'; });
 }
 
 std::string Details(const Record& record) {
@@ -157,7 +160,9 @@ std::string ContainerPath(const Record& record, ItemKind kind, const Parent& par
 
 }  // namespace
 
-bool IsContainer(ItemKind kind) { return kind == ItemKind::kRoot || kind == ItemKind::kVault || kind == ItemKind::kFolder; }
+bool IsContainer(ItemKind kind) {
+  return kind == ItemKind::kRoot || kind == ItemKind::kVault || kind == ItemKind::kFolder;
+}
 
 std::string_view KindName(ItemKind kind) {
   constexpr std::string_view kNames[] = {"unknown", "root", "vault", "folder", "message", "attachment"};

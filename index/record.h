@@ -54,8 +54,8 @@ struct Record {
 // What is inherited from the item that lists this one.
 struct Parent {
   ItemKind kind = ItemKind::kUnknown;
-  std::string path;                        // folder path below the vault, "Inbox/Projects"
-  std::string title, sender, recipients;   // of the message, for attachments
+  std::string path;                       // folder path below the vault, "Inbox/Projects"
+  std::string title, sender, recipients;  // of the message, for attachments
   std::string date;
 };
 

@@ -31,7 +31,8 @@ std::string Snippet(Store& store, const std::string& match, int64_t id) {
   const bool ranked = !match.empty();
   // -1 lets FTS5 choose the column with the best match; without words the beginning of the body has to do.
   Statement query(store.database().handle(),
-                  ranked ? "SELECT snippet(documents, -1, char(2), char(3), '…', 24), title FROM documents WHERE documents MATCH ?1 AND rowid = ?2"
+                  ranked ? "SELECT snippet(documents, -1, char(2), char(3), '…', 24), title FROM documents WHERE "
+                           "documents MATCH ?1 AND rowid = ?2"
                          : "SELECT substr(body, 1, 300), title FROM documents WHERE rowid = ?2");
   if (ranked) query.BindOne(1, match);
   query.BindOne(2, id);
@@ -44,9 +45,8 @@ std::string Snippet(Store& store, const std::string& match, int64_t id) {
 
 SearchResult Search(Store& store, const QueryPlan& plan, int64_t limit, bool with_properties) {
   sqlite3* db = store.database().handle();
-  const std::string from = plan.match.empty()
-                               ? std::string(" FROM items i")
-                               : " FROM documents JOIN items i ON i.id = documents.rowid";
+  const std::string from =
+      plan.match.empty() ? std::string(" FROM items i") : " FROM documents JOIN items i ON i.id = documents.rowid";
   std::string where = " WHERE i.kinds <> '' AND i.kind >= 4";
   if (!plan.match.empty()) where += " AND documents MATCH ?";
   if (!plan.condition.empty()) where += " AND " + plan.condition;
@@ -63,8 +63,8 @@ SearchResult Search(Store& store, const QueryPlan& plan, int64_t limit, bool wit
   if (count.Step()) result.total = count.Integer(0);
 
   const std::string rank = plan.match.empty() ? "0.0" : kRank;
-  Statement rows(db, "SELECT i.id, i.url, i.vault, i.title, i.sender, i.path, i.kinds, i.date, i.error, i.kind, " + rank +
-                         " AS score, (SELECT p.title FROM items p WHERE p.id = i.parent)" + from + where +
+  Statement rows(db, "SELECT i.id, i.url, i.vault, i.title, i.sender, i.path, i.kinds, i.date, i.error, i.kind, " +
+                         rank + " AS score, (SELECT p.title FROM items p WHERE p.id = i.parent)" + from + where +
                          " ORDER BY score, i.date DESC, i.id LIMIT ?");
   rows.BindOne(bind(rows) + 1, limit);
   while (rows.Step()) {

@@ -7,9 +7,9 @@ namespace {
 
 constexpr int kSchemaVersion = 1;
 
-// Numbers are never given again: an answer may come for an item that has been removed since. items.link_time is the time its container gave last, done_time the one it was indexed with; equal means unchanged.
-// items.kinds is empty until there is a document. The columns of `documents` are in the order of the ranking weights
-// in search.cpp.
+// Numbers are never given again: an answer may come for an item that has been removed since. items.link_time is the
+// time its container gave last, done_time the one it was indexed with; equal means unchanged. items.kinds is empty
+// until there is a document. The columns of `documents` are in the order of the ranking weights in search.cpp.
 constexpr const char* kSchema = R"(
 CREATE TABLE items(
   id INTEGER PRIMARY KEY AUTOINCREMENT, url TEXT NOT NULL UNIQUE, parent INTEGER, vault TEXT NOT NULL, kind INTEGER NOT NULL,
@@ -41,7 +41,8 @@ Store::Store(const std::filesystem::path& file, Database::Mode mode) : db_(file,
   if (mode == Database::Mode::kCreate) CreateSchema();
   Statement version(db_.handle(), "PRAGMA user_version");
   if (!version.Step() || version.Integer(0) != kSchemaVersion) {
-    throw DatabaseError("the index " + file.string() + " was written by another version of hoardex; delete it and index again");
+    throw DatabaseError("the index " + file.string() +
+                        " was written by another version of hoardex; delete it and index again");
   }
 }
 
@@ -51,7 +52,8 @@ void Store::CreateSchema() {
     Statement version(db_.handle(), "PRAGMA user_version");
     if (version.Step() && version.Integer(0) != 0) return;
   }
-  db_.Execute(std::string("BEGIN IMMEDIATE;") + kSchema + "PRAGMA user_version=" + std::to_string(kSchemaVersion) + ";COMMIT");
+  db_.Execute(std::string("BEGIN IMMEDIATE;") + kSchema + "PRAGMA user_version=" + std::to_string(kSchemaVersion) +
+              ";COMMIT");
 }
 
 Statement& Store::Prepared(const char* sql) {
@@ -81,8 +83,9 @@ bool Store::StartRun(const std::string& root, bool retry_lost) {
   if (!resumed) {
     ++run_;
     Prepared("INSERT INTO runs(id) VALUES(?1)").Bind(run_).Run();
-    Prepared("INSERT OR IGNORE INTO queue SELECT CASE WHEN kind <= 3 THEN 0 ELSE 1 END, id FROM items"
-             " WHERE state >= 2 AND (state = 2 OR ?1)")
+    Prepared(
+        "INSERT OR IGNORE INTO queue SELECT CASE WHEN kind <= 3 THEN 0 ELSE 1 END, id FROM items"
+        " WHERE state >= 2 AND (state = 2 OR ?1)")
         .Bind(retry_lost ? 1 : 0)
         .Run();
   }
@@ -108,8 +111,9 @@ int64_t Store::QueueSize() {
 
 std::vector<WorkItem> Store::Queued(size_t limit, const std::unordered_set<int64_t>& taken) {
   std::vector<WorkItem> items;
-  auto& rows = Prepared("SELECT q.item, i.url FROM queue q JOIN items i ON i.id = q.item ORDER BY q.rank, q.item LIMIT ?1")
-                   .Bind(static_cast<int64_t>(limit + taken.size()));
+  auto& rows =
+      Prepared("SELECT q.item, i.url FROM queue q JOIN items i ON i.id = q.item ORDER BY q.rank, q.item LIMIT ?1")
+          .Bind(static_cast<int64_t>(limit + taken.size()));
   while (rows.Step()) {
     if (!taken.contains(rows.Integer(0))) items.push_back({rows.Integer(0), rows.String(1)});
   }
@@ -118,7 +122,10 @@ std::vector<WorkItem> Store::Queued(size_t limit, const std::unordered_set<int64
 }
 
 std::optional<Store::Row> Store::Load(int64_t id) {
-  auto& query = Prepared("SELECT url, parent, vault, kind, state, path, sender, date, title, link_time, kinds FROM items WHERE id = ?1").Bind(id);
+  auto& query = Prepared(
+                    "SELECT url, parent, vault, kind, state, path, sender, date, title, link_time, kinds FROM items "
+                    "WHERE id = ?1")
+                    .Bind(id);
   if (!query.Step()) return std::nullopt;
   Row row;
   row.id = id;
@@ -173,17 +180,20 @@ void Store::Finish(int64_t id, const Record& record, const std::set<std::string>
 void Store::WriteDocument(const Row& row, const Document& document, const Record& record) {
   const bool searchable = !IsContainer(row.kind);
   auto& update = Prepared(
-      "UPDATE items SET title = ?2, sender = ?3, path = ?4, kinds = ?5, date = ?6, has_attachments = ?7, modified = ?8, size = ?9 "
+      "UPDATE items SET title = ?2, sender = ?3, path = ?4, kinds = ?5, date = ?6, has_attachments = ?7, modified = "
+      "?8, size = ?9 "
       "WHERE id = ?1");
-  update.Bind(row.id, document.title, document.sender, document.path, searchable ? document.kinds : std::string(), document.date,
-              document.has_attachments ? 1 : 0, record.modified);
+  update.Bind(row.id, document.title, document.sender, document.path, searchable ? document.kinds : std::string(),
+              document.date, document.has_attachments ? 1 : 0, record.modified);
   if (record.size) update.BindOne(9, *record.size);
   update.Run();
   if (!searchable) return;
   if (!row.kinds.empty()) Prepared("DELETE FROM documents WHERE rowid = ?1").Bind(row.id).Run();
-  Prepared("INSERT INTO documents(rowid, title, sender, recipients, path, attachments, body, details) VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8)")
-      .Bind(row.id, document.title, document.sender, document.recipients, document.path, document.attachments, document.body,
-            document.details)
+  Prepared(
+      "INSERT INTO documents(rowid, title, sender, recipients, path, attachments, body, details) VALUES(?1, ?2, ?3, "
+      "?4, ?5, ?6, ?7, ?8)")
+      .Bind(row.id, document.title, document.sender, document.recipients, document.path, document.attachments,
+            document.body, document.details)
       .Run();
   Prepared("INSERT OR REPLACE INTO properties(item, json) VALUES(?1, ?2)")
       .Bind(row.id, record.properties.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace))
@@ -213,7 +223,8 @@ void Store::FollowLink(const Row& row, const Link& link, bool again) {
   if (!query.Step()) {
     query.Reset();
     Prepared("INSERT INTO items(url, parent, vault, kind, link_time) VALUES(?1, ?2, ?3, ?4, ?5)")
-        .Bind(link.url, row.id, kind == ItemKind::kVault ? VaultOfUrl(link.url) : row.vault, static_cast<int>(kind), link.modified)
+        .Bind(link.url, row.id, kind == ItemKind::kVault ? VaultOfUrl(link.url) : row.vault, static_cast<int>(kind),
+              link.modified)
         .Run();
     return Enqueue(db_.LastInsertId(), kind);
   }
@@ -241,8 +252,9 @@ void Store::Lose(int64_t id, const std::string& reason) {
 
 void Store::RemoveTree(int64_t id, const std::string& vault) {
   db_.Execute("CREATE TEMP TABLE IF NOT EXISTS doomed(id INTEGER PRIMARY KEY)");
-  Prepared("WITH RECURSIVE tree(id) AS (SELECT ?1 UNION ALL SELECT i.id FROM items i JOIN tree ON i.parent = tree.id) "
-           "INSERT OR IGNORE INTO doomed SELECT id FROM tree")
+  Prepared(
+      "WITH RECURSIVE tree(id) AS (SELECT ?1 UNION ALL SELECT i.id FROM items i JOIN tree ON i.parent = tree.id) "
+      "INSERT OR IGNORE INTO doomed SELECT id FROM tree")
       .Bind(id)
       .Run();
   auto& count = Prepared("SELECT count(*) FROM items WHERE kind = 4 AND id IN (SELECT id FROM doomed)").Bind();
@@ -268,7 +280,10 @@ void Store::RemoveVault(const std::string& name) {
 
 std::map<std::string, VaultCounts> Store::Counts() {
   std::map<std::string, VaultCounts> counts;
-  auto& rows = Prepared("SELECT vault, kind, state, run = (SELECT max(id) FROM runs), count(*) FROM items WHERE kind >= 2 GROUP BY 1, 2, 3, 4").Bind();
+  auto& rows = Prepared(
+                   "SELECT vault, kind, state, run = (SELECT max(id) FROM runs), count(*) FROM items WHERE kind >= 2 "
+                   "GROUP BY 1, 2, 3, 4")
+                   .Bind();
   while (rows.Step()) {
     VaultCounts& vault = counts[rows.String(0)];
     const auto state = static_cast<ItemState>(rows.Integer(2));
@@ -295,9 +310,11 @@ std::map<std::string, VaultCounts> Store::Counts() {
 
 std::vector<FailedItem> Store::Failures() {
   std::vector<FailedItem> failures;
-  auto& rows = Prepared("SELECT i.url, i.vault, i.title, coalesce(nullif(i.path, ''), p.path, ''), i.error, i.kind FROM items i "
-                        "LEFT JOIN items p ON p.id = i.parent WHERE i.state >= 2 ORDER BY i.vault, i.id")
-                   .Bind();
+  auto& rows =
+      Prepared(
+          "SELECT i.url, i.vault, i.title, coalesce(nullif(i.path, ''), p.path, ''), i.error, i.kind FROM items i "
+          "LEFT JOIN items p ON p.id = i.parent WHERE i.state >= 2 ORDER BY i.vault, i.id")
+          .Bind();
   while (rows.Step()) {
     failures.push_back({rows.String(0), rows.String(1), rows.String(2), rows.String(3), rows.String(4),
                         static_cast<ItemKind>(rows.Integer(5))});

@@ -21,22 +21,22 @@ bool InRanges(const std::array<Range, N>& ranges, char32_t c) {
 }
 
 constexpr std::array kUnspaced{
-    Range{0x0E01, 0x0E3A},   Range{0x0E40, 0x0E4E},   Range{0x0E81, 0x0ECD},   Range{0x3005, 0x3007},
-    Range{0x3021, 0x3029},   Range{0x3031, 0x3035},   Range{0x3041, 0x3096},   Range{0x309D, 0x309F},
-    Range{0x30A1, 0x30FA},   Range{0x30FC, 0x30FF},   Range{0x31F0, 0x31FF},   Range{0x3400, 0x4DBF},
-    Range{0x4E00, 0x9FFF},   Range{0xF900, 0xFAFF},   Range{0xFF66, 0xFF9F},   Range{0x20000, 0x323AF},
+    Range{0x0E01, 0x0E3A}, Range{0x0E40, 0x0E4E}, Range{0x0E81, 0x0ECD}, Range{0x3005, 0x3007},
+    Range{0x3021, 0x3029}, Range{0x3031, 0x3035}, Range{0x3041, 0x3096}, Range{0x309D, 0x309F},
+    Range{0x30A1, 0x30FA}, Range{0x30FC, 0x30FF}, Range{0x31F0, 0x31FF}, Range{0x3400, 0x4DBF},
+    Range{0x4E00, 0x9FFF}, Range{0xF900, 0xFAFF}, Range{0xFF66, 0xFF9F}, Range{0x20000, 0x323AF},
 };
 
 // What could move the cursor, hide or reorder what stands around it: controls, line separators, bidirectional marks.
 constexpr std::array kHarmful{
-    Range{0x0000, 0x001F}, Range{0x007F, 0x009F}, Range{0x061C, 0x061C}, Range{0x200B, 0x200F}, Range{0x2028, 0x202E},
+    Range{0x0000, 0x001F}, Range{0x007F, 0x009F}, Range{0x061C, 0x061C}, Range{0x200B, 0x200F},   Range{0x2028, 0x202E},
     Range{0x2060, 0x206F}, Range{0xFEFF, 0xFEFF}, Range{0xFFF9, 0xFFFB}, Range{0xE0000, 0xE007F},
 };
 
 constexpr std::array kWide{
-    Range{0x1100, 0x115F}, Range{0x2E80, 0x303E},   Range{0x3041, 0xA4CF},   Range{0xAC00, 0xD7A3},   Range{0xF900, 0xFAFF},
-    Range{0xFE30, 0xFE6F}, Range{0xFF00, 0xFF60},   Range{0xFFE0, 0xFFE6},   Range{0x1F300, 0x1F64F}, Range{0x1F900, 0x1F9FF},
-    Range{0x20000, 0x3FFFD},
+    Range{0x1100, 0x115F},   Range{0x2E80, 0x303E},   Range{0x3041, 0xA4CF},   Range{0xAC00, 0xD7A3},
+    Range{0xF900, 0xFAFF},   Range{0xFE30, 0xFE6F},   Range{0xFF00, 0xFF60},   Range{0xFFE0, 0xFFE6},
+    Range{0x1F300, 0x1F64F}, Range{0x1F900, 0x1F9FF}, Range{0x20000, 0x3FFFD},
 };
 constexpr std::array kCombining{Range{0x0300, 0x036F}, Range{0x1AB0, 0x1AFF}, Range{0x20D0, 0x20FF},
                                 Range{0xFE00, 0xFE0F}, Range{0xFE20, 0xFE2F}};
@@ -56,7 +56,10 @@ char32_t DecodeUtf8(std::string_view text, size_t* position) {
   const auto byte = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
   const unsigned char lead = byte((*position)++);
   if (lead < 0x80) return lead;
-  const int more = lead >= 0xC2 && lead <= 0xDF ? 1 : lead >= 0xE0 && lead <= 0xEF ? 2 : lead >= 0xF0 && lead <= 0xF4 ? 3 : 0;
+  const int more = lead >= 0xC2 && lead <= 0xDF   ? 1
+                   : lead >= 0xE0 && lead <= 0xEF ? 2
+                   : lead >= 0xF0 && lead <= 0xF4 ? 3
+                                                  : 0;
   if (more == 0 || text.size() - *position < static_cast<size_t>(more)) return kReplacement;
   char32_t c = lead & (0x3F >> more);
   for (int i = 0; i < more; ++i) {
@@ -89,7 +92,9 @@ void AppendUtf8(char32_t c, std::string* out) {
   }
 }
 
-bool IsUnspacedScript(char32_t c) { return c >= kUnspaced.front().first && InRanges(kUnspaced, c); }
+bool IsUnspacedScript(char32_t c) {
+  return c >= kUnspaced.front().first && InRanges(kUnspaced, c);
+}
 
 std::string OneLine(std::string_view text) {
   std::string out;

@@ -7,8 +7,8 @@
 
 namespace hoardex {
 
-// Decodes the code point at `*position` and moves `*position` behind it. A malformed byte gives U+FFFD and moves by one.
-// Precondition: *position < text.size().
+// Decodes the code point at `*position` and moves `*position` behind it. A malformed byte gives U+FFFD and moves by
+// one. Precondition: *position < text.size().
 char32_t DecodeUtf8(std::string_view text, size_t* position);
 void AppendUtf8(char32_t code_point, std::string* out);
 

@@ -68,7 +68,8 @@ bool HasUnspaced(std::string_view token) {
 // what is not of an unspaced script keeps only the folding of ASCII letters, which is what mixed words contain.
 int Split(void* context, int flags, const char* token, int size, int start, int end) {
   const auto& splitter = *static_cast<Splitter*>(context);
-  if (!HasUnspaced({token, static_cast<size_t>(size)})) return splitter.emit(splitter.context, flags, token, size, start, end);
+  if (!HasUnspaced({token, static_cast<size_t>(size)}))
+    return splitter.emit(splitter.context, flags, token, size, start, end);
   const std::string_view source = splitter.text.substr(static_cast<size_t>(start), static_cast<size_t>(end - start));
   for (size_t at = 0; at < source.size();) {
     const size_t first = at;

@@ -1,6 +1,6 @@
-// The full-text tokenizer "hoardex": SQLite's unicode61 without case and diacritics, except that text of scripts without
-// blanks between words (Han, kana, Thai) is cut into single characters. A query term of several such characters becomes
-// a phrase by FTS5's own rule for terms that give several tokens, so that any part of a Japanese word is found.
+// The full-text tokenizer "hoardex": SQLite's unicode61 without case and diacritics, except that text of scripts
+// without blanks between words (Han, kana, Thai) is cut into single characters. A query term of several such characters
+// becomes a phrase by FTS5's own rule for terms that give several tokens, so that any part of a Japanese word is found.
 #pragma once
 
 struct sqlite3;

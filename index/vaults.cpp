@@ -36,7 +36,8 @@ bool IsDeviceName(const std::string& name) {
   static const std::set<std::string> kDevices{"con", "prn", "aux", "nul"};
   const std::string lower = AsciiLower(name);
   if (kDevices.contains(lower)) return true;
-  return lower.size() == 4 && (lower.starts_with("com") || lower.starts_with("lpt")) && lower[3] >= '1' && lower[3] <= '9';
+  return lower.size() == 4 && (lower.starts_with("com") || lower.starts_with("lpt")) && lower[3] >= '1' &&
+         lower[3] <= '9';
 }
 
 // The link itself: relative paths would be taken from the vault folder.
@@ -63,7 +64,8 @@ Vault Describe(const fs::path& link) {
   vault.present = stat(link.c_str(), &status) == 0;
   if (vault.present) {
     vault.size = status.st_size;
-    vault.stamp = std::to_string(status.st_size) + " " + std::to_string(status.st_mtim.tv_sec) + "." + std::to_string(status.st_mtim.tv_nsec);
+    vault.stamp = std::to_string(status.st_size) + " " + std::to_string(status.st_mtim.tv_sec) + "." +
+                  std::to_string(status.st_mtim.tv_nsec);
   }
   return vault;
 }
@@ -118,7 +120,9 @@ VaultInfo InspectVault(const Environment& environment, const fs::path& file) {
   return failed;
 }
 
-bool IsTemporaryVault(std::string_view name) { return name.starts_with(kTemporary); }
+bool IsTemporaryVault(std::string_view name) {
+  return name.starts_with(kTemporary);
+}
 
 std::string SafeVaultName(const std::string& stem) {
   std::string name;
@@ -126,7 +130,8 @@ std::string SafeVaultName(const std::string& stem) {
     const size_t first = i;
     const char32_t c = DecodeUtf8(stem, &i);
     constexpr std::string_view kForbidden = "\\/:*?\"<>|[]";
-    const bool bad = c < 0x20 || c == 0x7F || c == 0xFFFD || (c < 0x80 && kForbidden.find(static_cast<char>(c)) != std::string_view::npos);
+    const bool bad = c < 0x20 || c == 0x7F || c == 0xFFFD ||
+                     (c < 0x80 && kForbidden.find(static_cast<char>(c)) != std::string_view::npos);
     if (name.size() + (i - first) > kLongestName) break;
     name += bad ? "_" : stem.substr(first, i - first);
   }
@@ -171,7 +176,8 @@ AddResult VaultFolder::Add(const fs::path& file) {
   std::error_code error;
   const fs::path source = fs::canonical(file, error);
   if (error) {
-    result.reason = error == std::errc::no_such_file_or_directory ? "There is no such file." : "It cannot be reached: " + error.message() + ".";
+    result.reason = error == std::errc::no_such_file_or_directory ? "There is no such file."
+                                                                  : "It cannot be reached: " + error.message() + ".";
     return result;
   }
   for (const Vault& vault : List()) {

@@ -53,7 +53,8 @@ class VaultFolder {
   std::vector<Vault> List() const;
   std::optional<Vault> Find(const std::string& name) const;
 
-  // Links one store, after vaultinfo has opened it, under its own name or that with a number. The original is only read.
+  // Links one store, after vaultinfo has opened it, under its own name or that with a number. The original is only
+  // read.
   AddResult Add(const std::filesystem::path& file);
   // Takes the link (or copy) away; the original stays. False when there is no such vault.
   bool Remove(const std::string& name);

@@ -16,7 +16,8 @@ using nlohmann::json;
 using testing::HasSubstr;
 using testing::Not;
 
-constexpr char kGood[] = R"({"opens": true, "messages": 5, "attachments": 1, "top_message_count": 2, "top_messages": [{"nid": 1, "subject": "Lost mail"}]})";
+constexpr char kGood[] =
+    R"({"opens": true, "messages": 5, "attachments": 1, "top_message_count": 2, "top_messages": [{"nid": 1, "subject": "Lost mail"}]})";
 constexpr char kSecond[] = R"({"opens": true, "messages": 1})";
 constexpr char kBad[] = R"({"opens": false, "error": "The header's checksum is wrong."})";
 
@@ -39,10 +40,16 @@ class CliTest : public testing::Test {
 };
 
 TEST_F(CliTest, WrongUsageIsTwoAndHelpIsZero) {
-  for (const auto& arguments : std::vector<std::vector<std::string>>{{}, {"nonsense"}, {"search"}, {"index", "--nonsense"}, {"search", "--limit", "none", "x"}, {"show", "http://x"}}) {
+  for (const auto& arguments : std::vector<std::vector<std::string>>{{},
+                                                                     {"nonsense"},
+                                                                     {"search"},
+                                                                     {"index", "--nonsense"},
+                                                                     {"search", "--limit", "none", "x"},
+                                                                     {"show", "http://x"}}) {
     EXPECT_EQ(Program(arguments).code, 2) << testing::PrintToString(arguments);
   }
-  for (const char* command : {"index", "search", "show", "dump", "vaults"}) EXPECT_EQ(Program({command, "--help"}).code, 0) << command;
+  for (const char* command : {"index", "search", "show", "dump", "vaults"})
+    EXPECT_EQ(Program({command, "--help"}).code, 0) << command;
   EXPECT_THAT(Program({"search", "--help"}).out, HasSubstr("has:attachment"));
 }
 
@@ -93,7 +100,8 @@ TEST_F(CliTest, AShortfallIsNotHidden) {
 }
 
 TEST_F(CliTest, NamesOfVaults) {
-  const auto one = scratch_.Write("a/mail.pst", kGood), two = scratch_.Write("b/Mail.pst", kGood), odd = scratch_.Write("c/x.db.[y].pst", kGood);
+  const auto one = scratch_.Write("a/mail.pst", kGood), two = scratch_.Write("b/Mail.pst", kGood),
+             odd = scratch_.Write("c/x.db.[y].pst", kGood);
   Program({"vaults", "add", one, two, odd, one});
   const json list = json::parse(Program({"vaults", "list", "--json"}).out);
   std::vector<std::string> names;
@@ -133,7 +141,8 @@ TEST_F(CliTest, SearchShowsWhatMatters) {
   EXPECT_THAT(run.out, HasSubstr("[lanterns]"));
   EXPECT_THAT(run.out, HasSubstr(sample_.party));
   EXPECT_THAT(run.out, Not(HasSubstr("\x1b")));
-  EXPECT_THAT(Program({"search", "itemised"}).out, HasSubstr("report.pdf  (attached to \"Budget for the spring fair\")"));
+  EXPECT_THAT(Program({"search", "itemised"}).out,
+              HasSubstr("report.pdf  (attached to \"Budget for the spring fair\")"));
   EXPECT_THAT(Program({"search", "annual report", "--folder", "sent items"}).out, HasSubstr("1 hit\n"));
   const Finished none = Program({"search", "unheardof"});
   EXPECT_EQ(none.code, 0);

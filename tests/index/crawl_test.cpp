@@ -77,7 +77,8 @@ TEST_F(CrawlTest, NothingIsReadAgainUnlessItChanged) {
   corpus_.SetLinkTime(sample_.inbox, sample_.party, kLater);
   corpus_.item(sample_.party)["text"] = "Rescheduled";
   Crawl();
-  EXPECT_THAT(corpus_.Requests(), UnorderedElementsAre(kRoot, sample_.vault, sample_.inbox, sample_.sub, sample_.party));
+  EXPECT_THAT(corpus_.Requests(),
+              UnorderedElementsAre(kRoot, sample_.vault, sample_.inbox, sample_.sub, sample_.party));
   EXPECT_EQ(counts_["archive"].messages_new, 1);
   EXPECT_EQ(Hits("rescheduled"), 1);
   EXPECT_EQ(Hits("bring lanterns"), 0);
@@ -122,7 +123,8 @@ TEST_F(CrawlTest, ARenamedFolderRenamesThePathsBelow) {
 
 TEST_F(CrawlTest, FailedItemsAreTriedAgainAndNoOthers) {
   const nlohmann::json good = corpus_.item(sample_.party);
-  corpus_.item(sample_.party) = {{"error", {{"step", "GetText"}, {"name", "E_FAIL"}}}, {"properties", {{"System.Subject", "Half"}}}};
+  corpus_.item(sample_.party) = {{"error", {{"step", "GetText"}, {"name", "E_FAIL"}}},
+                                 {"properties", {{"System.Subject", "Half"}}}};
   Crawl();
   ASSERT_EQ(failures_.size(), 1u);
   EXPECT_EQ(failures_[0].error, "GetText: E_FAIL");
@@ -217,7 +219,8 @@ TEST_F(CrawlTest, AResumedRunAsksOnlyForTheRest) {
   corpus_.ClearFaults();
   EXPECT_TRUE(Crawl().resumed);
   const auto second = corpus_.Requests();
-  EXPECT_LE(first.size() + second.size(), 13u + 2u) << "the root and the item in flight may be asked for twice, nothing else";
+  EXPECT_LE(first.size() + second.size(), 13u + 2u)
+      << "the root and the item in flight may be asked for twice, nothing else";
   EXPECT_EQ(counts_["archive"].messages_new, 5) << "the run counts as one";
 }
 

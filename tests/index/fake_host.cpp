@@ -59,7 +59,10 @@ int main(int argc, char** argv) {
       continue;
     }
     const auto item = script.at("items").find(url);
-    json record = item == script["items"].end() ? json{{"error", {{"step", "CreateAccessor"}, {"code", "0x80070002"}, {"name", "FILE_NOT_FOUND"}}}} : *item;
+    json record =
+        item == script["items"].end()
+            ? json{{"error", {{"step", "CreateAccessor"}, {"code", "0x80070002"}, {"name", "FILE_NOT_FOUND"}}}}
+            : *item;
     record["url"] = url;
     if (chunks) {
       record["chunks"] = json::array();

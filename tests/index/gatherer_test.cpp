@@ -25,7 +25,9 @@ class ListSource : public WorkSource {
     urls.pop_front();
     return item;
   }
-  void Answered(const WorkItem& item, nlohmann::json record, const std::string&) override { answered[item.url] = record.value("text", ""); }
+  void Answered(const WorkItem& item, nlohmann::json record, const std::string&) override {
+    answered[item.url] = record.value("text", "");
+  }
   void Lost(const WorkItem& item, const std::string& reason) override { lost[item.url] = reason; }
 
   std::deque<std::string> urls;
@@ -39,7 +41,8 @@ class GathererTest : public testing::Test {
  protected:
   GathererTest() : corpus_(scratch_) {
     const std::string folder = corpus_.AddFolder(corpus_.AddVault("v"), "AA", "Inbox");
-    for (int i = 0; i < 40; ++i) urls_.push_back(corpus_.AddMessage(folder, std::to_string(100 + i), {}, "text " + std::to_string(i)));
+    for (int i = 0; i < 40; ++i)
+      urls_.push_back(corpus_.AddMessage(folder, std::to_string(100 + i), {}, "text " + std::to_string(i)));
   }
 
   GatherResult Gather() {

@@ -32,7 +32,8 @@ class QueryTest : public testing::Test {
   // The titles of the hits in their order, joined by commas.
   static std::string Find(const std::string& query) {
     std::string out;
-    for (const Hit& hit : Search(*store_, CompileQuery(query), 100, false).hits) out += (out.empty() ? "" : ",") + hit.title;
+    for (const Hit& hit : Search(*store_, CompileQuery(query), 100, false).hits)
+      out += (out.empty() ? "" : ",") + hit.title;
     return out;
   }
   static std::string FindSorted(const std::string& query) {
@@ -110,7 +111,8 @@ TEST_F(QueryTest, SubjectCountsMoreThanSenderAndSenderMoreThanBody) {
 
 TEST_F(QueryTest, SnippetsMarkTheWordsAndCarryNoControls) {
   const auto hit = Search(*store_, CompileQuery("31mred"), 1, true).hits.at(0);
-  EXPECT_THAT(hit.snippet, HasSubstr("[\x02" "31mred\x03[0m"));
+  EXPECT_THAT(hit.snippet, HasSubstr("[\x02"
+                                     "31mred\x03[0m"));
   EXPECT_EQ(hit.snippet.find('\x1b'), std::string::npos);
   const auto tokyo = Search(*store_, CompileQuery("本社"), 1, true).hits.at(0);
   EXPECT_THAT(tokyo.snippet, HasSubstr("東京\x02本社\x03"));
@@ -121,14 +123,22 @@ TEST_F(QueryTest, BadQueriesAreExplained) {
   const struct {
     const char *query, *sentence;
   } kCases[] = {
-      {"", "nothing to search for"},         {"*** &&", "nothing to search for"},
-      {"\"open", "quotation mark"},          {"(a", "\"(\" has no \")\""},
-      {"a)", "\")\" without"},               {"a OR", "OR needs"},
-      {"OR a", "OR needs"},                  {"a AND", "AND needs"},
-      {"NOT", "NOT needs"},                  {"()", "between the parentheses"},
-      {"colour:red", "no field \"colour:\""}, {"before:soon", "is no date"},
-      {"after:2019-02-29", "is no date"},    {"date:2019-3", "is no date"},
-      {"kind:thing", "no kind \"thing\""},   {"has:wings", "has:attachment"},
+      {"", "nothing to search for"},
+      {"*** &&", "nothing to search for"},
+      {"\"open", "quotation mark"},
+      {"(a", "\"(\" has no \")\""},
+      {"a)", "\")\" without"},
+      {"a OR", "OR needs"},
+      {"OR a", "OR needs"},
+      {"a AND", "AND needs"},
+      {"NOT", "NOT needs"},
+      {"()", "between the parentheses"},
+      {"colour:red", "no field \"colour:\""},
+      {"before:soon", "is no date"},
+      {"after:2019-02-29", "is no date"},
+      {"date:2019-3", "is no date"},
+      {"kind:thing", "no kind \"thing\""},
+      {"has:wings", "has:attachment"},
   };
   for (const auto& [query, sentence] : kCases) {
     try {

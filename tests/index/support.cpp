@@ -43,8 +43,13 @@ fs::path Scratch::Write(const std::string& name, const std::string& text) const 
 }
 
 Corpus::Corpus(const Scratch& scratch) : scratch_(scratch) {
-  script_ = {{"roots", {kRoot}}, {"items", json::object()}, {"faults", json::array()}, {"log", (scratch.path() / "requests").string()}};
-  item(kRoot) = {{"kind", "root"}, {"properties", {{"System.ItemName", "Tessary"}, {"System.ItemPathDisplay", "/"}}}, {"links", json::array()}};
+  script_ = {{"roots", {kRoot}},
+             {"items", json::object()},
+             {"faults", json::array()},
+             {"log", (scratch.path() / "requests").string()}};
+  item(kRoot) = {{"kind", "root"},
+                 {"properties", {{"System.ItemName", "Tessary"}, {"System.ItemPathDisplay", "/"}}},
+                 {"links", json::array()}};
 }
 
 std::string Corpus::Add(const std::string& container, const std::string& url, json record, const std::string& time) {
@@ -56,26 +61,39 @@ std::string Corpus::Add(const std::string& container, const std::string& url, js
 }
 
 std::string Corpus::AddVault(const std::string& name, const std::string& time) {
-  return Add(kRoot, kRoot + "V:\\Tessary\\" + name + ".db/", {{"kind", "vault"}, {"properties", {{"System.ItemName", name}, {"System.ItemPathDisplay", "/Tessary"}}}},
+  return Add(kRoot, kRoot + "V:\\Tessary\\" + name + ".db/",
+             {{"kind", "vault"}, {"properties", {{"System.ItemName", name}, {"System.ItemPathDisplay", "/Tessary"}}}},
              time);
 }
 
-std::string Corpus::AddFolder(const std::string& parent, const std::string& id, const std::string& name, const std::string& time) {
+std::string Corpus::AddFolder(const std::string& parent, const std::string& id, const std::string& name,
+                              const std::string& time) {
   const json& above = item(parent)["properties"];
-  const std::string path = above["System.ItemPathDisplay"].get<std::string>() + "/" + above["System.ItemName"].get<std::string>();
-  return Add(parent, parent + id + "/", {{"kind", "folder"}, {"properties", {{"System.ItemName", name}, {"System.ItemPathDisplay", path}}}}, time);
+  const std::string path =
+      above["System.ItemPathDisplay"].get<std::string>() + "/" + above["System.ItemName"].get<std::string>();
+  return Add(parent, parent + id + "/",
+             {{"kind", "folder"}, {"properties", {{"System.ItemName", name}, {"System.ItemPathDisplay", path}}}}, time);
 }
 
-std::string Corpus::AddMessage(const std::string& folder, const std::string& id, json properties, const std::string& text, const std::string& time) {
-  json all{{"System.Kind", "email;communication"}, {"System.Message.FromName", "Ann Archer"}, {"System.Message.DateReceived", "2019-03-02T09:26:53.0000000Z"}};
+std::string Corpus::AddMessage(const std::string& folder, const std::string& id, json properties,
+                               const std::string& text, const std::string& time) {
+  json all{{"System.Kind", "email;communication"},
+           {"System.Message.FromName", "Ann Archer"},
+           {"System.Message.DateReceived", "2019-03-02T09:26:53.0000000Z"}};
   if (properties.is_object()) all.update(properties);
-  return Add(folder, folder + id + "[[100]].zkm", {{"kind", "message"}, {"size", 100}, {"properties", all}, {"text", text}}, time);
+  return Add(folder, folder + id + "[[100]].zkm",
+             {{"kind", "message"}, {"size", 100}, {"properties", all}, {"text", text}}, time);
 }
 
-std::string Corpus::AddAttachment(const std::string& message, const std::string& name, const std::string& text, const std::string& time) {
+std::string Corpus::AddAttachment(const std::string& message, const std::string& name, const std::string& text,
+                                  const std::string& time) {
   item(message)["properties"]["System.Message.AttachmentNames"] = name;
   return Add(message, message + "/00AA/" + name,
-             {{"kind", "attachment"}, {"properties", {{"System.FileName", name}, {"System.Kind", "email;communication"}, {"System.IsAttachment", true}}}, {"text", text}}, time);
+             {{"kind", "attachment"},
+              {"properties",
+               {{"System.FileName", name}, {"System.Kind", "email;communication"}, {"System.IsAttachment", true}}},
+              {"text", text}},
+             time);
 }
 
 void Corpus::SetLinkTime(const std::string& container, const std::string& url, const std::string& time) {
@@ -94,9 +112,13 @@ void Corpus::Unlist(const std::string& container, const std::string& url) {
 void Corpus::Fault(const std::string& url, const std::string& what, int times) {
   script_["faults"].push_back({{"url", url}, {"do", what}, {"times", times}});
 }
-void Corpus::FaultAtRequest(int number, const std::string& what) { script_["faults"].push_back({{"request", number}, {"do", what}}); }
+void Corpus::FaultAtRequest(int number, const std::string& what) {
+  script_["faults"].push_back({{"request", number}, {"do", what}});
+}
 
-void Corpus::Save() { scratch_.Write("script.json", script_.dump()); }
+void Corpus::Save() {
+  scratch_.Write("script.json", script_.dump());
+}
 
 std::vector<std::string> Corpus::Requests() {
   const fs::path log = scratch_.path() / "requests";
@@ -120,20 +142,33 @@ Sample::Sample(Corpus& corpus) {
   vault = corpus.AddVault("archive");
   inbox = corpus.AddFolder(vault, "AA", "Inbox");
   sub = corpus.AddFolder(inbox, "BB", "Zahlen 2019");
-  budget = corpus.AddMessage(sub, "01", {{"System.Subject", "Budget for the spring fair"}, {"System.Message.ToName", "Bob Baker"}, {"System.Message.ToAddress", "bob@example.org"}},
+  budget = corpus.AddMessage(sub, "01",
+                             {{"System.Subject", "Budget for the spring fair"},
+                              {"System.Message.ToName", "Bob Baker"},
+                              {"System.Message.ToAddress", "bob@example.org"}},
                              "The budget is attached. Tents cost more than last year.");
   report = corpus.AddAttachment(budget, "report.pdf", "Itemised costs: tents, benches, lanterns.");
-  party = corpus.AddMessage(inbox, "02", {{"System.Subject", "Party"}, {"System.Message.FromName", "Carl Budget"}, {"System.Message.DateReceived", "2020-12-31T23:59:59.0000000Z"}},
+  party = corpus.AddMessage(inbox, "02",
+                            {{"System.Subject", "Party"},
+                             {"System.Message.FromName", "Carl Budget"},
+                             {"System.Message.DateReceived", "2020-12-31T23:59:59.0000000Z"}},
                             "Bring lanterns and a tent. \x1b[31mred\x1b[0m");
-  japanese = corpus.AddMessage(inbox, "03", {{"System.Subject", "東京の会議について"}}, "来週の会議は東京本社で行います。よろしくお願いします。");
-  cafe = corpus.AddMessage(inbox, "04", {{"System.Subject", "Café"}, {"System.Message.DateReceived", "2018-06-15T00:00:00.0000000Z"}}, "Crème brûlée in the Straße");
+  japanese = corpus.AddMessage(inbox, "03", {{"System.Subject", "東京の会議について"}},
+                               "来週の会議は東京本社で行います。よろしくお願いします。");
+  cafe = corpus.AddMessage(
+      inbox, "04", {{"System.Subject", "Café"}, {"System.Message.DateReceived", "2018-06-15T00:00:00.0000000Z"}},
+      "Crème brûlée in the Straße");
   meeting = corpus.AddMessage(inbox, "05",
-                              {{"System.Subject", "Planning"}, {"System.Kind", {"calendar", "communication"}}, {"System.Calendar.Location", "Blue room"},
+                              {{"System.Subject", "Planning"},
+                               {"System.Kind", {"calendar", "communication"}},
+                               {"System.Calendar.Location", "Blue room"},
                                {"System.Message.FromName", "Dora"}},
                               "Quarterly planning of the annual report");
   other_vault = corpus.AddVault("second");
   other_folder = corpus.AddFolder(other_vault, "CC", "Sent Items");
-  other_mail = corpus.AddMessage(other_folder, "06", {{"System.Subject", "Re: Budget"}, {"System.Message.FromName", "Bob Baker"}}, "annual plan and annual report");
+  other_mail = corpus.AddMessage(other_folder, "06",
+                                 {{"System.Subject", "Re: Budget"}, {"System.Message.FromName", "Bob Baker"}},
+                                 "annual plan and annual report");
 }
 
 std::string Contents(const fs::path& index_file) {
@@ -143,10 +178,13 @@ std::string Contents(const fs::path& index_file) {
     Statement rows(db.handle(), sql);
     while (rows.Step()) out += rows.String(0) + "\n";
   };
-  add("SELECT i.url || '|' || coalesce(p.url, '') || '|' || i.vault || '|' || i.kind || '|' || i.state || '|' || i.done_time || '|' || i.title || '|' || "
-      "i.sender || '|' || i.path || '|' || i.kinds || '|' || i.date || '|' || i.has_attachments || '|' || i.error || '|' || coalesce(r.json, '') "
+  add("SELECT i.url || '|' || coalesce(p.url, '') || '|' || i.vault || '|' || i.kind || '|' || i.state || '|' || "
+      "i.done_time || '|' || i.title || '|' || "
+      "i.sender || '|' || i.path || '|' || i.kinds || '|' || i.date || '|' || i.has_attachments || '|' || i.error || "
+      "'|' || coalesce(r.json, '') "
       "FROM items i LEFT JOIN items p ON p.id = i.parent LEFT JOIN properties r ON r.item = i.id ORDER BY i.url");
-  add("SELECT i.url || '|' || d.title || '|' || d.sender || '|' || d.recipients || '|' || d.path || '|' || d.attachments || '|' || d.body || '|' || d.details "
+  add("SELECT i.url || '|' || d.title || '|' || d.sender || '|' || d.recipients || '|' || d.path || '|' || "
+      "d.attachments || '|' || d.body || '|' || d.details "
       "FROM documents d JOIN items i ON i.id = d.rowid ORDER BY i.url");
   add("SELECT 'documents without item: ' || rowid FROM documents WHERE rowid NOT IN (SELECT id FROM items)");
   add("SELECT 'queued: ' || item FROM queue");
@@ -154,17 +192,23 @@ std::string Contents(const fs::path& index_file) {
   return out;
 }
 
-Finished RunProgram(const Scratch& scratch, const std::vector<std::string>& arguments, const std::string& interrupt_at) {
+Finished RunProgram(const Scratch& scratch, const std::vector<std::string>& arguments,
+                    const std::string& interrupt_at) {
   const fs::path out = scratch.path() / "stdout", err = scratch.path() / "stderr";
   // The store files of these tests contain what vaultinfo says about them.
   const fs::path info = scratch.Write("vaultinfo", "#!/bin/sh\ncat \"$1\"; grep -q '\"opens\": *true' \"$1\"\n");
-  const fs::path maker = scratch.Write("mkvault", "#!/bin/sh\nprintf '%s' '{\"opens\": true, \"messages\": 1, \"demo\": true}' >\"$2\"\n");
+  const fs::path maker =
+      scratch.Write("mkvault", "#!/bin/sh\nprintf '%s' '{\"opens\": true, \"messages\": 1, \"demo\": true}' >\"$2\"\n");
   for (const fs::path& script : {info, maker}) fs::permissions(script, fs::perms::owner_all);
   const pid_t pid = fork();
   if (pid == 0) {
-    if (!freopen(out.c_str(), "w", stdout) || !freopen(err.c_str(), "w", stderr) || !freopen("/dev/null", "r", stdin)) _exit(99);
+    if (!freopen(out.c_str(), "w", stdout) || !freopen(err.c_str(), "w", stderr) || !freopen("/dev/null", "r", stdin))
+      _exit(99);
     setenv("HOARDEX_HOME", (scratch.path() / "home").c_str(), 1);
-    setenv("HOARDEX_HOST", (std::string(std::getenv("FAKE_HOST")) + "\n" + (scratch.path() / "script.json").string() + "\nserve").c_str(), 1);
+    setenv(
+        "HOARDEX_HOST",
+        (std::string(std::getenv("FAKE_HOST")) + "\n" + (scratch.path() / "script.json").string() + "\nserve").c_str(),
+        1);
     setenv("HOARDEX_VAULTINFO", info.c_str(), 1);
     setenv("HOARDEX_MKVAULT", maker.c_str(), 1);
     std::vector<char*> argv{std::getenv("HOARDEX_CLI")};

@@ -31,11 +31,13 @@ class Corpus {
   explicit Corpus(const Scratch& scratch);
 
   std::string AddVault(const std::string& name, const std::string& time = kTime);
-  std::string AddFolder(const std::string& parent, const std::string& id, const std::string& name, const std::string& time = kTime);
+  std::string AddFolder(const std::string& parent, const std::string& id, const std::string& name,
+                        const std::string& time = kTime);
   // `properties` may be sparse: subject and sender have defaults.
-  std::string AddMessage(const std::string& folder, const std::string& id, nlohmann::json properties, const std::string& text,
-                         const std::string& time = kTime);
-  std::string AddAttachment(const std::string& message, const std::string& name, const std::string& text, const std::string& time = kTime);
+  std::string AddMessage(const std::string& folder, const std::string& id, nlohmann::json properties,
+                         const std::string& text, const std::string& time = kTime);
+  std::string AddAttachment(const std::string& message, const std::string& name, const std::string& text,
+                            const std::string& time = kTime);
 
   nlohmann::json& item(const std::string& url) { return script_["items"][url]; }
   // The link to an item within its container; removing it leaves the item unlisted.
@@ -69,8 +71,9 @@ struct Finished {
   int code = -1;  // exit code, or -signal
   std::string out, err;
 };
-// Runs the program with the scratch folder as home and the corpus as host; `interrupt_at`: SIGINT once the host has been
-// asked for this URL.
-Finished RunProgram(const Scratch& scratch, const std::vector<std::string>& arguments, const std::string& interrupt_at = {});
+// Runs the program with the scratch folder as home and the corpus as host; `interrupt_at`: SIGINT once the host has
+// been asked for this URL.
+Finished RunProgram(const Scratch& scratch, const std::vector<std::string>& arguments,
+                    const std::string& interrupt_at = {});
 
 }  // namespace hoardex::test

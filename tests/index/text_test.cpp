@@ -10,10 +10,15 @@ namespace {
 
 TEST(Text, TerminalControlsAndMalformedBytesDoNotPass) {
   EXPECT_EQ(OneLine("a\x1b[31mred\x1b]0;title\x07 b"), "a[31mred]0;title b");
-  EXPECT_EQ(OneLine("c1\xC2\x9B" "2J next\xC2\x85line"), "c12J next line");
-  EXPECT_EQ(OneLine("\xE2\x80\xAE" "evil\xE2\x80\xAC gnp\x7f"), "evil gnp");
+  EXPECT_EQ(OneLine("c1\xC2\x9B"
+                    "2J next\xC2\x85line"),
+            "c12J next line");
+  EXPECT_EQ(OneLine("\xE2\x80\xAE"
+                    "evil\xE2\x80\xAC gnp\x7f"),
+            "evil gnp");
   EXPECT_EQ(OneLine("  two\r\n\tlines \n"), "two lines");
-  EXPECT_EQ(OneLine("bad \xFF\xC0\x80 \xED\xA0\x80 cut \xE6\x9D"), "bad \uFFFD\uFFFD\uFFFD \uFFFD\uFFFD\uFFFD cut \uFFFD\uFFFD");
+  EXPECT_EQ(OneLine("bad \xFF\xC0\x80 \xED\xA0\x80 cut \xE6\x9D"),
+            "bad \uFFFD\uFFFD\uFFFD \uFFFD\uFFFD\uFFFD cut \uFFFD\uFFFD");
   EXPECT_EQ(OneLine(std::string_view("nul\0byte", 8)), "nulbyte");
   EXPECT_EQ(PrintableText("a\r\nb\rc\td\x1b[0m\n"), "a\nb\nc\td[0m\n");
 }
@@ -56,9 +61,14 @@ TEST(VaultNames, AreTokensAndWindowsFileNames) {
 }
 
 TEST(Records, AttachmentsInheritFromTheirMailAndAreNoMails) {
-  Record record = Record::FromJson({{"url", "u"}, {"properties", {{"System.FileName", "plan.doc"}, {"System.Kind", {"document", "email", "communication"}},
-                                                                   {"System.Document.Manager", "Grace"}}}, {"text", "body"}});
-  const Document document = MakeDocument(record, ItemKind::kAttachment, {ItemKind::kMessage, "Inbox", "Subject", "Ann", "Bob", "2019-03-02T00:00:00Z"});
+  Record record = Record::FromJson({{"url", "u"},
+                                    {"properties",
+                                     {{"System.FileName", "plan.doc"},
+                                      {"System.Kind", {"document", "email", "communication"}},
+                                      {"System.Document.Manager", "Grace"}}},
+                                    {"text", "body"}});
+  const Document document = MakeDocument(
+      record, ItemKind::kAttachment, {ItemKind::kMessage, "Inbox", "Subject", "Ann", "Bob", "2019-03-02T00:00:00Z"});
   EXPECT_EQ(document.title, "plan.doc");
   EXPECT_EQ(document.sender, "Ann");
   EXPECT_EQ(document.recipients, "Bob");
@@ -71,8 +81,12 @@ TEST(Records, AttachmentsInheritFromTheirMailAndAreNoMails) {
 TEST(Records, AnItemWithoutAnythingIsAFailure) {
   EXPECT_TRUE(Record::FromJson({{"url", "u"}, {"kind", "message"}}).error);
   EXPECT_FALSE(Record::FromJson({{"url", "u"}, {"properties", {{"System.Size", 1}}}}).error);
-  const Record record = Record::FromJson({{"url", "u"}, {"error", {{"step", "BindToFilter"}, {"code", "0x80004005"}, {"name", "E_FAIL"}}}, {"links", {1, {{"url", 2}}, {{"url", "x"}}}},
-                                          {"size", "big"}, {"text", 7}});
+  const Record record =
+      Record::FromJson({{"url", "u"},
+                        {"error", {{"step", "BindToFilter"}, {"code", "0x80004005"}, {"name", "E_FAIL"}}},
+                        {"links", {1, {{"url", 2}}, {{"url", "x"}}}},
+                        {"size", "big"},
+                        {"text", 7}});
   EXPECT_EQ(record.error->Describe(), "BindToFilter: E_FAIL (0x80004005)");
   EXPECT_EQ(record.links.size(), 1u);
   EXPECT_FALSE(record.size);
