@@ -97,7 +97,9 @@ int main() {
     fputs(kUsage, stderr);
     return 2;
   }
-  HRESULT hr = CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+  // One thread, so one apartment: the shell's objects, which the filter asks for an attachment's author, then need no
+  // second thread and no marshalling.
+  HRESULT hr = CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
   int result = 1;
   if (SUCCEEDED(hr)) {
     host::Session session;

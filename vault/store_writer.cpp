@@ -136,8 +136,10 @@ class StoreWriter {
   }
 
   void Run() {
-    // Some readers refuse a store without any name; categories are the one that every client knows.
+    // Some readers refuse a store without any name, or without a set of its own: these two every client knows,
+    // categories and the private mark.
     names_.IdOf({kPublicStringsSet, 0, u"Keywords"});
+    names_.IdOf({kCommonSet, 0x8506, {}});
     WriteFolders();
     WriteSearchFolder();
     WriteStoreObject();
