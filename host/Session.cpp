@@ -129,6 +129,10 @@ std::string Session::RootUrl() const {
 
 Json Session::Read(const std::string& url, bool with_chunks) {
   Json record = {{"url", url}, {"kind", KindOf(url)}};
+  if (url.find('\0') != std::string::npos) {  // the protocol takes a terminated string, which would end there
+    record["error"] = ErrorOf("CreateAccessor", E_INVALIDARG);
+    return record;
+  }
   AUTHENTICATION_INFO authentication = {};
   authentication.dwSize = sizeof(authentication);
   INCREMENTAL_ACCESS_INFO incremental = {};

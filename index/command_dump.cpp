@@ -1,6 +1,8 @@
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <unordered_set>
@@ -29,8 +31,14 @@ GatherOptions HostOptions(const Environment& environment, bool chunks, int64_t t
   return options;
 }
 
-// Nobody reads the output any more; not a failure.
-struct OutputClosed {};
+// The output took no more. That nobody reads it is no failure; that it is full is one.
+struct OutputClosed {
+  int error;
+  ExitCode Code() const {
+    if (error == EPIPE) return kExitOk;
+    throw CommandError(kExitFailed, "The output cannot be written: " + std::string(std::strerror(error)) + ".");
+  }
+};
 
 // Walks everything below the root, deepest first, so that little is remembered at a time.
 class DumpSource : public WorkSource {
@@ -93,7 +101,7 @@ class DumpSource : public WorkSource {
     static const bool terminal = isatty(STDOUT_FILENO);
     const bool written = terminal ? Print(record.dump(-1, ' ', true, json::error_handler_t::replace) + "\n")
                                   : Print(line) && Print("\n");
-    if (!written) throw OutputClosed{};
+    if (!written) throw OutputClosed{errno};
   }
 
   void Report(const WorkItem& item, const std::string& reason) {
@@ -221,6 +229,8 @@ int RunDump(const Environment& environment, const DumpArguments& arguments) {
   std::set<std::string> names;
   if (!arguments.files.empty()) {
     names = LinkFiles(environment, arguments.files, folder, &refused);
+    if (names.empty() && refused == 0)
+      throw CommandError(kExitUsage, "There is no store (.pst or .db) in what was named.");
     if (names.empty()) return kExitFailed;
   } else if (folder.List().empty()) {
     throw CommandError(kExitUsage, "There is no vault yet. Name stores (hoardex dump mail.pst), or index some first.");
@@ -231,10 +241,10 @@ int RunDump(const Environment& environment, const DumpArguments& arguments) {
   DumpSource source(roots.front(), names);
   try {
     const GatherResult result = gatherer.Run(source);
-    if (std::fflush(stdout) != 0) return kExitOk;
+    if (std::fflush(stdout) != 0) throw OutputClosed{errno};
     if (result == GatherResult::kInterrupted) return kExitInterrupted;
-  } catch (const OutputClosed&) {
-    return kExitOk;
+  } catch (const OutputClosed& closed) {
+    return closed.Code();
   }
   return refused > 0 || source.failed() > 0 ? kExitPartly : kExitOk;
 }

@@ -56,6 +56,7 @@ int RunVaultsAdd(const Environment& environment, const std::vector<std::string>&
           (added.state == AddResult::State::kKnown ? " is already the vault " : " is the vault ") + added.name + "\n");
   }
   if (taken > 0) Print("hoardex index brings them into the index.\n");
+  if (refused == 0 && taken == 0) throw CommandError(kExitUsage, "There is no store (.pst or .db) in what was named.");
   return refused == 0 ? kExitOk : taken > 0 ? kExitPartly : kExitFailed;
 }
 

@@ -11,6 +11,8 @@
 #include <cstring>
 #include <system_error>
 
+#include "index/gatherer.h"
+
 namespace hoardex {
 namespace {
 
@@ -128,7 +130,11 @@ Captured RunAndCapture(const std::vector<std::string>& argv) {
   std::array<char, 65536> buffer;
   while (true) {
     const ssize_t got = read(child.out.get(), buffer.data(), buffer.size());
-    if (got < 0 && errno == EINTR) continue;
+    if (got < 0 && errno == EINTR) {
+      // Its own process group does not get the terminal's signal.
+      if (Interrupted()) kill(child.pid, SIGKILL);
+      continue;
+    }
     if (got <= 0) break;
     captured.out.append(buffer.data(), static_cast<size_t>(got));
   }

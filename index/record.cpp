@@ -211,7 +211,9 @@ std::string VaultOfUrl(std::string_view url) {
 }
 
 std::string ItemError::Describe() const {
-  std::string out = step;
+  // The one code that the module has for a vault without a session; it has nothing to do with memory.
+  const bool no_vault = step == "CreateAccessor" && name == "E_OUTOFMEMORY";
+  std::string out = no_vault ? "the vault or item cannot be opened, " + step : step;
   if (!name.empty()) out += (out.empty() ? "" : ": ") + name;
   if (!code.empty()) out += name.empty() && !out.empty() ? ": " + code : name.empty() ? code : " (" + code + ")";
   return out.empty() ? "failed without a reason" : out;

@@ -108,6 +108,15 @@ VaultInfo VaultInfo::FromJson(const std::string& text) {
 VaultInfo InspectVault(const Environment& environment, const fs::path& file) {
   const std::string& program = environment.Require(environment.vaultinfo);
   VaultInfo failed;
+  // Opening a pipe or a device would wait for ever.
+  std::error_code unreachable;
+  const fs::file_status status = fs::status(file, unreachable);
+  if (status.type() != fs::file_type::regular) {
+    failed.error = fs::exists(status)                          ? "It is not a file."
+                   : status.type() == fs::file_type::not_found ? "It is not there."
+                                                               : "It cannot be reached: " + unreachable.message() + ".";
+    return failed;
+  }
   try {
     const Captured captured = RunAndCapture({program, file.string()});
     VaultInfo info = VaultInfo::FromJson(captured.out);
@@ -237,9 +246,17 @@ std::vector<fs::path> ExpandFolders(const std::vector<std::string>& arguments) {
       continue;
     }
     std::vector<fs::path> found;
-    for (const auto& entry : fs::directory_iterator(argument, error)) {
+    fs::directory_iterator entries(argument, error);
+    if (error) {
+      files.emplace_back(argument);  // it is refused with the reason when it is examined
+      continue;
+    }
+    for (const auto& entry : entries) {
       const std::string extension = AsciiLower(entry.path().extension().string());
-      if ((extension == ".pst" || extension == ".db") && entry.is_regular_file(error)) found.push_back(entry.path());
+      if (extension != ".pst" && extension != ".db") continue;
+      // What only looks like a store (a broken link, a pipe) is refused by name; a folder of that name is none.
+      std::error_code ignored;
+      if (!entry.is_directory(ignored)) found.push_back(entry.path());
     }
     std::sort(found.begin(), found.end());
     files.insert(files.end(), found.begin(), found.end());

@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -91,6 +92,23 @@ TEST_F(CliTest, RefusedAndFailedItemsAreNamed) {
   EXPECT_EQ(Program({"index", bad}).code, 1);
   EXPECT_EQ(Program({"index", "/nonexistent.pst"}).code, 1);
   EXPECT_EQ(Program({"index"}).code, 3) << "the failed item is still failed";
+}
+
+// A pipe would be waited for without end; a broken link must not vanish from the folder that was named.
+TEST_F(CliTest, WhatOnlyLooksLikeAStoreIsRefusedByName) {
+  const fs::path folder = scratch_.path() / "odd";
+  fs::create_directories(folder / "folder.pst");
+  ASSERT_EQ(mkfifo((folder / "pipe.pst").c_str(), 0600), 0);
+  fs::create_symlink("loop.pst", folder / "loop.pst");
+  fs::create_symlink("gone", folder / "gone.db");
+  for (const char* command : {"index", "dump"}) {
+    const Finished run = Program({command, folder});
+    EXPECT_EQ(run.code, 1) << command;
+    for (const char* name : {"pipe.pst is refused", "loop.pst is refused", "gone.db is refused"})
+      EXPECT_THAT(run.err, HasSubstr(name)) << command;
+    EXPECT_THAT(run.err, Not(HasSubstr("folder.pst is")));
+  }
+  EXPECT_EQ(Program({"dump", folder / "folder.pst"}).code, 2);
 }
 
 TEST_F(CliTest, AShortfallIsNotHidden) {
