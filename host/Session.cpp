@@ -113,7 +113,7 @@ HRESULT Session::Open() {
   hr = CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, __uuidof(ISearchProtocol),
                         reinterpret_cast<void**>(protocol.ReleaseAndGetAddressOf()));
   if (FAILED(hr)) return hr;
-  site_.Attach(new Site);
+  *site_.ReleaseAndGetAddressOf() = new Site;  // its first reference is ours
   TIMEOUT_INFO timeouts = {sizeof(TIMEOUT_INFO), 60'000, 60'000};
   PROXY_INFO proxy = {};
   proxy.dwSize = sizeof(proxy);

@@ -47,6 +47,7 @@ int Main(int argc, char** argv) {
   CLI::App app("Finds the mail in message stores: indexes them with their attachments, and searches.", "hoardex");
   app.require_subcommand(1);
   app.set_help_all_flag("--help-all", "Help of all commands");
+  app.footer("The launcher knows two more: test (builds and runs all tests) and bench FILE… (speed beside other readers).");
   std::function<int()> command;
   // Read late, so that --help works everywhere.
   const auto environment = [] { return Environment::FromProcess(); };

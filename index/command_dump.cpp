@@ -184,7 +184,7 @@ void PrintItem(const json& json_record) {
       const std::string key = chunk.value("key", std::string());
       std::string value;
       if (chunk.value("type", std::string()) == "text") {
-        value = chunk.contains("characters") ? "(" + chunk["characters"].dump() + " characters of the text below)" : "(the text below)";
+        value = chunk.contains("characters") ? chunk["characters"].dump() + " characters of the text below" : "the text below";
       } else if (const auto own = chunk.find("value"); own != chunk.end()) {
         value = ValueText(*own);
       } else if (const auto found = record.properties.find(key); found != record.properties.end()) {
@@ -197,7 +197,9 @@ void PrintItem(const json& json_record) {
     for (const auto& [key, value] : record.properties.items()) table.Add({std::to_string(++number), OneLine(key), ValueText(value)});
   }
   Print(table.Text());
-  if (!record.text.empty()) Print("\n" + PrintableText(record.text) + "\n");
+  if (record.text.empty()) return;
+  Print("\n");
+  Print(PrintableText(record.text) + "\n");
 }
 
 }  // namespace

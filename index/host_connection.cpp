@@ -21,6 +21,8 @@ void MakeNonBlocking(int fd) { fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOC
 
 HostConnection::HostConnection(const std::vector<std::string>& command, const std::filesystem::path& log)
     : child_(Spawn(command, log, Core::kFirst)) {
+  // A host that ends while it is written to is told by EPIPE.
+  signal(SIGPIPE, SIG_IGN);
   MakeNonBlocking(child_.in.get());
   MakeNonBlocking(child_.out.get());
   // Room for the records that arrive while a batch is being committed, so that the host does not stand still.

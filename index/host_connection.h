@@ -15,7 +15,7 @@ class HostConnection {
  public:
   using Clock = std::chrono::steady_clock;
 
-  // Starts the host; its standard error goes to `log`. Throws std::system_error.
+  // Starts the host; its standard error goes to `log`. From then on the process ignores SIGPIPE. Throws std::system_error.
   HostConnection(const std::vector<std::string>& command, const std::filesystem::path& log);
   // Closes the host's input, gives it a moment to end by itself, then kills its process group.
   ~HostConnection();

@@ -8,8 +8,7 @@ constexpr std::uint8_t kListType = 1;
 
 }  // namespace
 
-DataTree::DataTree(std::shared_ptr<const Database> db, Bid root, Nid nid)
-    : db_(std::move(db)), nid_(nid), root_(root) {
+DataTree::DataTree(std::shared_ptr<const Database> db, Bid root, Nid nid) : db_(std::move(db)), nid_(nid), root_(root) {
   if (!root) return;
   if (!(root & kInternalBlock)) {
     count_ = 1;
@@ -82,7 +81,8 @@ std::span<const std::uint8_t> BlockList::Load(std::uint32_t i) const {
   auto decoded = std::make_unique_for_overwrite<std::uint8_t[]>(block.bytes.size());
   Decode(tree_.db().encoding(), block.bid, block.bytes, decoded.get());
   const std::uint8_t* expected = nullptr;
-  if (slot.bytes.compare_exchange_strong(expected, decoded.get(), std::memory_order_acq_rel)) expected = decoded.release();
+  if (slot.bytes.compare_exchange_strong(expected, decoded.get(), std::memory_order_acq_rel))
+    expected = decoded.release();
   return {expected, block.bytes.size()};
 }
 

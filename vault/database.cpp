@@ -7,9 +7,9 @@
 namespace vault {
 namespace {
 
-constexpr std::uint32_t kMagic = 0x4E444221;       // "!BDN"
-constexpr std::uint16_t kClientMagic = 0x4D53;     // "SM"
-constexpr unsigned kMaxTreeLevels = 8;             // 20^8 entries: more than any file has
+constexpr std::uint32_t kMagic = 0x4E444221;    // "!BDN"
+constexpr std::uint16_t kClientMagic = 0x4D53;  // "SM"
+constexpr unsigned kMaxTreeLevels = 8;          // 20^8 entries: more than any file has
 constexpr unsigned kPartialCrcSize = 471, kFullCrcSize = 516, kFullCrcAt = 524;
 
 // Index of the last of `count` entries whose key is not above `key`, or -1.
@@ -48,8 +48,7 @@ std::shared_ptr<const Database> Database::Open(const std::filesystem::path& path
   return std::shared_ptr<const Database>(new Database(path));
 }
 
-Database::Database(const std::filesystem::path& path)
-    : map_(path), file_(map_.bytes()), verified_(file_.size()) {
+Database::Database(const std::filesystem::path& path) : map_(path), file_(map_.bytes()), verified_(file_.size()) {
   ReadHeader();
 }
 
@@ -69,11 +68,11 @@ void Database::ReadHeader() {
   if (version == 36 || version == 37) {
     throw Error(ErrorCode::kUnsupportedVersion,
                 "the store has the layout with 4-kilobyte pages (version " + std::to_string(version) +
-                    "), which is not supported", 10);
+                    "), which is not supported",
+                10);
   }
   if (version != 14 && version != 15 && version != 23) {
-    throw Error(ErrorCode::kUnsupportedVersion,
-                "the store has the unknown version " + std::to_string(version), 10);
+    throw Error(ErrorCode::kUnsupportedVersion, "the store has the unknown version " + std::to_string(version), 10);
   }
   const bool unicode = version == 23;
   layout_ = unicode ? &kUnicodeLayout : &kAnsiLayout;
@@ -82,8 +81,8 @@ void Database::ReadHeader() {
   }
   const unsigned encoding = h[layout_->encoding_at];
   if (encoding > static_cast<unsigned>(Encoding::kCyclic)) {
-    throw Error(ErrorCode::kUnsupportedVersion, "the store's data has the unknown encoding " +
-                std::to_string(encoding), layout_->encoding_at);
+    throw Error(ErrorCode::kUnsupportedVersion, "the store's data has the unknown encoding " + std::to_string(encoding),
+                layout_->encoding_at);
   }
   encoding_ = static_cast<Encoding>(encoding);
   const auto root = [&](unsigned at) { return Root{layout_->Word(h + at + layout_->word), layout_->Word(h + at)}; };
@@ -113,8 +112,9 @@ TreePage Database::ReadTreePage(std::uint64_t offset, Bid bid, std::uint8_t type
   const std::uint8_t* const counts = page + layout_->entry_count_at;
   TreePage result{page, offset, counts[0], counts[2], counts[3]};
   if (result.level >= kMaxTreeLevels) throw bad("a tree page claims too many levels");
-  const unsigned least = result.level ? layout_->branch_entry
-                         : type == kNodeTreePage ? layout_->node_entry : layout_->block_entry;
+  const unsigned least = result.level            ? layout_->branch_entry
+                         : type == kNodeTreePage ? layout_->node_entry
+                                                 : layout_->block_entry;
   if (result.count && result.entry_size < least) throw bad("a tree page has entries that are too small");
   if (result.count * result.entry_size > layout_->entry_count_at) throw bad("a tree page claims too many entries");
   return result;
@@ -174,7 +174,8 @@ StoredBlock Database::FindBlock(Bid bid, Nid nid) const {
   const std::uint8_t* const bytes = file_.data() + offset;
   const std::uint8_t* const trailer = bytes + whole - layout_->block_trailer;
   if (Load16(trailer) != size) throw bad("a block has another size than its tree says");
-  if (PlainBid(layout_->Word(trailer + layout_->block_bid_at)) != bid) throw bad("a block has another id than its reference");
+  if (PlainBid(layout_->Word(trailer + layout_->block_bid_at)) != bid)
+    throw bad("a block has another id than its reference");
   if (!verified_.Test(offset)) {
     if (Load32(trailer + layout_->block_crc_at) != Crc({bytes, size})) throw bad("a block does not pass its checksum");
     verified_.Set(offset);
@@ -205,7 +206,8 @@ std::optional<NodeInfo> Database::FindSubnode(Bid tree, Nid nid) const {
   if (!tree) return std::nullopt;
   SubnodeBlock block = ReadSubnodeBlock(tree, nid);
   for (;;) {
-    const int at = LastNotAbove(block.count, nid, [&](unsigned i) { return Load32(block.entries + i * block.entry_size); });
+    const int at =
+        LastNotAbove(block.count, nid, [&](unsigned i) { return Load32(block.entries + i * block.entry_size); });
     if (at < 0) return std::nullopt;
     const std::uint8_t* const entry = block.entries + at * block.entry_size;
     if (block.level == 0) {
@@ -213,7 +215,8 @@ std::optional<NodeInfo> Database::FindSubnode(Bid tree, Nid nid) const {
       return ParseSubnode(entry);
     }
     const SubnodeBlock child = ReadSubnodeBlock(layout_->Word(entry + layout_->word), nid);
-    if (child.level != 0) throw Error(ErrorCode::kBadBlock, "a tree of subnodes has too many levels", std::nullopt, nid);
+    if (child.level != 0)
+      throw Error(ErrorCode::kBadBlock, "a tree of subnodes has too many levels", std::nullopt, nid);
     block = child;
   }
 }
@@ -235,7 +238,8 @@ std::vector<NodeInfo> Database::ListSubnodes(Bid tree) const {
     }
     for (unsigned i = 0; i < root.count; ++i) {
       try {
-        const SubnodeBlock leaf = ReadSubnodeBlock(layout_->Word(root.entries + i * root.entry_size + layout_->word), 0);
+        const SubnodeBlock leaf =
+            ReadSubnodeBlock(layout_->Word(root.entries + i * root.entry_size + layout_->word), 0);
         if (leaf.level == 0) take(leaf);
       } catch (const Error&) {
         // The other leaves are still good.

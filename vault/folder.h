@@ -27,7 +27,8 @@ class Folder {
   std::u16string container_class() const;
 
   // Sub-folders, messages, hidden (associated) messages: a row's id is the node. Read when asked for; a folder that has
-  // no such table (or a search folder whose results are kept in another form) has an empty one. Throw Error when the table is damaged beyond its rows.
+  // no such table (or a search folder whose results are kept in another form) has an empty one. Throw Error when the
+  // table is damaged beyond its rows.
   Table Hierarchy() const;
   Table Contents() const;
   Table Associated() const;

@@ -23,14 +23,16 @@ void Append(std::vector<std::uint8_t>& to, T value) {
 // [MS-PST] 2.3.1.2: how much room is left in a block, in 16 steps.
 unsigned FillLevel(std::size_t free) {
   constexpr std::size_t kSteps[] = {3584, 2560, 2048, 1792, 1536, 1280, 1024, 768, 512, 256, 128, 64, 32, 16, 8};
-  return static_cast<unsigned>(std::find_if(std::begin(kSteps), std::end(kSteps), [&](std::size_t s) {
-                                 return free >= s;
-                               }) - std::begin(kSteps));
+  return static_cast<unsigned>(
+      std::find_if(std::begin(kSteps), std::end(kSteps), [&](std::size_t s) { return free >= s; }) -
+      std::begin(kSteps));
 }
 
 }  // namespace
 
-HeapWriter::HeapWriter(FileWriter& file, std::uint8_t client) : file_(file), client_(client) { OpenBlock(); }
+HeapWriter::HeapWriter(FileWriter& file, std::uint8_t client) : file_(file), client_(client) {
+  OpenBlock();
+}
 
 void HeapWriter::OpenBlock() {
   const std::size_t number = blocks_.size();
@@ -176,8 +178,8 @@ void TableWriter::AddRow(std::uint32_t id) {
 }
 
 void TableWriter::SetCell(PropTag tag, std::span<const std::uint8_t> bytes) {
-  const auto column = std::lower_bound(columns_.begin(), columns_.end(), tag,
-                                       [](const Column& c, PropTag t) { return c.tag < t; });
+  const auto column =
+      std::lower_bound(columns_.begin(), columns_.end(), tag, [](const Column& c, PropTag t) { return c.tag < t; });
   if (column == columns_.end() || column->tag != tag) return;
   const unsigned fixed = FixedSize(PropTypeOf(tag));
   std::uint32_t reference = 0;

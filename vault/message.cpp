@@ -8,7 +8,9 @@ namespace vault {
 Message::Message(std::shared_ptr<const Database> db, const NodeInfo& node, unsigned depth)
     : db_(std::move(db)), node_(node), depth_(depth), properties_(Heap::Open(db_, node, HeapClient::kProperties)) {}
 
-std::u16string Message::message_class() const { return properties_.Text(prop::kMessageClass).value_or(u""); }
+std::u16string Message::message_class() const {
+  return properties_.Text(prop::kMessageClass).value_or(u"");
+}
 
 std::u16string Message::subject() const {
   const auto stored = properties_.Text(prop::kSubject);
@@ -21,8 +23,12 @@ Table Message::OpenTable(Nid nid) const {
   return Table(Heap::Open(db_, *node, HeapClient::kTable));
 }
 
-Table Message::Recipients() const { return OpenTable(kRecipientTableNid); }
-Table Message::Attachments() const { return OpenTable(kAttachmentTableNid); }
+Table Message::Recipients() const {
+  return OpenTable(kRecipientTableNid);
+}
+Table Message::Attachments() const {
+  return OpenTable(kAttachmentTableNid);
+}
 
 std::vector<Nid> Message::AttachmentNids() const {
   std::vector<Nid> nids;

@@ -17,8 +17,12 @@ constexpr std::size_t kEntrySize = 8;
 constexpr Guid kMapi = {0x28, 0x03, 0x02, 0, 0, 0, 0, 0, 0xC0, 0, 0, 0, 0, 0, 0, 0x46};
 constexpr Guid kPublicStrings = {0x29, 0x03, 0x02, 0, 0, 0, 0, 0, 0xC0, 0, 0, 0, 0, 0, 0, 0x46};
 
-std::uint64_t HashOf(std::uint32_t id) { return id; }
-std::uint64_t HashOf(std::u16string_view name) { return std::uint64_t{1} << 63 | std::hash<std::u16string_view>()(name); }
+std::uint64_t HashOf(std::uint32_t id) {
+  return id;
+}
+std::uint64_t HashOf(std::u16string_view name) {
+  return std::uint64_t{1} << 63 | std::hash<std::u16string_view>()(name);
+}
 
 }  // namespace
 

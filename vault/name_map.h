@@ -40,14 +40,14 @@ class NameMap {
 
  private:
   struct Entry {
-    std::uint32_t id;       // number, or offset of the string
-    std::uint16_t set;      // index of the property set << 1 | is string
+    std::uint32_t id;   // number, or offset of the string
+    std::uint16_t set;  // index of the property set << 1 | is string
   };
   std::optional<Guid> SetOf(const Entry& entry) const;
   std::u16string_view StringOf(const Entry& entry) const;
 
   std::vector<std::uint8_t> guids_;
-  std::vector<char16_t> strings_;               // the string stream
+  std::vector<char16_t> strings_;  // the string stream
   std::unordered_map<std::uint16_t, Entry> by_property_;
   std::unordered_multimap<std::uint64_t, std::uint16_t> by_name_;  // hash of the name -> property id
 };

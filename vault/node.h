@@ -37,7 +37,7 @@ class NodeCursor {
   struct Level {
     std::uint64_t page = 0;  // offset in the file
     Bid bid = 0;
-    unsigned next = 0;       // entry to take
+    unsigned next = 0;  // entry to take
     std::uint64_t last_key = 0;
     bool any = false;
   };

@@ -65,7 +65,9 @@ bool PropertySet::Cursor::Next() {
   return true;
 }
 
-ValueReader PropertySet::Open(const PropertyValue& value) const { return Heap::OpenValue(heap_, value); }
+ValueReader PropertySet::Open(const PropertyValue& value) const {
+  return Heap::OpenValue(heap_, value);
+}
 
 std::optional<std::int64_t> PropertySet::Int(std::uint16_t id) const {
   const auto value = Find(id);

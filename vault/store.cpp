@@ -23,10 +23,18 @@ Store::Store(std::shared_ptr<const Database> db) : db_(std::move(db)) {
   if (parts && TypeOf(parts->nid) == NidType::kFolder && HasNode(parts->nid)) subtree_ = parts->nid;
 }
 
-Format Store::format() const { return db_->layout().word == 8 ? Format::kUnicode : Format::kAnsi; }
-Encoding Store::encoding() const { return db_->encoding(); }
-std::uint64_t Store::file_size() const { return db_->file_size(); }
-std::u16string Store::name() const { return properties_.Text(prop::kDisplayName).value_or(u""); }
+Format Store::format() const {
+  return db_->layout().word == 8 ? Format::kUnicode : Format::kAnsi;
+}
+Encoding Store::encoding() const {
+  return db_->encoding();
+}
+std::uint64_t Store::file_size() const {
+  return db_->file_size();
+}
+std::u16string Store::name() const {
+  return properties_.Text(prop::kDisplayName).value_or(u"");
+}
 
 Folder Store::OpenFolder(Nid nid) const {
   const bool folder = TypeOf(nid) == NidType::kFolder || TypeOf(nid) == NidType::kSearchFolder;
@@ -42,14 +50,18 @@ Message Store::OpenMessage(Nid nid) const {
   return {db_, *node, 0};
 }
 
-std::optional<NodeInfo> Store::FindNode(Nid nid) const { return db_->FindNode(nid); }
+std::optional<NodeInfo> Store::FindNode(Nid nid) const {
+  return db_->FindNode(nid);
+}
 
 std::optional<Nid> Store::ParentOf(Nid nid) const {
   const auto node = FindNode(nid);
   return node ? std::optional(node->parent) : std::nullopt;
 }
 
-NodeCursor Store::Nodes(Nid first, Nid last) const { return {db_, first, last}; }
+NodeCursor Store::Nodes(Nid first, Nid last) const {
+  return {db_, first, last};
+}
 
 const NameMap& Store::names() const {
   std::call_once(names_once_, [&] {
@@ -65,7 +77,9 @@ const NameMap& Store::names() const {
   return *names_;
 }
 
-EntryId Store::MakeEntryId(Nid nid) const { return vault::MakeEntryId(uid_, nid); }
+EntryId Store::MakeEntryId(Nid nid) const {
+  return vault::MakeEntryId(uid_, nid);
+}
 
 std::optional<Nid> Store::ParseEntryId(std::span<const std::uint8_t> entry_id) const {
   const auto parts = SplitEntryId(entry_id);

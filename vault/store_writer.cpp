@@ -20,26 +20,25 @@ constexpr std::uint16_t kFirstNamed = 0x8000;
 constexpr std::uint32_t kNameBuckets = 251;
 
 // Columns of the tables, in the order in which clients lay them out.
-constexpr PropTag kHierarchyColumns[] = {
-    0x67F20003, 0x67F30003, 0x3001001F, 0x36020003, 0x36030003, 0x0E300102, 0x0E330014, 0x0E340102, 0x0E380003,
-    0x3613001F, 0x66350003, 0x66360003, 0x360A000B};
-constexpr PropTag kContentsColumns[] = {
-    0x67F20003, 0x67F30003, 0x0E170003, 0x001A001F, 0x0E070003, 0x00170003, 0x0042001F, 0x0037001F, 0x0E060040,
-    0x00390040, 0x0E080003, 0x0E04001F, 0x0E03001F, 0x00360003, 0x10970003, 0x0070001F, 0x00710102, 0x30130102,
-    0x65C60003, 0x30080040, 0x0E300102, 0x0E330014, 0x0E340102, 0x0E3D0102, 0x0E3C0102, 0x0E380003, 0x0057000B,
-    0x0058000B};
-constexpr PropTag kAssociatedColumns[] = {
-    0x67F20003, 0x67F30003, 0x0E170003, 0x001A001F, 0x0E070003, 0x3001001F, 0x70030003, 0x70040102, 0x70050102,
-    0x7006001F, 0x70070003, 0x6800001F, 0x68051003, 0x682F001F, 0x6803000B};
-constexpr PropTag kSearchColumns[] = {
-    0x67F20003, 0x67F30003, 0x67F10003, 0x0E05001F, 0x0E170003, 0x001A001F, 0x0E070003, 0x00170003, 0x0042001F,
-    0x0037001F, 0x0E060040, 0x0E080003, 0x0E04001F, 0x0E03001F, 0x00360003, 0x30080040, 0x0057000B, 0x0058000B,
-    0x0E2A000B};
-constexpr PropTag kAttachmentColumns[] = {
-    0x67F20003, 0x67F30003, 0x370B0003, 0x0E200003, 0x37050003, 0x3704001F};
-constexpr PropTag kRecipientColumns[] = {
-    0x67F20003, 0x67F30003, 0x3002001F, 0x3003001F, 0x0FFF0102, 0x3001001F, 0x0C150003, 0x300B0102, 0x0FF90102,
-    0x0FFE0003, 0x39000003, 0x39FF001F, 0x0E0F000B, 0x3A40000B, 0x39FE001F};
+constexpr PropTag kHierarchyColumns[] = {0x67F20003, 0x67F30003, 0x3001001F, 0x36020003, 0x36030003,
+                                         0x0E300102, 0x0E330014, 0x0E340102, 0x0E380003, 0x3613001F,
+                                         0x66350003, 0x66360003, 0x360A000B};
+constexpr PropTag kContentsColumns[] = {0x67F20003, 0x67F30003, 0x0E170003, 0x001A001F, 0x0E070003, 0x00170003,
+                                        0x0042001F, 0x0037001F, 0x0E060040, 0x00390040, 0x0E080003, 0x0E04001F,
+                                        0x0E03001F, 0x00360003, 0x10970003, 0x0070001F, 0x00710102, 0x30130102,
+                                        0x65C60003, 0x30080040, 0x0E300102, 0x0E330014, 0x0E340102, 0x0E3D0102,
+                                        0x0E3C0102, 0x0E380003, 0x0057000B, 0x0058000B};
+constexpr PropTag kAssociatedColumns[] = {0x67F20003, 0x67F30003, 0x0E170003, 0x001A001F, 0x0E070003,
+                                          0x3001001F, 0x70030003, 0x70040102, 0x70050102, 0x7006001F,
+                                          0x70070003, 0x6800001F, 0x68051003, 0x682F001F, 0x6803000B};
+constexpr PropTag kSearchColumns[] = {0x67F20003, 0x67F30003, 0x67F10003, 0x0E05001F, 0x0E170003,
+                                      0x001A001F, 0x0E070003, 0x00170003, 0x0042001F, 0x0037001F,
+                                      0x0E060040, 0x0E080003, 0x0E04001F, 0x0E03001F, 0x00360003,
+                                      0x30080040, 0x0057000B, 0x0058000B, 0x0E2A000B};
+constexpr PropTag kAttachmentColumns[] = {0x67F20003, 0x67F30003, 0x370B0003, 0x0E200003, 0x37050003, 0x3704001F};
+constexpr PropTag kRecipientColumns[] = {0x67F20003, 0x67F30003, 0x3002001F, 0x3003001F, 0x0FFF0102,
+                                         0x3001001F, 0x0C150003, 0x300B0102, 0x0FF90102, 0x0FFE0003,
+                                         0x39000003, 0x39FF001F, 0x0E0F000B, 0x3A40000B, 0x39FE001F};
 
 template <typename T>
 void Append(std::vector<std::uint8_t>& to, const T& value) {
@@ -202,7 +201,6 @@ class StoreWriter {
     AddObject(kStoreNid, p, 0);
   }
 
-
   // A folder of the tree of builders, with its fixed node or 0.
   struct FolderPlan {
     const FolderBuilder* builder;
@@ -301,7 +299,8 @@ class StoreWriter {
     const std::uint32_t number = ++messages_;
     for (int i = 0; i < 4; ++i) search_key[12 + i] ^= static_cast<std::uint8_t>(number >> (8 * i));
     Default(p, 0x300B, PropType::kBinary, search_key);
-    Default(p, prop::kMessageSize, PropType::kInt32, static_cast<std::uint32_t>(std::min<std::uint64_t>(size, 0x7FFFFFFF)));
+    Default(p, prop::kMessageSize, PropType::kInt32,
+            static_cast<std::uint32_t>(std::min<std::uint64_t>(size, 0x7FFFFFFF)));
     DefaultConversation(p);
     const std::uint32_t root = AddPropertiesTo(heap, p);
     return heap.Finish(root);
@@ -311,8 +310,7 @@ class StoreWriter {
   void DefaultConversation(PropertyMap& p) const {
     const auto topic = p.find(std::uint16_t{0x0070}), submitted = p.find(std::uint16_t{0x0039});
     if (topic == p.end() || submitted == p.end()) return;
-    const std::int64_t time =
-        PropertyValue(MakeTag(0x0039, PropType::kTime), submitted->second.bytes).AsInt64();
+    const std::int64_t time = PropertyValue(MakeTag(0x0039, PropType::kTime), submitted->second.bytes).AsInt64();
     std::array<std::uint8_t, 22> index{1};
     for (int i = 0; i < 5; ++i) index[1 + i] = static_cast<std::uint8_t>(time >> (48 - 8 * i));
     const std::uint32_t crc = Crc(topic->second.bytes);
@@ -344,7 +342,8 @@ class StoreWriter {
     PropertyData& flags = p[prop::kMessageFlags];
     const std::uint32_t value = static_cast<std::uint32_t>(IntOf(p, prop::kMessageFlags)) | kHasAttachments;
     flags.type = PropType::kInt32;
-    flags.bytes.assign(reinterpret_cast<const std::uint8_t*>(&value), reinterpret_cast<const std::uint8_t*>(&value + 1));
+    flags.bytes.assign(reinterpret_cast<const std::uint8_t*>(&value),
+                       reinterpret_cast<const std::uint8_t*>(&value + 1));
     TableWriter table(file_, kAttachmentColumns);
     std::uint32_t index = 0x401;
     std::uint64_t total = 0;
@@ -382,7 +381,8 @@ class StoreWriter {
         DefaultText(a, 0x3001, ParseSubject(text.AsText()).text);
       }
     }
-    Default(a, prop::kAttachSize, PropType::kInt32, static_cast<std::uint32_t>(std::min<std::uint64_t>(size, 0x7FFFFFFF)));
+    Default(a, prop::kAttachSize, PropType::kInt32,
+            static_cast<std::uint32_t>(std::min<std::uint64_t>(size, 0x7FFFFFFF)));
     const std::uint32_t root = AddPropertiesTo(heap, a);
     return heap.Finish(root);
   }
@@ -395,6 +395,8 @@ class StoreWriter {
   unsigned depth_ = 0;
 };
 
-void StoreBuilder::Write(const std::filesystem::path& path) const { StoreWriter(*this, path).Run(); }
+void StoreBuilder::Write(const std::filesystem::path& path) const {
+  StoreWriter(*this, path).Run();
+}
 
 }  // namespace vault

@@ -12,16 +12,19 @@ constexpr std::uint32_t kUtf8Codepage = 65001;
 constexpr std::size_t kLongestPrefix = 3;
 
 // Windows-1252 from 0x80 to 0x9F; the other bytes are Unicode's first 256 characters.
-constexpr std::array<char16_t, 32> kWindows1252 = {
-    0x20AC, 0x0081, 0x201A, 0x0192, 0x201E, 0x2026, 0x2020, 0x2021, 0x02C6, 0x2030, 0x0160,
-    0x2039, 0x0152, 0x008D, 0x017D, 0x008F, 0x0090, 0x2018, 0x2019, 0x201C, 0x201D, 0x2022,
-    0x2013, 0x2014, 0x02DC, 0x2122, 0x0161, 0x203A, 0x0153, 0x009D, 0x017E, 0x0178};
+constexpr std::array<char16_t, 32> kWindows1252 = {0x20AC, 0x0081, 0x201A, 0x0192, 0x201E, 0x2026, 0x2020, 0x2021,
+                                                   0x02C6, 0x2030, 0x0160, 0x2039, 0x0152, 0x008D, 0x017D, 0x008F,
+                                                   0x0090, 0x2018, 0x2019, 0x201C, 0x201D, 0x2022, 0x2013, 0x2014,
+                                                   0x02DC, 0x2122, 0x0161, 0x203A, 0x0153, 0x009D, 0x017E, 0x0178};
 
 // Takes one code point off the front of `text`.
 char32_t TakeUtf8(std::string_view& text) {
   const auto lead = static_cast<unsigned char>(text[0]);
-  const std::size_t length = lead < 0x80 ? 1 : lead >= 0xC2 && lead < 0xE0 ? 2 : (lead & 0xF0) == 0xE0 ? 3
-                             : lead >= 0xF0 && lead < 0xF5 ? 4 : 0;
+  const std::size_t length = lead < 0x80                   ? 1
+                             : lead >= 0xC2 && lead < 0xE0 ? 2
+                             : (lead & 0xF0) == 0xE0       ? 3
+                             : lead >= 0xF0 && lead < 0xF5 ? 4
+                                                           : 0;
   constexpr char32_t kLeast[] = {0, 0, 0x80, 0x800, 0x10000};
   char32_t c = length == 1 ? lead : lead & (0x7F >> length);
   bool good = length > 0 && length <= text.size();
@@ -35,8 +38,12 @@ char32_t TakeUtf8(std::string_view& text) {
   return good ? c : kReplacement;
 }
 
-bool IsHigh(char16_t c) { return c >= 0xD800 && c < 0xDC00; }
-bool IsLow(char16_t c) { return c >= 0xDC00 && c < 0xE000; }
+bool IsHigh(char16_t c) {
+  return c >= 0xD800 && c < 0xDC00;
+}
+bool IsLow(char16_t c) {
+  return c >= 0xDC00 && c < 0xE000;
+}
 
 }  // namespace
 
@@ -50,8 +57,8 @@ Subject ParseSubject(std::u16string_view stored) {
   const std::size_t colon = stored.find(u':');
   if (colon == 0 || colon > kLongestPrefix || colon + 1 >= stored.size() || stored[colon + 1] != u' ') return subject;
   const auto prefix = stored.substr(0, colon);
-  const bool plain = std::none_of(prefix.begin(), prefix.end(),
-                                  [](char16_t c) { return c == u' ' || (c >= u'0' && c <= u'9'); });
+  const bool plain =
+      std::none_of(prefix.begin(), prefix.end(), [](char16_t c) { return c == u' ' || (c >= u'0' && c <= u'9'); });
   if (plain) subject.prefix_length = colon + 2;
   return subject;
 }
@@ -95,9 +102,8 @@ std::string Utf8FromUtf16(std::u16string_view text) {
 std::u16string Utf16FromBytes(std::span<const std::uint8_t> text, std::uint32_t codepage) {
   if (codepage == kUtf8Codepage) return Utf16FromUtf8({reinterpret_cast<const char*>(text.data()), text.size()});
   std::u16string result(text.size(), u'\0');
-  std::transform(text.begin(), text.end(), result.begin(), [](std::uint8_t c) {
-    return c >= 0x80 && c < 0xA0 ? kWindows1252[c - 0x80] : char16_t{c};
-  });
+  std::transform(text.begin(), text.end(), result.begin(),
+                 [](std::uint8_t c) { return c >= 0x80 && c < 0xA0 ? kWindows1252[c - 0x80] : char16_t{c}; });
   return result;
 }
 

@@ -46,8 +46,8 @@ Table::Table(std::shared_ptr<const Heap> heap) : heap_(std::move(heap)) {
   rows_per_block_ = layout.block_data / row_size_;
   if (blocks_->size() == 0) return;
   const std::uint32_t last = blocks_->size() - 1;
-  row_count_ = last * rows_per_block_ +
-               static_cast<std::uint32_t>(blocks_->tree().Stored(last).bytes.size() / row_size_);
+  row_count_ =
+      last * rows_per_block_ + static_cast<std::uint32_t>(blocks_->tree().Stored(last).bytes.size() / row_size_);
 }
 
 std::optional<std::size_t> Table::FindColumn(std::uint16_t id) const {
@@ -120,12 +120,15 @@ bool Table::Cursor::Next() {
     row_ = table_->At(next_++);
   } catch (const Error& error) {
     // The rows of one broken block are reported once.
-    if (table_->blocks_) next_ = (next_ - 1) / table_->rows_per_block_ * table_->rows_per_block_ + table_->rows_per_block_;
+    if (table_->blocks_)
+      next_ = (next_ - 1) / table_->rows_per_block_ * table_->rows_per_block_ + table_->rows_per_block_;
     error_ = error;
   }
   return true;
 }
 
-ValueReader Table::Open(const PropertyValue& value) const { return Heap::OpenValue(heap_, value); }
+ValueReader Table::Open(const PropertyValue& value) const {
+  return Heap::OpenValue(heap_, value);
+}
 
 }  // namespace vault

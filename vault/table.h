@@ -85,8 +85,8 @@ class Table {
   std::span<const std::uint8_t> RowBytes(std::uint32_t number) const;
 
   std::shared_ptr<const Heap> heap_;
-  std::shared_ptr<const BlockList> blocks_;    // rows in a subnode
-  std::span<const std::uint8_t> packed_;       // rows in the heap
+  std::shared_ptr<const BlockList> blocks_;  // rows in a subnode
+  std::span<const std::uint8_t> packed_;     // rows in the heap
   std::vector<Column> columns_;
   TreeOnHeap index_;
   std::uint16_t row_size_ = 0, bits_at_ = 0;

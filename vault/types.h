@@ -32,10 +32,16 @@ enum class NidType : std::uint8_t {
   kLargeValue = 0x1F,
 };
 
-constexpr NidType TypeOf(Nid nid) { return static_cast<NidType>(nid & 0x1F); }
-constexpr Nid MakeNid(NidType type, std::uint32_t index) { return index << 5 | static_cast<Nid>(type); }
+constexpr NidType TypeOf(Nid nid) {
+  return static_cast<NidType>(nid & 0x1F);
+}
+constexpr Nid MakeNid(NidType type, std::uint32_t index) {
+  return index << 5 | static_cast<Nid>(type);
+}
 // The node that belongs to `nid` (same index) with another type: a folder's tables.
-constexpr Nid Sibling(Nid nid, NidType type) { return (nid & ~Nid{0x1F}) | static_cast<Nid>(type); }
+constexpr Nid Sibling(Nid nid, NidType type) {
+  return (nid & ~Nid{0x1F}) | static_cast<Nid>(type);
+}
 
 inline constexpr Nid kStoreNid = 0x21;
 inline constexpr Nid kNameMapNid = 0x61;
@@ -64,37 +70,54 @@ enum class PropType : std::uint16_t {
   kMultiFlag = 0x1000,  // added to one of the above
 };
 
-constexpr std::uint16_t IdOf(PropTag tag) { return static_cast<std::uint16_t>(tag >> 16); }
-constexpr PropType PropTypeOf(PropTag tag) { return static_cast<PropType>(tag & 0xFFFF); }
+constexpr std::uint16_t IdOf(PropTag tag) {
+  return static_cast<std::uint16_t>(tag >> 16);
+}
+constexpr PropType PropTypeOf(PropTag tag) {
+  return static_cast<PropType>(tag & 0xFFFF);
+}
 constexpr PropTag MakeTag(std::uint16_t id, PropType type) {
   return static_cast<PropTag>(id) << 16 | static_cast<PropTag>(type);
 }
-constexpr bool IsMulti(PropType type) { return static_cast<std::uint16_t>(type) & 0x1000; }
+constexpr bool IsMulti(PropType type) {
+  return static_cast<std::uint16_t>(type) & 0x1000;
+}
 constexpr PropType ElementType(PropType type) {
   return static_cast<PropType>(static_cast<std::uint16_t>(type) & ~0x1000u);
 }
 // Bytes of one value of a fixed-size type; 0 for strings, binaries, objects and multi-values.
 constexpr unsigned FixedSize(PropType type) {
   switch (type) {
-    case PropType::kInt16: return 2;
-    case PropType::kInt32: case PropType::kFloat: case PropType::kError: return 4;
-    case PropType::kBoolean: return 1;
-    case PropType::kDouble: case PropType::kCurrency: case PropType::kAppTime: case PropType::kInt64:
-    case PropType::kTime: return 8;
-    case PropType::kGuid: return 16;
-    default: return 0;
+    case PropType::kInt16:
+      return 2;
+    case PropType::kInt32:
+    case PropType::kFloat:
+    case PropType::kError:
+      return 4;
+    case PropType::kBoolean:
+      return 1;
+    case PropType::kDouble:
+    case PropType::kCurrency:
+    case PropType::kAppTime:
+    case PropType::kInt64:
+    case PropType::kTime:
+      return 8;
+    case PropType::kGuid:
+      return 16;
+    default:
+      return 0;
   }
 }
 
 // Property ids that the reader itself needs.
 namespace prop {
-inline constexpr std::uint16_t kMessageClass = 0x001A, kSubject = 0x0037, kMessageFlags = 0x0E07,
-                               kMessageSize = 0x0E08, kRecordKey = 0x0FF9, kBody = 0x1000, kDisplayName = 0x3001,
-                               kIpmSubtreeEntryId = 0x35E0, kIpmWastebasketEntryId = 0x35E3, kFinderEntryId = 0x35E7,
-                               kContentCount = 0x3602, kContentUnread = 0x3603, kSubfolders = 0x360A,
-                               kContainerClass = 0x3613, kAttachData = 0x3701, kAttachFilename = 0x3704,
-                               kAttachMethod = 0x3705, kAttachLongFilename = 0x3707, kAttachSize = 0x0E20,
-                               kInternetCodepage = 0x3FDE, kMessageCodepage = 0x3FFD, kRowId = 0x67F2;
+inline constexpr std::uint16_t kMessageClass = 0x001A, kSubject = 0x0037, kMessageFlags = 0x0E07, kMessageSize = 0x0E08,
+                               kRecordKey = 0x0FF9, kBody = 0x1000, kDisplayName = 0x3001, kIpmSubtreeEntryId = 0x35E0,
+                               kIpmWastebasketEntryId = 0x35E3, kFinderEntryId = 0x35E7, kContentCount = 0x3602,
+                               kContentUnread = 0x3603, kSubfolders = 0x360A, kContainerClass = 0x3613,
+                               kAttachData = 0x3701, kAttachFilename = 0x3704, kAttachMethod = 0x3705,
+                               kAttachLongFilename = 0x3707, kAttachSize = 0x0E20, kInternetCodepage = 0x3FDE,
+                               kMessageCodepage = 0x3FFD, kRowId = 0x67F2;
 }  // namespace prop
 
 // PR_ATTACH_METHOD.

@@ -10,11 +10,16 @@ namespace vault {
 
 std::int64_t PropertyValue::AsInt64() const {
   switch (bytes_.size()) {
-    case 1: return bytes_[0];
-    case 2: return Load<std::int16_t>(bytes_.data());
-    case 4: return Load<std::int32_t>(bytes_.data());
-    case 8: return Load<std::int64_t>(bytes_.data());
-    default: return 0;
+    case 1:
+      return bytes_[0];
+    case 2:
+      return Load<std::int16_t>(bytes_.data());
+    case 4:
+      return Load<std::int32_t>(bytes_.data());
+    case 8:
+      return Load<std::int64_t>(bytes_.data());
+    default:
+      return 0;
   }
 }
 

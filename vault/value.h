@@ -34,7 +34,8 @@ class PropertyValue {
   Nid long_value() const { return long_value_; }
 
   // Little-endian scalars in their natural size; strings without a closing NUL (UTF-16LE, or 8-bit characters of
-  // the message's code page); binaries; GUIDs; multi-values packed as in MultiValue; objects: 8 bytes, subnode and size.
+  // the message's code page); binaries; GUIDs; multi-values packed as in MultiValue; objects: 8 bytes, subnode and
+  // size.
   std::span<const std::uint8_t> bytes() const { return bytes_; }
 
   // Any integer, time, currency or boolean, sign-extended. 0 when the value has no such bytes.
@@ -106,8 +107,8 @@ class MultiValue {
 
 // A stored subject may begin with U+0001 and U+(n + 1), n the length of its prefix ("RE: ").
 struct Subject {
-  std::u16string_view text;         // the whole subject without the two lead characters
-  std::size_t prefix_length = 0;    // characters of `text` that are the prefix
+  std::u16string_view text;       // the whole subject without the two lead characters
+  std::size_t prefix_length = 0;  // characters of `text` that are the prefix
   std::u16string_view prefix() const { return text.substr(0, prefix_length); }
   std::u16string_view normalized() const { return text.substr(prefix_length); }
 };

@@ -3,7 +3,7 @@
 #include <chrono>
 #include <cstring>
 
-#include "vault/bytes.h"
+#include "vault/encoding.h"
 #include "vault/error.h"
 #include "vault/value.h"
 
@@ -19,6 +19,31 @@ std::vector<std::uint8_t> TextBytes(std::string_view utf8) {
 
 void Append32(std::vector<std::uint8_t>& to, std::uint32_t value) {
   for (int i = 0; i < 4; ++i) to.push_back(static_cast<std::uint8_t>(value >> (8 * i)));
+}
+
+// The compressed form ([MS-OXRTFCP] 2.1.3) with literals only: not shorter, but read by everybody, which cannot be said
+// of the uncompressed form. Groups of a byte of flags and eight literals; a reference to the place where the next byte
+// would go ends the text.
+std::vector<std::uint8_t> RtfContainer(std::string_view rtf) {
+  constexpr std::size_t kPrefilled = 207, kDictionary = 4096;
+  std::vector<std::uint8_t> data;
+  for (std::size_t i = 0; i < rtf.size(); ++i) {
+    if (i % 8 == 0) data.push_back(0);
+    data.push_back(static_cast<std::uint8_t>(rtf[i]));
+  }
+  const std::size_t flags_at = rtf.size() / 8 * 9;
+  if (flags_at == data.size()) data.push_back(0);
+  data[flags_at] |= static_cast<std::uint8_t>(1 << rtf.size() % 8);
+  const std::size_t end = (kPrefilled + rtf.size()) % kDictionary << 4;
+  data.push_back(static_cast<std::uint8_t>(end >> 8));
+  data.push_back(static_cast<std::uint8_t>(end));
+  std::vector<std::uint8_t> container;
+  Append32(container, static_cast<std::uint32_t>(data.size() + 12));
+  Append32(container, static_cast<std::uint32_t>(rtf.size()));
+  Append32(container, 0x75465A4C);  // "LZFu"
+  Append32(container, Crc(data));
+  container.insert(container.end(), data.begin(), data.end());
+  return container;
 }
 
 // 16 bytes that differ where the text differs; not a secret, only an identity.
@@ -107,13 +132,7 @@ MessageBuilder& MessageBuilder::Html(std::string_view html) {
 }
 
 MessageBuilder& MessageBuilder::Rtf(std::string_view rtf) {
-  // [MS-OXRTFCP] 2.1.3.1: size of what follows this field, size of the text, "MELA", no checksum.
-  std::vector<std::uint8_t> container;
-  Append32(container, static_cast<std::uint32_t>(rtf.size() + 12));
-  Append32(container, static_cast<std::uint32_t>(rtf.size()));
-  Append32(container, 0x414C454D);
-  Append32(container, 0);
-  container.insert(container.end(), rtf.begin(), rtf.end());
+  const auto container = RtfContainer(rtf);
   return Binary(0x1009, container).Bool(0x0E1F, true).Int(0x1016, 2);
 }
 
@@ -158,6 +177,11 @@ StoreBuilder::StoreBuilder(std::string_view name, Encoding encoding)
       uid_(IdentityOf(name)),
       top_("Top of Personal Folders"),
       deleted_("Deleted Items", "IPF.Note") {}
+
+StoreBuilder& StoreBuilder::Encode(Encoding encoding) {
+  encoding_ = encoding;
+  return *this;
+}
 
 StoreBuilder& StoreBuilder::Uid(const Guid& uid) {
   uid_ = uid;

@@ -14,8 +14,8 @@
 #include <compare>
 #include <cstdint>
 #include <deque>
-#include <list>
 #include <filesystem>
+#include <list>
 #include <map>
 #include <memory>
 #include <span>
@@ -35,9 +35,22 @@ std::int64_t FileTime(int year, unsigned month, unsigned day, unsigned hour = 0,
 
 // A property set from its first field; the rest is that of every set of MAPI: {xxxxxxxx-0000-0000-C000-000000000046}.
 constexpr Guid MapiSet(std::uint32_t data1) {
-  return {static_cast<std::uint8_t>(data1), static_cast<std::uint8_t>(data1 >> 8),
-          static_cast<std::uint8_t>(data1 >> 16), static_cast<std::uint8_t>(data1 >> 24),
-          0, 0, 0, 0, 0xC0, 0, 0, 0, 0, 0, 0, 0x46};
+  return {static_cast<std::uint8_t>(data1),
+          static_cast<std::uint8_t>(data1 >> 8),
+          static_cast<std::uint8_t>(data1 >> 16),
+          static_cast<std::uint8_t>(data1 >> 24),
+          0,
+          0,
+          0,
+          0,
+          0xC0,
+          0,
+          0,
+          0,
+          0,
+          0,
+          0,
+          0x46};
 }
 inline constexpr Guid kAppointmentSet = MapiSet(0x00062002), kTaskSet = MapiSet(0x00062003),
                       kAddressSet = MapiSet(0x00062004), kCommonSet = MapiSet(0x00062008),
@@ -134,7 +147,7 @@ class MessageBuilder : public WithProperties<MessageBuilder> {
   // File times; the submit time also gives the other times that are not set otherwise.
   MessageBuilder& SubmitTime(std::int64_t time);
   MessageBuilder& DeliveryTime(std::int64_t time) { return Time(0x0E06, time); }
-  // Any of the three forms; Html is UTF-8, Rtf is plain RTF source (stored in the uncompressed container).
+  // Any of the three forms; Html is UTF-8, Rtf is plain RTF source.
   MessageBuilder& Body(std::string_view text) { return Text(0x1000, text); }
   MessageBuilder& Html(std::string_view html);
   MessageBuilder& Rtf(std::string_view rtf);
@@ -173,6 +186,7 @@ class StoreBuilder : public WithProperties<StoreBuilder> {
   explicit StoreBuilder(std::string_view name, Encoding encoding = Encoding::kPermute);
   // The 16 bytes in every entry id; made from the name when not set.
   StoreBuilder& Uid(const Guid& uid);
+  StoreBuilder& Encode(Encoding encoding);
   // The top of the mail subtree, and the "Deleted Items" in it.
   FolderBuilder& top() { return top_; }
   FolderBuilder& deleted_items() { return deleted_; }

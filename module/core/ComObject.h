@@ -3,12 +3,23 @@
 
 #include <windows.h>
 
-#include <unknwn.h>
+#include <objidl.h>
+
+#include <wrl/client.h>
 
 #include <atomic>
 #include <new>
+#include <type_traits>
 
 #include "module/core/HoardexPH.h"
+
+// Takes over the one reference of a new object; null stays null. (The toolchain's ComPtr::Attach counts one more.)
+template <class Object>
+Microsoft::WRL::ComPtr<Object> Adopt(Object* made) {
+  Microsoft::WRL::ComPtr<Object> pointer;
+  *pointer.GetAddressOf() = made;
+  return pointer;
+}
 
 // Base of an object that implements Interfaces... and nothing else; the first one answers for IUnknown. Counts are
 // free-threaded and each living object holds the module.
@@ -41,6 +52,8 @@ class ComObject : public First, public Rest... {
  private:
   template <class Interface>
   static bool Answers(REFIID iid) {
+    if constexpr (std::is_base_of_v<IPersist, Interface>)
+      if (iid == IID_IPersist) return true;
     return iid == __uuidof(Interface);
   }
 

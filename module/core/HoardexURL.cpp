@@ -58,12 +58,17 @@ std::wstring Normalise(std::wstring_view url) {
   return result;
 }
 
+std::wstring_view SizeGroup(std::wstring_view url) {
+  const size_t begin = url.find(L"[[", url.rfind(L'/') + 1);
+  if (begin == std::wstring_view::npos) return {};
+  const size_t end = url.find(L"]]", begin);
+  return end == std::wstring_view::npos ? std::wstring_view() : url.substr(begin, end + 2 - begin);
+}
+
 std::wstring WithoutSize(std::wstring_view url) {
+  const std::wstring_view group = SizeGroup(url);
   std::wstring result(url);
-  const size_t begin = result.find(L"[[");
-  if (begin == std::wstring::npos) return result;
-  const size_t end = result.find(L"]]", begin);
-  if (end != std::wstring::npos) result.erase(begin, end + 2 - begin);
+  if (!group.empty()) result.erase(static_cast<size_t>(group.data() - url.data()), group.size());
   return result;
 }
 

@@ -31,7 +31,11 @@ std::wstring Child(std::wstring_view parent, std::wstring_view name);
 // path back with forward slashes. Case of both marks is ignored; without the second nothing is changed.
 std::wstring Normalise(std::wstring_view url);
 
-// The URL without its size group, from the first "[[" through the first "]]" after it.
+// The size group of a message URL, from the first "[[" of its last token through the first "]]" after it; empty when
+// there is none. A vault's path may hold such brackets too, so the tokens before the last are left out.
+std::wstring_view SizeGroup(std::wstring_view url);
+
+// The URL without its size group.
 std::wstring WithoutSize(std::wstring_view url);
 
 // The message URL of an attachment URL: cut right after the first ".zkm". The whole URL when there is none.

@@ -135,22 +135,34 @@ void Replace(std::wstring& text, std::wstring_view mark, std::wstring_view by) {
     text.replace(at, mark.size(), by);
 }
 
-std::optional<std::wstring> LoadScript(UINT resource, const std::wstring& module_path) {
+std::optional<std::wstring> LoadScript(UINT resource) {
   const HRSRC found = FindResourceW(module::Instance(), MAKEINTRESOURCEW(resource), L"REGISTRY");
   const HGLOBAL loaded = found ? LoadResource(module::Instance(), found) : nullptr;
   const auto* bytes = loaded ? static_cast<const char*>(LockResource(loaded)) : nullptr;
   if (!bytes) return std::nullopt;
-  std::wstring script(bytes, bytes + SizeofResource(module::Instance(), found));  // the script is ASCII
+  return std::wstring(bytes, bytes + SizeofResource(module::Instance(), found));  // the script is ASCII
+}
+
+// Puts class and path in, after the script was read: a path may hold the script's own marks.
+void Substitute(std::vector<Key>& keys, const std::wstring& module_path) {
   wchar_t clsid[40] = {};
   StringFromGUID2(module::kHoardexSPClass, clsid, 40);
-  Replace(script, L"%CLSID%", clsid);
-  Replace(script, L"%MODULE%", module_path);
-  return script;
+  for (Key& key : keys) {
+    Replace(key.path, L"%CLSID%", clsid);
+    for (Value& value : key.values) {
+      Replace(value.name, L"%CLSID%", clsid);
+      Replace(value.text, L"%CLSID%", clsid);
+      Replace(value.text, L"%MODULE%", module_path);
+    }
+  }
 }
 
 LONG Write(const Key& key) {
   RegistryKey handle;
-  LONG error = handle.Create(key.hive, key.path.c_str(), KEY_READ | KEY_WRITE);
+  // A shared key in which nothing is written may be one that only administrators of the system may write.
+  const bool written = !key.values.empty() || key.removal != Removal::kNever;
+  LONG error = handle.Open(key.hive, key.path.c_str(), written ? KEY_READ | KEY_WRITE : KEY_READ);
+  if (error == ERROR_FILE_NOT_FOUND) error = handle.Create(key.hive, key.path.c_str(), KEY_READ | KEY_WRITE);
   for (const Value& value : key.values) {
     if (error != ERROR_SUCCESS) break;
     const wchar_t* name = value.name.empty() ? nullptr : value.name.c_str();
@@ -167,6 +179,7 @@ LONG Write(const Key& key) {
 
 LONG Remove(const Key& key) {
   if (key.removal == Removal::kWhole) return RegDeleteTreeW(key.hive, key.path.c_str());
+  if (key.removal == Removal::kNever && key.values.empty()) return ERROR_SUCCESS;
   RegistryKey handle;
   LONG error = handle.Open(key.hive, key.path.c_str(), KEY_READ | KEY_WRITE);
   if (error != ERROR_SUCCESS) return error;
@@ -182,9 +195,10 @@ LONG Remove(const Key& key) {
 }  // namespace
 
 HRESULT Run(Action action, UINT resource, const std::wstring& module_path) {
-  const auto script = LoadScript(resource, module_path);
+  const auto script = LoadScript(resource);
   std::vector<Key> keys;
   if (!script || module_path.empty() || !Parse(*script, keys)) return kBadScript;
+  Substitute(keys, module_path);
   LONG first = ERROR_SUCCESS;
   if (action == Action::kRegister) {
     for (const Key& key : keys)

@@ -64,7 +64,7 @@ void CHoardexFilter::AddAttachmentRow(const TidyRowSet& rows, ULONG i, const Gro
   if (const SPropValue* cell = rows.cell(i, kExtension, PR_ATTACH_EXTENSION_W)) {
     const std::wstring extension = cell->Value.lpszW;
     const std::wstring excluded = text::Lower(extension + L";");
-    if (!extension.empty() && policy.Excludes(excluded)) {
+    if (policy.Excludes(excluded)) {
       ZK_LOG(L"CHoardexFilter::GetChunk() - PROP_ATTACHMENT_NAMES - WDS Group policy is set to ignore specific "
              L"attachment of type - %s",
              excluded.c_str());

@@ -125,6 +125,9 @@ void CHoardexFilter::Fill(STAT_CHUNK* stat, const PROPERTYKEY& key, CHUNKSTATE s
 HRESULT CHoardexFilter::End() {
   child_urls_.clear();
   child_times_.clear();
+  // Nothing of MAPI outlives the sequence: the host may keep the filter until the session is gone.
+  message_.Reset();
+  body_stream_.Reset();
   for (PropertySet* set :
        {&message_props_, &calendar_props_, &task_props_, &contact_props_, &contact_named_props_, &note_props_})
     set->Release();

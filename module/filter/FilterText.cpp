@@ -43,13 +43,14 @@ HRESULT CHoardexFilter::NextText(ULONG* count, WCHAR* buffer) {
   if (body_result_ == E_OUTOFMEMORY) {
     if (!body_stream_) return FILTER_E_NO_MORE_TEXT;
     ULONG read = 0;
-    const HRESULT result = body_stream_->Read(buffer, capacity * sizeof(WCHAR), &read);
+    const ULONG asked = std::min<ULONG>(capacity, ULONG_MAX / sizeof(WCHAR));
+    const HRESULT result = body_stream_->Read(buffer, asked * sizeof(WCHAR), &read);
     if (FAILED(result)) {
       ZK_LOG(L"CHoardexFilter::GetText() - Stream Read failed with [0x%08lX]", result);
       return FILTER_E_NO_MORE_TEXT;
     }
     given = read / sizeof(WCHAR);
-    if (given < capacity) {
+    if (given < asked) {
       hr = FILTER_S_LAST_TEXT;
       text_done_ = true;
     }

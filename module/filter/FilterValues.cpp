@@ -109,17 +109,21 @@ HRESULT CHoardexFilter::MakeValue(variant::Owner& owner, PROPVARIANT** forwarded
     const int step = attach_step_ - kFirstAttachmentStep;
     if (step < 0 || step >= AttachmentSequence::kSteps)
       return inner_filter_ ? inner_filter_->GetValue(forwarded) : FILTER_E_NO_VALUES;
-    HRESULT hr = owner.Allocate();
-    if (FAILED(hr)) return hr;
     const AttachmentSequence::Row& row = AttachmentSequence::kRows[step];
-    hr = row.make(*this, *owner);
+    HRESULT hr = owner.Allocate();
+    if (SUCCEEDED(hr)) hr = row.make(*this, *owner);
     if (FAILED(hr) && row.out_of_memory) ZK_LOG(L"%s", row.out_of_memory);
     return hr;
   }
-  const HRESULT hr = owner.Allocate();
+  HRESULT hr = owner.Allocate();
+  if (kind_ == CHoardexURL::kMessage) {
+    if (SUCCEEDED(hr)) hr = MakeMessageValue(*owner);
+    if (hr == E_OUTOFMEMORY)
+      ZK_LOG(L"CHoardexFilter::GetValue() - CoTaskMemAlloc failed for message property no. [%d]", message_step_);
+    return hr;
+  }
   if (FAILED(hr)) return hr;
   switch (kind_) {
-    case CHoardexURL::kMessage: return MakeMessageValue(*owner);
     case CHoardexURL::kRoot: return MakeRootValue(*owner);
     case CHoardexURL::kVaultFile:
     case CHoardexURL::kFolder: return MakeContainerValue(*owner);
@@ -143,11 +147,7 @@ HRESULT CHoardexFilter::MakeMessageValue(PROPVARIANT& value) {
     ZK_LOG(L"CHoardexFilter::GetValue() - Called with a undefined property!");
     return FILTER_E_NO_VALUES;
   }
-  const int shown_step = message_step_;
-  const HRESULT hr = row->make(*this, element, value);
-  if (hr == E_OUTOFMEMORY)
-    ZK_LOG(L"CHoardexFilter::GetValue() - CoTaskMemAlloc failed for message property no. [%d]", shown_step);
-  return hr;
+  return row->make(*this, element, value);
 }
 
 HRESULT CHoardexFilter::MakeLink(PROPVARIANT& value) {

@@ -134,7 +134,7 @@ bool CHoardexFilter::OpenMessage() {
   if (FAILED(ReadMessageProperties())) return false;
   TidyPropValues message_class;
   hr = mapi::HrGetOneProp(message_.Get(), PR_MESSAGE_CLASS_W, &message_class);
-  if (FAILED(hr) || !message_class) {
+  if (FAILED(hr) || !message_class || !Carries(*message_class.get(), PR_MESSAGE_CLASS_W)) {
     ZK_LOG(L"CHoardexFilter::GetChunk() - HrGetOneProp for PR_MESSAGE_CLASS failed with [0x%08lX]", hr);
   } else {
     using Reader = HRESULT (CHoardexFilter::*)();

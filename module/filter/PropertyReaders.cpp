@@ -125,7 +125,7 @@ HRESULT CHoardexFilter::GetRecipientInfo() {
   sender_addr_type_.clear();
   TidyPropValues type;
   HRESULT hr = mapi::HrGetOneProp(message_.Get(), PR_SENDER_ADDRTYPE_W, &type);
-  if (FAILED(hr) || !type) {
+  if (FAILED(hr) || !type || !Carries(*type.get(), PR_SENDER_ADDRTYPE_W)) {
     ZK_LOG(L"CHoardexFilter::GetRecipientInfo() - HrGetOneProp for PR_SENDER_ADDRTYPE failed with [0x%08lX]", hr);
   } else {
     sender_addr_type_ = type->Value.lpszW;

@@ -12,10 +12,6 @@ constexpr size_t kVaultToken = 3;
 // Ends the walk to the top when a damaged store's folders are one another's parents.
 constexpr int kMaxFolderDepth = 512;
 
-const SPropValue* Find(const TidyPropValues& values, ULONG count, ULONG index, ULONG tag) {
-  return values && index < count && values.get()[index].ulPropTag == tag ? &values.get()[index] : nullptr;
-}
-
 LPENTRYID EntryId(const SBinary& value) { return reinterpret_cast<LPENTRYID>(value.lpb); }
 
 }  // namespace
@@ -72,7 +68,7 @@ HRESULT CMapiForWDS::OpenContainer(const std::wstring& token, bool top, LPMAPIFO
     ULONG count = 0;
     TidyPropValues values;
     HRESULT hr = store_->GetProps(reinterpret_cast<LPSPropTagArray>(&tags), 0, &count, &values);
-    const SPropValue* id = Find(values, count, 0, PR_IPM_SUBTREE_ENTRYID);
+    const SPropValue* id = FindProp(values, count, 0, PR_IPM_SUBTREE_ENTRYID);
     if (hr != S_OK || !id || !id->Value.bin.cb) {
       ZK_LOG(L"CMapiForWDS::BrowseFolder() - GetProps for IPM root folder failed with [0x%08lX]", hr);
       return E_FAIL;
@@ -95,7 +91,7 @@ HRESULT CMapiForWDS::OpenContainer(const std::wstring& token, bool top, LPMAPIFO
       return hr;
     }
   }
-  if (type != MAPI_FOLDER) {
+  if (!object || type != MAPI_FOLDER) {
     // A folder URL may be forged with a message's identifier; its methods are not a folder's.
     if (object) object->Release();
     return MAPI_E_INVALID_OBJECT;
@@ -186,25 +182,27 @@ HRESULT CMapiForWDS::GetFolderPath(LPMAPIFOLDER folder, std::wstring& path) {
   if (!folder) return E_INVALIDARG;
   path.clear();
   TidyPropValues top;
-  HRESULT hr = mapi::HrGetOneProp(store_.Get(), PR_IPM_SUBTREE_ENTRYID, &top);
+  // Without a known top the path stays empty, which is no failure.
+  const bool has_top = SUCCEEDED(mapi::HrGetOneProp(store_.Get(), PR_IPM_SUBTREE_ENTRYID, &top)) && top &&
+                       Carries(*top.get(), PR_IPM_SUBTREE_ENTRYID);
+  HRESULT hr = S_OK;
   ComPtr<IMAPIFolder> current(folder);
-  for (int depth = 0; SUCCEEDED(hr) && top && top->ulPropTag == PR_IPM_SUBTREE_ENTRYID && depth < kMaxFolderDepth;
-       ++depth) {
+  for (int depth = 0; has_top && depth < kMaxFolderDepth; ++depth) {
     SizedSPropTagArray(3, tags) = {3, {PR_ENTRYID, PR_DISPLAY_NAME_W, PR_PARENT_ENTRYID}};
     ULONG count = 0;
     TidyPropValues values;
     hr = current->GetProps(reinterpret_cast<LPSPropTagArray>(&tags), 0, &count, &values);
     if (FAILED(hr)) break;
-    const SPropValue* id = Find(values, count, 0, PR_ENTRYID);
+    const SPropValue* id = FindProp(values, count, 0, PR_ENTRYID);
     if (id) {
       ULONG same = FALSE;
       hr = store_->CompareEntryIDs(id->Value.bin.cb, EntryId(id->Value.bin), top->Value.bin.cb, EntryId(top->Value.bin),
                                    0, &same);
       if (FAILED(hr) || same) break;
     }
-    if (const SPropValue* name = Find(values, count, 1, PR_DISPLAY_NAME_W))
+    if (const SPropValue* name = FindProp(values, count, 1, PR_DISPLAY_NAME_W))
       path = path.empty() ? std::wstring(name->Value.lpszW) : std::wstring(name->Value.lpszW) + L"/" + path;
-    const SPropValue* parent = Find(values, count, 2, PR_PARENT_ENTRYID);
+    const SPropValue* parent = FindProp(values, count, 2, PR_PARENT_ENTRYID);
     if (!parent) break;
     if (id) {
       // The store's root folder is its own parent: a folder outside the message tree ends there.
@@ -217,7 +215,7 @@ HRESULT CMapiForWDS::GetFolderPath(LPMAPIFOLDER folder, std::wstring& path) {
     ComPtr<IUnknown> object;
     hr = store_->OpenEntry(parent->Value.bin.cb, EntryId(parent->Value.bin), nullptr, MAPI_BEST_ACCESS, &type, &object);
     if (FAILED(hr)) break;
-    if (type != MAPI_FOLDER) {
+    if (!object || type != MAPI_FOLDER) {
       ZK_LOG(L"CMapiForWDS::GetFolderPath - OpenEntry returned non-folder object");
       hr = E_FAIL;
       break;

@@ -61,17 +61,6 @@ bool IsSet(const EntryPoint& entry) {
 }
 void Store(const EntryPoint& entry, FARPROC value) { memcpy(entry.pointer, &value, sizeof(value)); }
 
-class Enter {
- public:
-  explicit Enter(CRITICAL_SECTION& section) : section_(section) { EnterCriticalSection(&section_); }
-  ~Enter() { LeaveCriticalSection(&section_); }
-  Enter(const Enter&) = delete;
-  Enter& operator=(const Enter&) = delete;
-
- private:
-  CRITICAL_SECTION& section_;
-};
-
 // The raw bytes of a value of the mail client's key, up to the first NUL; empty when key or value is absent.
 std::string ReadMailClientValue(const char* name) {
   HKEY key;
@@ -143,16 +132,10 @@ HMODULE LoadProvider() {
 
 }  // namespace
 
-CMapiLoader::CMapiLoader() {
-  if (!InitializeCriticalSectionAndSpinCount(&lock_, 0))
-    RaiseException(STATUS_NO_MEMORY, EXCEPTION_NONCONTINUABLE, 0, nullptr);
-  Load();
-}
-
-CMapiLoader::~CMapiLoader() { DeleteCriticalSection(&lock_); }
+CMapiLoader::CMapiLoader() { Load(); }
 
 void CMapiLoader::Load() {
-  Enter enter(lock_);
+  CriticalSection::Guard guard(lock_);
   if (loaded_) return;
   const HMODULE provider = LoadProvider();
   if (!provider) {
@@ -173,7 +156,7 @@ void CMapiLoader::Load() {
 }
 
 void CMapiLoader::Reset() {
-  Enter enter(lock_);
+  CriticalSection::Guard guard(lock_);
   for (const EntryPoint& entry : kEntryPoints) Store(entry, nullptr);
   loaded_ = false;
 }

@@ -12,10 +12,11 @@
 
 #include <string>
 
+#include "module/core/CriticalSection.h"
+
 class CMapiLoader {
  public:
-  CMapiLoader();   // loads
-  ~CMapiLoader();  // MAPI itself is never unloaded
+  CMapiLoader();  // loads; MAPI itself is never unloaded
   CMapiLoader(const CMapiLoader&) = delete;
   CMapiLoader& operator=(const CMapiLoader&) = delete;
 
@@ -27,7 +28,7 @@ class CMapiLoader {
   const std::string& LastError() const { return last_error_; }
 
  private:
-  CRITICAL_SECTION lock_;
+  CriticalSection lock_;
   bool loaded_ = false;
   std::string last_error_;
 };

@@ -71,11 +71,12 @@ std::wstring CMapiForWDS::BinaryToText(const SBinary& value) {
 
 HRESULT CMapiForWDS::GetMsgFromURL(const std::wstring& message_url, LPMESSAGE* message) {
   *message = nullptr;
-  if (!CHoardexURL(message_url).IsMessage()) {
+  const CHoardexURL parsed(message_url);
+  if (!parsed.IsMessage()) {
     ZK_LOG(L"CMapiForWDS::GetMsgFromURL() - URL is not a message");
     return E_FAIL;
   }
-  std::wstring name = message_url.substr(message_url.rfind(L'/') + 1);
+  std::wstring name = parsed.text().substr(parsed.text().rfind(L'/') + 1);
   name.resize(name.size() - std::min(name.size(), kMessageSuffixLength));
   const SBinary id = CStringToEntryID(name);
   if (!id.lpb) {
@@ -92,7 +93,7 @@ HRESULT CMapiForWDS::GetMsgFromURL(const std::wstring& message_url, LPMESSAGE* m
     ZK_LOG(L"CMapiForWDS::GetMsgFromURL() - OpenEntry failed with [0x%08lX]", hr);
     return hr;
   }
-  if (type != MAPI_MESSAGE) {
+  if (!object || type != MAPI_MESSAGE) {
     // A message URL may be forged with a folder's identifier; calling a folder as a message would end the host.
     if (object) object->Release();
     ZK_LOG(L"CMapiForWDS::GetMsgFromURL() - OpenEntry failed with [0x%08lX]", MAPI_E_INVALID_OBJECT);
@@ -174,6 +175,7 @@ HRESULT CMapiForWDS::GetStreamFromAttachmentURL(const std::wstring& attachment_u
     return FAILED(hr) ? hr : E_FAIL;
   }
   hr = attachment->OpenProperty(PR_ATTACH_DATA_BIN, &IID_IStream, 0, 0, reinterpret_cast<LPUNKNOWN*>(stream));
+  if (SUCCEEDED(hr) && !*stream) hr = E_FAIL;
   if (FAILED(hr)) {
     *stream = nullptr;
     ZK_LOG(L"CMapiForWDS::GetStreamFromAttachmentURL() - pAttach->OpenProperty failure returned [0x%08lX]", hr);

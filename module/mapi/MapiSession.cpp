@@ -7,6 +7,7 @@
 #include <memory>
 #include <unordered_map>
 
+#include "module/core/CriticalSection.h"
 #include "module/core/HoardexURL.h"
 #include "module/core/SCLog.h"
 #include "module/core/Text.h"
@@ -16,17 +17,13 @@ namespace {
 
 constexpr wchar_t kLogSource[] = L".\\MapiForWDS";
 constexpr size_t kVaultToken = 3;
+constexpr HRESULT kPathTooLong = HRESULT_FROM_WIN32(ERROR_FILENAME_EXCED_RANGE);
 constexpr size_t kMaxVaultPath = 1023;  // what the service's file name property is given room for
 
 // The helper table. Writers hold the critical section; look-ups read an immutable snapshot and take no lock.
 class HelperTable {
  public:
   using Map = std::unordered_map<std::wstring, CMapiForWDS*>;
-
-  HelperTable() { InitializeCriticalSection(&lock_); }
-  ~HelperTable() { DeleteCriticalSection(&lock_); }
-  HelperTable(const HelperTable&) = delete;
-  HelperTable& operator=(const HelperTable&) = delete;
 
   CMapiForWDS* Find(const std::wstring& key) const {
     const auto map = map_.load();
@@ -35,31 +32,24 @@ class HelperTable {
   }
 
   void Store(const std::wstring& key, CMapiForWDS* object) {
-    EnterCriticalSection(&lock_);
-    try {
-      auto map = std::make_shared<Map>(*map_.load());
-      (*map)[key] = object;
-      map_.store(std::move(map));
-    } catch (...) {
-      LeaveCriticalSection(&lock_);
-      throw;
-    }
-    LeaveCriticalSection(&lock_);
+    CriticalSection::Guard guard(lock_);
+    auto map = std::make_shared<Map>(*map_.load());
+    (*map)[key] = object;
+    map_.store(std::move(map));
   }
 
-  // Runs `each` on every entry under the lock, then empties the table.
+  // Empties the table and runs `each` on what was in it, under the lock. The table is empty first, so that a look-up
+  // meanwhile finds no object that is being torn down.
   template <class Before, class Each>
   void Clean(Before&& before, Each&& each) {
-    EnterCriticalSection(&lock_);
-    const auto map = map_.load();
+    CriticalSection::Guard guard(lock_);
+    const auto map = map_.exchange(std::make_shared<const Map>());
     before(map->size());
     for (const auto& [key, object] : *map) each(key, object);
-    map_.store(std::make_shared<const Map>());
-    LeaveCriticalSection(&lock_);
   }
 
  private:
-  mutable CRITICAL_SECTION lock_;
+  CriticalSection lock_;
   std::atomic<std::shared_ptr<const Map>> map_ = std::make_shared<const Map>();
 };
 
@@ -70,6 +60,12 @@ HelperTable& Helpers() {
 }
 
 LPTSTR Ansi(const char* text) { return reinterpret_cast<LPTSTR>(const_cast<char*>(text)); }
+
+// A call that succeeds but hands nothing out has failed.
+template <class Pointer>
+HRESULT Checked(HRESULT hr, const Pointer& out) {
+  return SUCCEEDED(hr) && !out ? E_FAIL : hr;
+}
 
 // Logs what a MAPI object says of its last failure.
 template <class Interface>
@@ -143,9 +139,8 @@ HRESULT CMapiForWDS::Setup(const std::wstring& item_url) {
   const int count = ExtractURLTokens(item_url, tokens);
   if (count > static_cast<int>(kVaultToken) && tokens[kVaultToken].size() > kMaxVaultPath) {
     // Refused before anything is opened: the service's property has room for no more.
-    constexpr HRESULT kTooLong = HRESULT_FROM_WIN32(ERROR_FILENAME_EXCED_RANGE);
-    ZK_LOG(L"CMapiForWDS::Setup() - Vault file path is too long [0x%08lX]", kTooLong);
-    return kTooLong;
+    ZK_LOG(L"CMapiForWDS::Setup() - Vault file path is too long [0x%08lX]", kPathTooLong);
+    return kPathTooLong;
   }
   HRESULT hr = EnableMAPI();
   if (FAILED(hr)) {
@@ -192,6 +187,7 @@ HRESULT CMapiForWDS::CreateMapiSession() {
   if (session_count_) return S_OK;
   Microsoft::WRL::ComPtr<IProfAdmin> admin;
   HRESULT hr = mapi::MAPIAdminProfiles(0, &admin);
+  hr = Checked(hr, admin);
   if (FAILED(hr)) {
     ZK_LOG(L"CMapiForWDS::CreateMapiSession() - MAPIAdminProfiles failed [0x%08lX]", hr);
     return hr;
@@ -211,6 +207,7 @@ HRESULT CMapiForWDS::CreateMapiSession() {
     return hr;
   }
   hr = mapi::MAPILogonEx(0, Ansi(name.c_str()), nullptr, MAPI_EXTENDED | MAPI_NEW_SESSION | MAPI_NO_MAIL, &session_);
+  hr = Checked(hr, session_);
   // At once, whatever the logon gave: the profile then disappears with the session.
   const HRESULT deleted = admin->DeleteProfile(Ansi(name.c_str()), 0);
   if (FAILED(deleted))
@@ -221,6 +218,7 @@ HRESULT CMapiForWDS::CreateMapiSession() {
     return hr;
   }
   hr = admin->AdminServices(Ansi(name.c_str()), nullptr, 0, 0, &service_admin_);
+  hr = Checked(hr, service_admin_);
   if (FAILED(hr)) {
     service_admin_.Reset();
     ZK_LOG(L"CMapiForWDS::CreateMapiSession() AdminServices failed with [0x%08lX]", hr);
@@ -233,6 +231,7 @@ HRESULT CMapiForWDS::CreateMapiSession() {
 HRESULT CMapiForWDS::DeleteOldProfiles(IProfAdmin* admin) {
   Microsoft::WRL::ComPtr<IMAPITable> table;
   HRESULT hr = admin->GetProfileTable(0, &table);
+  hr = Checked(hr, table);
   if (FAILED(hr)) {
     ZK_LOG(L"CMapiForWDS::CreateMapiSession() - IMAPITable::GetProfileTable failed [0x%08lX]", hr);
     return hr;
@@ -275,6 +274,7 @@ HRESULT CMapiForWDS::AddService() {
   }
   Microsoft::WRL::ComPtr<IMAPITable> table;
   hr = service_admin_->GetMsgServiceTable(0, &table);
+  hr = Checked(hr, table);
   if (FAILED(hr)) {
     ZK_LOG(L"CMapiForWDS::AddService() - GetMsgServiceTable failed with [0x%08lX]", hr);
     return hr;
@@ -317,7 +317,9 @@ HRESULT CMapiForWDS::ConfigurePST(const std::wstring& path) {
     value.Value.lpszW = wide;
   } else {
     ZK_LOG(L"CMapiForWDS::ConfigurePST() - PR_PST_FILENAME");
-    strncpy(narrow, text::Narrow(path).c_str(), kMaxVaultPath);
+    const std::string shortened = text::Narrow(path);
+    if (shortened.size() > kMaxVaultPath) return kPathTooLong;  // cut, it would name another file
+    strncpy(narrow, shortened.c_str(), kMaxVaultPath);
     value.ulPropTag = PR_PST_FILENAME_A;
     value.Value.lpszA = narrow;
   }
@@ -332,6 +334,7 @@ HRESULT CMapiForWDS::ConfigurePST(const std::wstring& path) {
 HRESULT CMapiForWDS::CacheStoreEntryID() {
   Microsoft::WRL::ComPtr<IMAPITable> table;
   HRESULT hr = session_->GetMsgStoresTable(0, &table);
+  hr = Checked(hr, table);
   if (FAILED(hr)) {
     ZK_LOG(L"CMapiForWDS::OpenPST() - GetMsgStoresTable failed with [0x%08lX]", hr);
     return hr;
@@ -358,6 +361,7 @@ HRESULT CMapiForWDS::CacheStoreEntryID() {
   }
   LPVOID copy = nullptr;
   hr = mapi::MAPIAllocateBuffer(id.Value.bin.cb, &copy);
+  hr = Checked(hr, copy);
   if (FAILED(hr)) {
     ZK_LOG(L"CMapiForWDS::OpenPST() - MAPIAllocateBuffer for entry ID failed with [0x%08lX]", hr);
     return E_OUTOFMEMORY;
@@ -382,6 +386,7 @@ HRESULT CMapiForWDS::OpenPST(const std::wstring& path) {
   }
   hr = session_->OpenMsgStore(0, store_entry_id_size_, store_entry_id_, nullptr, MDB_NO_MAIL | MAPI_BEST_ACCESS,
                               &store_);
+  hr = Checked(hr, store_);
   if (FAILED(hr)) {
     ZK_LOG(L"CMapiForWDS::OpenPST() - OpenMsgStore failed with [0x%08lX]", hr);
   } else {

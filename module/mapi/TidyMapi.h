@@ -4,6 +4,18 @@
 
 #include "module/mapi/MapiLoader.h"
 
+// Whether a property that MAPI handed out has exactly this tag and, where its value is a pointer, one that can be read:
+// a provider may answer S_OK with nothing behind it.
+inline bool Carries(const SPropValue& value, ULONG tag) {
+  if (value.ulPropTag != tag) return false;
+  switch (PROP_TYPE(tag)) {
+    case PT_UNICODE: return value.Value.lpszW != nullptr;
+    case PT_STRING8: return value.Value.lpszA != nullptr;
+    case PT_BINARY: return !value.Value.bin.cb || value.Value.bin.lpb;
+    default: return true;
+  }
+}
+
 // Owns one block from MAPIAllocateBuffer or a call that allocates with it.
 template <class T>
 class TidyMAPIBuffer;
@@ -46,6 +58,11 @@ class TidyMAPIBuffer<T*> {
 using TidyPropTags = TidyMAPIBuffer<SPropTagArray*>;
 using TidyPropValues = TidyMAPIBuffer<SPropValue*>;
 
+// Entry `index` of what GetProps returned if it carries exactly `tag`, else null.
+inline const SPropValue* FindProp(const TidyPropValues& values, ULONG count, ULONG index, ULONG tag) {
+  return values && index < count && Carries(values.get()[index], tag) ? &values.get()[index] : nullptr;
+}
+
 // Owns a row set with its rows.
 class TidyRowSet : public TidyMAPIBuffer<SRowSet*> {
  public:
@@ -57,7 +74,7 @@ class TidyRowSet : public TidyMAPIBuffer<SRowSet*> {
   // Column `column` of row `i` if the row has it and it carries exactly `tag`, else null.
   const SPropValue* cell(ULONG i, ULONG column, ULONG tag) const {
     const SRow& r = row(i);
-    return column < r.cValues && r.lpProps[column].ulPropTag == tag ? &r.lpProps[column] : nullptr;
+    return column < r.cValues && Carries(r.lpProps[column], tag) ? &r.lpProps[column] : nullptr;
   }
 
  private:

@@ -79,14 +79,17 @@ HRESULT CUrlAccessor::CopyAttachment(IAttach* attachment, LONG method) {
       }
       return E_NOTIMPL;  // written as a file once the module can save a message
     }
-    default: return E_FAIL;
+    default:
+      ZK_LOG(L"CUrlAccessor::Init() - GetProps on attachment failed with [0x%08lX]", E_FAIL);
+      return E_FAIL;  // of no kind that is known
   }
 }
 
 HRESULT CUrlAccessor::CopyValue(IAttach* attachment) {
   ComPtr<IStream> stream;
-  const HRESULT hr = attachment->OpenProperty(PR_ATTACH_DATA_BIN, &IID_IStream, 0, 0,
-                                              reinterpret_cast<LPUNKNOWN*>(stream.ReleaseAndGetAddressOf()));
+  HRESULT hr = attachment->OpenProperty(PR_ATTACH_DATA_BIN, &IID_IStream, 0, 0,
+                                        reinterpret_cast<LPUNKNOWN*>(stream.ReleaseAndGetAddressOf()));
+  if (SUCCEEDED(hr) && !stream) hr = E_FAIL;
   if (FAILED(hr)) {
     ZK_LOG(L"CUrlAccessor::Init() - OpenProperty on value-attachment failed with [0x%08lX]", hr);
     return hr;
@@ -110,6 +113,7 @@ HRESULT CUrlAccessor::CopyOle(IAttach* attachment) {
   ComPtr<IStorage> storage;
   hr = attachment->OpenProperty(PR_ATTACH_DATA_OBJ, &IID_IStorage, 0, 0,
                                 reinterpret_cast<LPUNKNOWN*>(storage.ReleaseAndGetAddressOf()));
+  if (SUCCEEDED(hr) && !storage) hr = E_FAIL;
   if (FAILED(hr)) {
     ZK_LOG(L"CUrlAccessor::Init() - OpenProperty with Storage for OLE-attachment failed with [0x%08lX]", hr);
     return hr;

@@ -29,7 +29,17 @@ HRESULT CreateHoardexSP(IUnknown* outer, REFIID iid, void** object) {
 }
 
 CHoardexSP::CHoardexSP(IUnknown* outer) : inner_(*this), outer_(outer ? outer : &inner_) { module::Lock(); }
-CHoardexSP::~CHoardexSP() { module::Unlock(); }
+CHoardexSP::~CHoardexSP() {
+  site_.Reset();  // while the module is still held
+  module::Unlock();
+}
+
+Microsoft::WRL::ComPtr<IProtocolHandlerSite> CHoardexSP::Site() {
+  AcquireSRWLockShared(&site_lock_);
+  const Microsoft::WRL::ComPtr<IProtocolHandlerSite> site = site_;
+  ReleaseSRWLockShared(&site_lock_);
+  return site;
+}
 
 STDMETHODIMP CHoardexSP::InnerUnknown::QueryInterface(REFIID iid, void** object) {
   if (!object) return E_POINTER;
@@ -61,7 +71,11 @@ STDMETHODIMP CHoardexSP::Init(TIMEOUT_INFO*, IProtocolHandlerSite* site, PROXY_I
   ZK_GUARD(L"CHoardexSP::Init()", [&]() -> HRESULT {
     ZK_LOG(L"CHoardexSP::Init() - Start");
     g_Log.ResetThreshold();
-    site_ = site;
+    Microsoft::WRL::ComPtr<IProtocolHandlerSite> kept(site);
+    AcquireSRWLockExclusive(&site_lock_);
+    kept.Swap(site_);
+    ReleaseSRWLockExclusive(&site_lock_);
+    kept.Reset();  // the earlier one, outside the lock
     DeleteAppDataFolder();
     DetectWDSGroupPolicy();
     CMapiForWDS::CleanMapiObjs();
@@ -77,14 +91,13 @@ STDMETHODIMP CHoardexSP::CreateAccessor(LPCWSTR url, AUTHENTICATION_INFO* authen
     ZK_LOG(L"CHoardexSP::CreateAccessor() - Start, URL is [%s]", url);
     if (!url || !authentication || !incremental || !item || !accessor) return E_POINTER;
     *accessor = nullptr;
-    Microsoft::WRL::ComPtr<CUrlAccessor> made;
-    made.Attach(new (std::nothrow) CUrlAccessor);
+    Microsoft::WRL::ComPtr<CUrlAccessor> made = Adopt(new (std::nothrow) CUrlAccessor);
     if (!made) {
       ZK_LOG(L"CHoardexSP::CreateAccessor() - Out of memory");
       return E_OUTOFMEMORY;
     }
     const std::wstring normalised = url::Normalise(url);
-    const HRESULT hr = made->Init(normalised.c_str(), authentication, incremental, item, site_.Get());
+    const HRESULT hr = made->Init(normalised.c_str(), authentication, incremental, item, Site().Get());
     if (FAILED(hr)) {
       ZK_LOG(L"CHoardexSP::CreateAccessor() - Init failed with [0x%08lX]", hr);
       return hr;

@@ -55,8 +55,10 @@ class CHoardexSP final : public ISearchProtocol, public IHoardexSP {
 
   virtual ~CHoardexSP();
   int DeleteAppDataFolder();
+  Microsoft::WRL::ComPtr<IProtocolHandlerSite> Site();
 
   InnerUnknown inner_;
   IUnknown* outer_;  // not counted: the aggregating object outlives this one
+  SRWLOCK site_lock_ = SRWLOCK_INIT;  // Init may replace the site while another thread makes an accessor
   Microsoft::WRL::ComPtr<IProtocolHandlerSite> site_;
 };

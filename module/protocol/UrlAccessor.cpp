@@ -16,10 +16,6 @@ namespace {
 
 constexpr wchar_t kLogSource[] = L".\\UrlAccessor";
 
-const SPropValue* Find(const TidyPropValues& values, ULONG count, ULONG index, ULONG tag) {
-  return values && index < count && values.get()[index].ulPropTag == tag ? &values.get()[index] : nullptr;
-}
-
 }  // namespace
 
 HRESULT CUrlAccessor::Init(LPCWSTR url, AUTHENTICATION_INFO* authentication, INCREMENTAL_ACCESS_INFO* incremental,
@@ -37,7 +33,8 @@ HRESULT CUrlAccessor::Prepare(LPCWSTR url, IProtocolHandlerSite* site) {
   site_ = site;
   kind_ = CHoardexURL(url_).kind();
   if (kind_ != CHoardexURL::kRoot) {
-    mapi_ = CMapiForWDS::GetMapiObj(url_);
+    // What is none of our URLs must not make MAPI open, or create, the file that its fourth token names.
+    if (kind_ != CHoardexURL::kUnknown) mapi_ = CMapiForWDS::GetMapiObj(url_);
     if (!mapi_) {
       ZK_LOG(L"CUrlAccessor::Init() - Cannot allocate MAPI helper object");
       return E_OUTOFMEMORY;
@@ -65,7 +62,7 @@ HRESULT CUrlAccessor::PrepareMessage() {
     ZK_LOG(L"CUrlAccessor::Init() - GetProps failed with [0x%08lX]", hr);
     return hr;
   }
-  if (const SPropValue* modified = Find(values, count, 0, PR_LAST_MODIFICATION_TIME)) {
+  if (const SPropValue* modified = FindProp(values, count, 0, PR_LAST_MODIFICATION_TIME)) {
     last_modified_ = modified->Value.ft;
     has_last_modified_ = true;
   }
@@ -109,12 +106,12 @@ HRESULT CUrlAccessor::PrepareAttachment() {
     ZK_LOG(L"CUrlAccessor::Init() - GetProps on attachment failed with [0x%08lX]", hr);
     return hr;
   }
-  if (const SPropValue* modified = Find(values, count, 1, PR_LAST_MODIFICATION_TIME)) {
+  if (const SPropValue* modified = FindProp(values, count, 1, PR_LAST_MODIFICATION_TIME)) {
     last_modified_ = modified->Value.ft;
     has_last_modified_ = true;
   }
   temporary_file_ = TemporaryFilePath(record_key, display_name);
-  const SPropValue* method = Find(values, count, 0, PR_ATTACH_METHOD);
+  const SPropValue* method = FindProp(values, count, 0, PR_ATTACH_METHOD);
   return CopyAttachment(attachment.Get(), method ? method->Value.l : ATTACH_BY_VALUE);
 }
 
@@ -128,10 +125,10 @@ HRESULT CUrlAccessor::ReadParent(IMessage* message, const std::wstring& display_
     return hr;
   }
   attachment_title_ =
-      Find(values, count, 0, PR_SUBJECT_W) ? display_name : text::Resource(IDS_ATTACHED_NO_SUBJECT);
-  if (const SPropValue* delivered = Find(values, count, 1, PR_MESSAGE_DELIVERY_TIME))
+      FindProp(values, count, 0, PR_SUBJECT_W) ? display_name : text::Resource(IDS_ATTACHED_NO_SUBJECT);
+  if (const SPropValue* delivered = FindProp(values, count, 1, PR_MESSAGE_DELIVERY_TIME))
     parent_delivery_time_ = delivered->Value.ft;
-  const SPropValue* sender = Find(values, count, 2, PR_SENDER_NAME_W);
+  const SPropValue* sender = FindProp(values, count, 2, PR_SENDER_NAME_W);
   parent_sender_ = sender ? sender->Value.lpszW : L"<unknown>";
   return S_OK;
 }
@@ -196,8 +193,7 @@ HRESULT CUrlAccessor::BindToFilter(IFilter** filter) {
   ZK_GUARD(L"CUrlAccessor::BindToFilter()", [&]() -> HRESULT {
     if (!filter) return E_POINTER;
     *filter = nullptr;
-    ComPtr<CHoardexFilter> made;
-    made.Attach(new (std::nothrow) CHoardexFilter);
+    ComPtr<CHoardexFilter> made = Adopt(new (std::nothrow) CHoardexFilter);
     if (!made) {
       ZK_LOG(L"CUrlAccessor::BindToFilter() - There's so much memory in the world and here I am running out of it");
       return E_OUTOFMEMORY;
@@ -226,9 +222,8 @@ STDMETHODIMP CUrlAccessor::GetSize(ULONGLONG* size) {
       *size = item_size_;
     } else if (kind_ == CHoardexURL::kMessage) {
       // The size as the item was listed with; the URL keeps none afterwards, so a second call reports 0.
-      const size_t open = url_.find(L"[[");
-      if (open != std::wstring::npos && url_.find(L"]]") != std::wstring::npos)
-        *size = _wcstoui64(url_.c_str() + open + 2, nullptr, 10);
+      const std::wstring_view group = url::SizeGroup(url_);
+      if (group.size() > 4 && group[2] >= L'0' && group[2] <= L'9') *size = _wcstoui64(group.data() + 2, nullptr, 10);
       url_ = url::WithoutSize(url_);
     }
     return S_OK;

@@ -201,6 +201,18 @@ TEST_F(CliTest, TwoAtOnceDoNotMix) {
   close(fd);
 }
 
+TEST_F(CliTest, InterruptedItGoesOnLater) {
+  corpus_.Fault(sample_.party, "hang");
+  corpus_.Save();
+  const auto store = scratch_.Write("mail/archive.pst", kGood), second = scratch_.Write("mail/second.pst", kSecond);
+  const Finished stopped = RunProgram(scratch_, {"index", store, second}, sample_.party);
+  EXPECT_EQ(stopped.code, 130);
+  EXPECT_THAT(stopped.err, HasSubstr("goes on from here"));
+  corpus_.ClearFaults();
+  corpus_.Save();
+  EXPECT_EQ(Program({"index"}).code, 0);
+}
+
 TEST_F(CliTest, AHostThatDoesNotStartIsExplained) {
   corpus_.Fault("start", "exit");
   corpus_.Save();

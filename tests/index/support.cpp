@@ -1,5 +1,6 @@
 #include "support.h"
 
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -153,7 +154,7 @@ std::string Contents(const fs::path& index_file) {
   return out;
 }
 
-Finished RunProgram(const Scratch& scratch, const std::vector<std::string>& arguments) {
+Finished RunProgram(const Scratch& scratch, const std::vector<std::string>& arguments, const std::string& interrupt_at) {
   const fs::path out = scratch.path() / "stdout", err = scratch.path() / "stderr";
   // The store files of these tests contain what vaultinfo says about them.
   const fs::path info = scratch.Write("vaultinfo", "#!/bin/sh\ncat \"$1\"; grep -q '\"opens\": *true' \"$1\"\n");
@@ -172,6 +173,11 @@ Finished RunProgram(const Scratch& scratch, const std::vector<std::string>& argu
     execv(argv[0], argv.data());
     _exit(99);
   }
+  for (int tries = 0; !interrupt_at.empty() && tries < 600; ++tries) {
+    if (Slurp(scratch.path() / "requests").find(interrupt_at) != std::string::npos) break;
+    usleep(50000);
+  }
+  if (!interrupt_at.empty()) kill(pid, SIGINT);
   int status = 0;
   waitpid(pid, &status, 0);
   return {WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status), Slurp(out), Slurp(err)};

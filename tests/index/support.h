@@ -69,7 +69,8 @@ struct Finished {
   int code = -1;  // exit code, or -signal
   std::string out, err;
 };
-// Runs the program with the scratch folder as home and the corpus as host.
-Finished RunProgram(const Scratch& scratch, const std::vector<std::string>& arguments);
+// Runs the program with the scratch folder as home and the corpus as host; `interrupt_at`: SIGINT once the host has been
+// asked for this URL.
+Finished RunProgram(const Scratch& scratch, const std::vector<std::string>& arguments, const std::string& interrupt_at = {});
 
 }  // namespace hoardex::test

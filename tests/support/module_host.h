@@ -1,4 +1,4 @@
-// The built module, loaded over the built MAPI provider, in a registry of the test's own.
+// The built module, loaded over the provider's checked build, in a registry of the test's own.
 #pragma once
 
 #include <windows.h>
@@ -36,9 +36,13 @@ class ModuleHost {
     return Find("DllGetClassObject", get) ? get(clsid, iid, object) : E_NOTIMPL;
   }
 
+  // MAPI objects and buffers that are alive; the provider stays loaded once the module has loaded it.
+  static long LiveObjects() { return Ask("HoardexMapiLiveObjects"); }
+  static long LiveBuffers() { return Ask("HoardexMapiLiveBuffers"); }
+
   // Both lie in the build tree; ctest runs a test in the folder of its own executable.
   static std::wstring ModulePath() { return BuildFolder() + L"module\\HoardexPH.dll"; }
-  static std::wstring ProviderPath() { return BuildFolder() + L"provider\\HoardexMapi.dll"; }
+  static std::wstring ProviderPath() { return BuildFolder() + L"provider\\HoardexMapiChecked.dll"; }
 
   // What the module's log holds now.
   static std::string LogText() {
@@ -50,6 +54,13 @@ class ModuleHost {
   }
 
  private:
+  static long Ask(const char* name) {
+    const HMODULE provider = GetModuleHandleW(ProviderPath().c_str());
+    const FARPROC address = provider ? GetProcAddress(provider, name) : nullptr;
+    long(WINAPI * ask)();
+    memcpy(&ask, &address, sizeof(ask));
+    return ask ? ask() : -1;
+  }
   template <class Function>
   bool Find(const char* name, Function& function) const {
     const FARPROC address = module_ ? GetProcAddress(module_, name) : nullptr;

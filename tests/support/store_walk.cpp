@@ -20,10 +20,15 @@ class Walker {
       const vault::Nid nid = cursor.node().nid;
       switch (vault::TypeOf(nid)) {
         case vault::NidType::kFolder:
-        case vault::NidType::kSearchFolder: Guard([&] { Folder(store.OpenFolder(nid)); }); break;
+        case vault::NidType::kSearchFolder:
+          Guard([&] { Folder(store.OpenFolder(nid)); });
+          break;
         case vault::NidType::kMessage:
-        case vault::NidType::kAssociatedMessage: Guard([&] { Message(store.OpenMessage(nid)); }); break;
-        default: break;
+        case vault::NidType::kAssociatedMessage:
+          Guard([&] { Message(store.OpenMessage(nid)); });
+          break;
+        default:
+          break;
       }
     }
     for (const auto id : store.names().Ids()) {

@@ -19,6 +19,7 @@ struct Walked {
 
 // Every property, row, cell and attachment of every folder and message that the node tree knows, embedded messages
 // included. Damage goes into `errors`; stops early (without a digest) when `go_on` says false.
-Walked WalkStore(const vault::Store& store, const std::function<bool()>& go_on = [] { return true; });
+Walked WalkStore(
+    const vault::Store& store, const std::function<bool()>& go_on = [] { return true; });
 
 }  // namespace test

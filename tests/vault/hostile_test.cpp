@@ -81,14 +81,13 @@ TEST_F(Hostile, RefusalsSayWhich) {
     ErrorCode code;
     const char* says;
   };
-  for (const Case& c : {Case{10, 36, ErrorCode::kUnsupportedVersion, "4-kilobyte pages (version 36)"},
-                        Case{10, 37, ErrorCode::kUnsupportedVersion, "4-kilobyte pages (version 37)"},
-                        Case{10, 99, ErrorCode::kUnsupportedVersion, "unknown version 99"},
-                        Case{513, 7, ErrorCode::kUnsupportedVersion, "unknown encoding 7"},
-                        Case{8, 'A', ErrorCode::kNotAStore, "another kind"},
-                        Case{224, 0x33, ErrorCode::kBadPage, "outside the file"},
-                        Case{231, 0x7F, ErrorCode::kBadPage, "outside the file"},
-                        Case{216, 0x33, ErrorCode::kBadPage, "another id"}}) {
+  for (const Case& c :
+       {Case{10, 36, ErrorCode::kUnsupportedVersion, "4-kilobyte pages (version 36)"},
+        Case{10, 37, ErrorCode::kUnsupportedVersion, "4-kilobyte pages (version 37)"},
+        Case{10, 99, ErrorCode::kUnsupportedVersion, "unknown version 99"},
+        Case{513, 7, ErrorCode::kUnsupportedVersion, "unknown encoding 7"},
+        Case{8, 'A', ErrorCode::kNotAStore, "another kind"}, Case{224, 0x33, ErrorCode::kBadPage, "outside the file"},
+        Case{231, 0x7F, ErrorCode::kBadPage, "outside the file"}, Case{216, 0x33, ErrorCode::kBadPage, "another id"}}) {
     test::StoreSurgeon store(Sample("empty.pst"));
     store.bytes()[c.at] = c.value;
     store.SealHeader();
@@ -165,7 +164,8 @@ TEST_F(Hostile, SubnodesThatContainThemselvesEnd) {
     damaged.Change(part, [&](std::span<std::uint8_t> list) {
       if (list[0] != 2 || list[1] != 0) return;
       ++lists;
-      for (std::size_t at = layout.subnode_header; at + layout.subnode_entry <= list.size(); at += layout.subnode_entry) {
+      for (std::size_t at = layout.subnode_header; at + layout.subnode_entry <= list.size();
+           at += layout.subnode_entry) {
         std::memcpy(list.data() + at + 2 * layout.word, &part.bid, layout.word);
       }
     });

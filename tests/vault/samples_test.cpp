@@ -67,7 +67,8 @@ json DescribeAttachment(const vault::Attachment& attachment, const json& wanted)
     const auto nids = message.AttachmentNids();
     for (std::size_t i = 0; i < nids.size(); ++i) {
       const json& list = inner.value("attachments", json::array());
-      attachments.push_back(DescribeAttachment(message.OpenAttachment(nids[i]), i < list.size() ? list[i] : json::object()));
+      attachments.push_back(
+          DescribeAttachment(message.OpenAttachment(nids[i]), i < list.size() ? list[i] : json::object()));
     }
     if (inner.contains("attachments")) embedded["attachments"] = attachments;
     result["embedded"] = embedded;
@@ -119,7 +120,8 @@ json DescribeMessage(const vault::Message& message, const json& wanted) {
   const auto nids = message.AttachmentNids();
   for (std::size_t i = 0; i < nids.size(); ++i) {
     const json& list = wanted.at("attachments");
-    attachments.push_back(DescribeAttachment(message.OpenAttachment(nids[i]), i < list.size() ? list[i] : json::object()));
+    attachments.push_back(
+        DescribeAttachment(message.OpenAttachment(nids[i]), i < list.size() ? list[i] : json::object()));
   }
   result["attachments"] = attachments;
   return result;

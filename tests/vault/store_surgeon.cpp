@@ -47,9 +47,8 @@ void StoreSurgeon::Change(const Part& part, const std::function<void(std::span<s
     std::memcpy(at + layout_->page_crc_at, &crc, sizeof crc);
     return;
   }
-  const auto encoding = part.bid & vault::kInternalBlock
-                            ? vault::Encoding::kNone
-                            : static_cast<vault::Encoding>(bytes_[layout_->encoding_at]);
+  const auto encoding = part.bid & vault::kInternalBlock ? vault::Encoding::kNone
+                                                         : static_cast<vault::Encoding>(bytes_[layout_->encoding_at]);
   std::vector<std::uint8_t> plain(part.size);
   vault::Decode(encoding, part.bid, data, plain.data());
   change(plain);

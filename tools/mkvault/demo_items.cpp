@@ -28,21 +28,30 @@ void AddAppointments(FolderBuilder& folder) {
     const char* body;
   };
   const Appointment appointments[] = {
-      {"Steering committee", "Room 5", FileTime(2024, 4, 9, 13), 2, 2, true, "Agenda: Leeds, label printers, forecast.\r\n"},
+      {"Steering committee", "Room 5", FileTime(2024, 4, 9, 13), 2, 2, true,
+       "Agenda: Leeds, label printers, forecast.\r\n"},
       {"Dentist", "12 Mill Lane", FileTime(2024, 4, 17, 7, 30), 1, 3, false, "Bring the insurance card.\r\n"},
       {"Flight to Lisbon", "Gate B12", FileTime(2024, 7, 8, 6, 40), 3, 3, false, "Passport!\r\n"},
-      {"Besprechung Büromöbel", "Besprechungsraum Köln", FileTime(2024, 2, 20, 9), 1, 2, false, "Farbmuster mitbringen.\r\n"},
+      {"Besprechung Büromöbel", "Besprechungsraum Köln", FileTime(2024, 2, 20, 9), 1, 2, false,
+       "Farbmuster mitbringen.\r\n"},
       {"Cours de français", "Médiathèque", FileTime(2024, 3, 5, 17), 2, 1, true, "Chapitre huit : le subjonctif.\r\n"},
   };
   for (const Appointment& a : appointments) {
     const std::int64_t end = a.start + a.hours * kHour;
     Add(folder, "IPM.Appointment", a.subject, a.start - 240 * kHour)
-        .Time({vault::kAppointmentSet, 0x820D}, a.start).Time({vault::kAppointmentSet, 0x820E}, end)
-        .Int({vault::kAppointmentSet, 0x8205}, a.busy).Bool({vault::kAppointmentSet, 0x8223}, a.recurring)
-        .Text({vault::kAppointmentSet, 0x8208}, a.place).Int({vault::kAppointmentSet, 0x8213}, a.hours * 60)
-        .Bool({vault::kAppointmentSet, 0x8215}, false).Time({vault::kCommonSet, 0x8516}, a.start)
-        .Time({vault::kCommonSet, 0x8517}, end).Time(0x0060, a.start).Time(0x0061, end)
-        .To("Peter Smith", "peter.smith@example.com").Body(a.body);
+        .Time({vault::kAppointmentSet, 0x820D}, a.start)
+        .Time({vault::kAppointmentSet, 0x820E}, end)
+        .Int({vault::kAppointmentSet, 0x8205}, a.busy)
+        .Bool({vault::kAppointmentSet, 0x8223}, a.recurring)
+        .Text({vault::kAppointmentSet, 0x8208}, a.place)
+        .Int({vault::kAppointmentSet, 0x8213}, a.hours * 60)
+        .Bool({vault::kAppointmentSet, 0x8215}, false)
+        .Time({vault::kCommonSet, 0x8516}, a.start)
+        .Time({vault::kCommonSet, 0x8517}, end)
+        .Time(0x0060, a.start)
+        .Time(0x0061, end)
+        .To("Peter Smith", "peter.smith@example.com")
+        .Body(a.body);
   }
 }
 
@@ -55,16 +64,21 @@ void AddTasks(FolderBuilder& folder) {
   };
   const Task tasks[] = {
       {"Pay invoice 2024-117", FileTime(2024, 4, 3), FileTime(2024, 5, 2), 2, "Order number 7781.\r\n"},
-      {"Prepare the forecast", FileTime(2024, 6, 1), FileTime(2024, 6, 28), 1, "Ask Anna for the returns of the spring sale.\r\n"},
+      {"Prepare the forecast", FileTime(2024, 6, 1), FileTime(2024, 6, 28), 1,
+       "Ask Anna for the returns of the spring sale.\r\n"},
       {"Renew the domain example.org", FileTime(2024, 9, 1), FileTime(2024, 9, 30), 0, "Two years, as before.\r\n"},
       {"Заказать бумагу", FileTime(2024, 5, 20), FileTime(2024, 5, 31), 0, "Десять коробок.\r\n"},
   };
   for (const Task& t : tasks) {
     Add(folder, "IPM.Task", t.subject, t.start)
-        .Time({vault::kTaskSet, 0x8104}, t.start).Time({vault::kTaskSet, 0x8105}, t.due)
-        .Bool({vault::kTaskSet, 0x8126}, false).Bool({vault::kTaskSet, 0x811C}, t.status == 2)
-        .Text({vault::kTaskSet, 0x811F}, kMe).Int({vault::kTaskSet, 0x8101}, t.status)
-        .Double({vault::kTaskSet, 0x8102}, t.status / 2.0).Body(t.body);
+        .Time({vault::kTaskSet, 0x8104}, t.start)
+        .Time({vault::kTaskSet, 0x8105}, t.due)
+        .Bool({vault::kTaskSet, 0x8126}, false)
+        .Bool({vault::kTaskSet, 0x811C}, t.status == 2)
+        .Text({vault::kTaskSet, 0x811F}, kMe)
+        .Int({vault::kTaskSet, 0x8101}, t.status)
+        .Double({vault::kTaskSet, 0x8102}, t.status / 2.0)
+        .Body(t.body);
   }
 }
 
@@ -80,27 +94,46 @@ void AddContacts(FolderBuilder& folder) {
     const char* profession;
   };
   constexpr Contact kContacts[] = {
-      {"Peter", "Smith", "peter.smith@example.com", "Smith & Partners", "Partner", "Consulting", "+44 20 7946 0101", "Consultant"},
-      {"Anna", "Lindqvist", "anna.lindqvist@example.org", "Example Trading", "Analyst", "Finance", "+46 8 5550 1234", "Economist"},
-      {"Jürgen", "Müller", "juergen.mueller@example.org", "Möbelhaus Müller", "Geschäftsführer", "Leitung", "+49 30 23125 001", "Tischler"},
+      {"Peter", "Smith", "peter.smith@example.com", "Smith & Partners", "Partner", "Consulting", "+44 20 7946 0101",
+       "Consultant"},
+      {"Anna", "Lindqvist", "anna.lindqvist@example.org", "Example Trading", "Analyst", "Finance", "+46 8 5550 1234",
+       "Economist"},
+      {"Jürgen", "Müller", "juergen.mueller@example.org", "Möbelhaus Müller", "Geschäftsführer", "Leitung",
+       "+49 30 23125 001", "Tischler"},
       {"花子", "田中", "hanako.tanaka@example.com", "例株式会社", "課長", "営業部", "+81 3 5550 0100", "営業"},
-      {"Layla", "Hassan", "layla.hassan@example.net", "Example Events", "Coordinator", "Planning", "+971 4 555 0199", "Event planner"},
-      {"Νίκος", "Παπαδόπουλος", "nikos.papadopoulos@example.org", "Παράδειγμα ΑΕ", "Διευθυντής", "Συνέδρια", "+30 21 0555 0123", "Μηχανικός"},
+      {"Layla", "Hassan", "layla.hassan@example.net", "Example Events", "Coordinator", "Planning", "+971 4 555 0199",
+       "Event planner"},
+      {"Νίκος", "Παπαδόπουλος", "nikos.papadopoulos@example.org", "Παράδειγμα ΑΕ", "Διευθυντής", "Συνέδρια",
+       "+30 21 0555 0123", "Μηχανικός"},
   };
   for (const Contact& c : kContacts) {
     const std::string name = std::string(c.given) + " " + c.surname;
     Add(folder, "IPM.Contact", name.c_str(), FileTime(2023, 11, 6, 9))
-        .Text(0x3001, name).Text(0x3A06, c.given).Text(0x3A11, c.surname).Text(0x3A16, c.company).Text(0x3A17, c.title)
-        .Text(0x3A18, c.department).Text(0x3A1C, c.mobile).Text(0x3A19, "Building 2").Text(0x3A46, c.profession)
-        .Text(0x3A4E, "Margaret Okafor").Text(0x3A30, "Laura Bennett").Text(0x3A2E, "+44 20 7946 0200")
-        .Text(0x3A57, "+44 20 7946 0300").Text(0x3A09, "+44 20 7946 0400")
+        .Text(0x3001, name)
+        .Text(0x3A06, c.given)
+        .Text(0x3A11, c.surname)
+        .Text(0x3A16, c.company)
+        .Text(0x3A17, c.title)
+        .Text(0x3A18, c.department)
+        .Text(0x3A1C, c.mobile)
+        .Text(0x3A19, "Building 2")
+        .Text(0x3A46, c.profession)
+        .Text(0x3A4E, "Margaret Okafor")
+        .Text(0x3A30, "Laura Bennett")
+        .Text(0x3A2E, "+44 20 7946 0200")
+        .Text(0x3A57, "+44 20 7946 0300")
+        .Text(0x3A09, "+44 20 7946 0400")
         .Text({vault::kAddressSet, 0x8005}, std::string(c.surname) + ", " + c.given)
-        .Text({vault::kAddressSet, 0x8080}, name + " (" + c.email + ")").Text({vault::kAddressSet, 0x8082}, "SMTP")
-        .Text({vault::kAddressSet, 0x8083}, c.email).Text({vault::kAddressSet, 0x8084}, c.email)
+        .Text({vault::kAddressSet, 0x8080}, name + " (" + c.email + ")")
+        .Text({vault::kAddressSet, 0x8082}, "SMTP")
+        .Text({vault::kAddressSet, 0x8083}, c.email)
+        .Text({vault::kAddressSet, 0x8084}, c.email)
         .Text({vault::kAddressSet, 0x8062}, std::string("im:") + c.email);
   }
-  Add(folder, "IPM.DistList", "Committee", FileTime(2023, 11, 7, 9)).Text(0x3001, "Committee")
-      .Text({vault::kAddressSet, 0x8053}, "Committee").Text({vault::kAddressSet, 0x8005}, "Committee");
+  Add(folder, "IPM.DistList", "Committee", FileTime(2023, 11, 7, 9))
+      .Text(0x3001, "Committee")
+      .Text({vault::kAddressSet, 0x8053}, "Committee")
+      .Text({vault::kAddressSet, 0x8005}, "Committee");
 }
 
 void AddNotes(FolderBuilder& folder) {
@@ -110,8 +143,11 @@ void AddNotes(FolderBuilder& folder) {
   for (const char* text : kNotes) {
     ++color;
     Add(folder, "IPM.StickyNote", text, FileTime(2024, 5, 1, 8, static_cast<unsigned>(color)))
-        .Int({vault::kNoteSet, 0x8B00}, color).Int({vault::kNoteSet, 0x8B02}, 200).Int({vault::kNoteSet, 0x8B03}, 166)
-        .Int({vault::kNoteSet, 0x8B04}, 80 + 20 * color).Int({vault::kNoteSet, 0x8B05}, 60 + 20 * color)
+        .Int({vault::kNoteSet, 0x8B00}, color)
+        .Int({vault::kNoteSet, 0x8B02}, 200)
+        .Int({vault::kNoteSet, 0x8B03}, 166)
+        .Int({vault::kNoteSet, 0x8B04}, 80 + 20 * color)
+        .Int({vault::kNoteSet, 0x8B05}, 60 + 20 * color)
         .Body(std::string(text) + "\r\n");
   }
 }
@@ -131,9 +167,12 @@ void AddJournal(FolderBuilder& folder) {
   };
   for (const Entry& e : entries) {
     Add(folder, "IPM.Activity", e.subject, e.start)
-        .Text({vault::kLogSet, 0x8700}, e.type).Time({vault::kLogSet, 0x8706}, e.start)
-        .Int({vault::kLogSet, 0x8707}, e.minutes).Time({vault::kLogSet, 0x8708}, e.start + e.minutes * kHour / 60)
-        .Text({vault::kLogSet, 0x8712}, e.type).Body(e.body);
+        .Text({vault::kLogSet, 0x8700}, e.type)
+        .Time({vault::kLogSet, 0x8706}, e.start)
+        .Int({vault::kLogSet, 0x8707}, e.minutes)
+        .Time({vault::kLogSet, 0x8708}, e.start + e.minutes * kHour / 60)
+        .Text({vault::kLogSet, 0x8712}, e.type)
+        .Body(e.body);
   }
 }
 
