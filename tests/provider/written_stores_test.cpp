@@ -1,0 +1,247 @@
+// Stores made for the purpose: what the samples do not hold.
+#include <functional>
+
+#include "tests/provider/client.h"
+#include "vault/writer.h"
+
+namespace test {
+namespace {
+
+constexpr HRESULT Code(SCODE code) {
+  return static_cast<HRESULT>(code);
+}
+
+class WrittenStores : public ProviderTest {
+ protected:
+  void TearDown() override {
+    messages_.clear();
+    opened_.reset();
+    DeleteFileW(path_.c_str());
+    ProviderTest::TearDown();
+  }
+
+  // Writes a store with one folder that `fill` fills, opens it and all its messages in table order.
+  void Make(const std::function<void(vault::FolderBuilder&)>& fill) {
+    vault::StoreBuilder store("Written");
+    fill(store.top().AddFolder("Folder"));
+    wchar_t folder[MAX_PATH];
+    ASSERT_GT(GetTempPathW(MAX_PATH, folder), 0u);
+    path_ = std::wstring(folder) + L"written_stores_test.db";
+    store.Write(std::filesystem::path(path_));
+    opened_ = std::make_unique<OpenStore>(path_);
+    ASSERT_TRUE(opened_->store);
+    Values top;
+    ASSERT_EQ(top.Get(opened_->store.get(), {PR_IPM_SUBTREE_ENTRYID}), S_OK);
+    const auto subtree = opened_->Open<IMAPIFolder>(BytesOf(top[0].Value.bin));
+    Com<IMAPITable> table;
+    ASSERT_EQ(subtree->GetHierarchyTable(0, table.Out()), S_OK);
+    Rows folders;
+    ASSERT_EQ(
+        Mapi().QueryAllRows(table.get(), Tags({PR_DISPLAY_NAME_W, PR_ENTRYID}), nullptr, nullptr, 0, &folders.set),
+        S_OK);
+    for (ULONG i = 0; i < folders.size(); ++i) {
+      if (std::wstring(folders.At(i, 0).Value.lpszW) == L"Folder") {
+        folder_ = opened_->Open<IMAPIFolder>(BytesOf(folders.At(i, 1).Value.bin));
+      }
+    }
+    ASSERT_TRUE(folder_);
+  }
+  void OpenMessages() {
+    Com<IMAPITable> table;
+    ASSERT_EQ(folder_->GetContentsTable(0, table.Out()), S_OK);
+    Rows rows;
+    ASSERT_EQ(Mapi().QueryAllRows(table.get(), Tags({PR_ENTRYID}), nullptr, nullptr, 0, &rows.set), S_OK);
+    for (ULONG i = 0; i < rows.size(); ++i) {
+      messages_.push_back(opened_->Open<IMessage>(BytesOf(rows.At(i, 0).Value.bin)));
+    }
+    folder_.Reset();
+  }
+  IMessage* message(std::size_t i) { return messages_.at(i).get(); }
+
+  std::wstring path_;
+  std::unique_ptr<OpenStore> opened_;
+  Com<IMAPIFolder> folder_;
+  std::vector<Com<IMessage>> messages_;
+};
+
+TEST_F(WrittenStores, BodiesAreSearchableInWhateverFormTheyAre) {
+  std::string long_text, long_html = "<html><body>";
+  for (int i = 0; i < 20000; ++i) {
+    long_text += "line " + std::to_string(i) + " grün\r\n";
+    long_html += "<p>line " + std::to_string(i) + " gr&uuml;n</p>\n";
+  }
+  Make([&](vault::FolderBuilder& folder) {
+    folder.AddMessage("IPM.Note").Subject("a").Html("<title>no</title><p>Zürich &amp; Gen\u00E8ve</p><p>two</p>");
+    folder.AddMessage("IPM.Note").Subject("b").Rtf("{\\rtf1\\ansi\\ansicpg1252 Z\\'fcrich\\par two}");
+    folder.AddMessage("IPM.Note")
+        .Subject("c")
+        .Rtf(
+            "{\\rtf1\\ansi\\ansicpg1252\\fromhtml1{\\*\\htmltag64 <p>}Z\\'fcrich{\\*\\htmltag72 </p>}\\htmlrtf "
+            "no\\htmlrtf0 }");
+    folder.AddMessage("IPM.Note").Subject("d").Body(long_text);
+    folder.AddMessage("IPM.Note").Subject("e").Html(long_html);
+    folder.AddMessage("IPM.Note").Subject("f");
+    folder.AddMessage("IPM.Note").Subject("g").Binary(0x1013, "\x1B$BEl5~\x1B(B").Int(0x3FDE, 50220);
+  });
+  OpenMessages();
+  ASSERT_EQ(messages_.size(), 7u);
+  EXPECT_EQ(BodyOf(message(0)), L"Zürich & Genève\r\ntwo");
+  EXPECT_EQ(BodyOf(message(1)), L"Zürich\r\ntwo");
+  EXPECT_EQ(BodyOf(message(2)), L"Zürich");
+  EXPECT_EQ(BodyOf(message(3)), Wide(long_text));
+  EXPECT_EQ(BodyOf(message(4)) + L"\r\n", Wide(long_text));
+  Values none;
+  EXPECT_EQ(Mapi().GetOneProp(message(5), PR_BODY_W, &none.values), Code(MAPI_E_NOT_FOUND));
+  EXPECT_EQ(BodyOf(message(6)), L"東京");
+
+  Com<IStream> narrow;
+  ASSERT_EQ(message(4)->OpenProperty(PR_BODY_A, &IID_IStream, 0, 0, narrow.Out<IUnknown>()), S_OK);
+  EXPECT_EQ(ReadAll(narrow.get()).size(), BodyOf(message(4)).size());
+}
+
+TEST_F(WrittenStores, SubjectsAndRecipientsAreWhatMapiMakesOfThem) {
+  Make([](vault::FolderBuilder& folder) {
+    auto& message = folder.AddMessage("IPM.Note").Subject("RE: Invoice 17").To("Bob", "bob@example.org");
+    message.To("Eve", "eve@example.org").Cc("Carl", "carl@example.org").Bcc("", "dan@example.org");
+    message.AddRecipient(1).Text(0x3001, "Exchange").Text(0x3002, "EX").Text(0x3003, "/o=x/cn=y");
+  });
+  OpenMessages();
+  Values values;
+  EXPECT_EQ(values.Get(message(0), {PR_SUBJECT_W, PR_NORMALIZED_SUBJECT_W, PR_SUBJECT_PREFIX_W, PR_DISPLAY_TO_W}),
+            S_OK);
+  EXPECT_STREQ(values[0].Value.lpszW, L"RE: Invoice 17");
+  EXPECT_STREQ(values[1].Value.lpszW, L"Invoice 17");
+  EXPECT_STREQ(values[2].Value.lpszW, L"RE: ");
+  EXPECT_EQ(std::wstring(values[3].Value.lpszW).find(L"Bob; Eve"), 0u);
+
+  Com<IMAPITable> table;
+  ASSERT_EQ(message(0)->GetRecipientTable(0, table.Out()), S_OK);
+  Rows rows;
+  ASSERT_EQ(Mapi().QueryAllRows(table.get(), Tags({PR_RECIPIENT_TYPE, PR_SMTP_ADDRESS_W, PR_ROWID}), nullptr, nullptr,
+                                0, &rows.set),
+            S_OK);
+  ASSERT_EQ(rows.size(), 5u);
+  EXPECT_STREQ(rows.At(1, 1).Value.lpszW, L"eve@example.org");
+  EXPECT_EQ(rows.At(2, 0).Value.l, MAPI_CC);
+  EXPECT_EQ(rows.At(3, 0).Value.l, MAPI_BCC);
+  EXPECT_EQ(PROP_TYPE(rows.At(4, 1).ulPropTag), ULONG{PT_ERROR}) << "no address of the internet is known";
+}
+
+TEST_F(WrittenStores, OleObjectsOpenAsStreamAndStorage) {
+  std::vector<std::uint8_t> document;
+  {
+    Com<IStorage> storage;
+    Com<IStream> stream;
+    Com<ILockBytes> memory;
+    ASSERT_EQ(CreateILockBytesOnHGlobal(nullptr, TRUE, memory.Out()), S_OK);
+    ASSERT_EQ(StgCreateDocfileOnILockBytes(memory.get(), STGM_CREATE | STGM_READWRITE | STGM_SHARE_EXCLUSIVE, 0,
+                                           storage.Out()),
+              S_OK);
+    ASSERT_EQ(storage->CreateStream(L"Contents", STGM_WRITE | STGM_SHARE_EXCLUSIVE, 0, 0, stream.Out()), S_OK);
+    ASSERT_EQ(stream->Write("inside", 6, nullptr), S_OK);
+    stream.Reset();
+    ASSERT_EQ(storage->Commit(STGC_DEFAULT), S_OK);
+    STATSTG stat;
+    ASSERT_EQ(memory->Stat(&stat, STATFLAG_NONAME), S_OK);
+    document.resize(stat.cbSize.QuadPart);
+    ULONG read = 0;
+    ASSERT_EQ(memory->ReadAt({}, document.data(), static_cast<ULONG>(document.size()), &read), S_OK);
+  }
+  Make([&](vault::FolderBuilder& folder) {
+    auto& message = folder.AddMessage("IPM.Note").Subject("ole");
+    message.AttachFile("drawing", document).Int(0x3705, 6);
+    message.AttachFile("plain.txt", "text");
+  });
+  OpenMessages();
+  Com<IMAPITable> table;
+  ASSERT_EQ(message(0)->GetAttachmentTable(0, table.Out()), S_OK);
+  Rows rows;
+  ASSERT_EQ(
+      Mapi().QueryAllRows(table.get(), Tags({PR_ATTACH_NUM, PR_ATTACH_EXTENSION_W}), nullptr, nullptr, 0, &rows.set),
+      S_OK);
+  ASSERT_EQ(rows.size(), 2u);
+  EXPECT_EQ(PROP_TYPE(rows.At(0, 1).ulPropTag), ULONG{PT_ERROR}) << "a name without a dot has no extension";
+  EXPECT_STREQ(rows.At(1, 1).Value.lpszW, L".txt");
+
+  Com<IAttach> ole, plain;
+  ASSERT_EQ(message(0)->OpenAttach(static_cast<ULONG>(rows.At(0, 0).Value.l), nullptr, 0, ole.Out()), S_OK);
+  for (const IID* iid : {&IID_IStreamDocfile, &IID_IStream}) {
+    Com<IStream> stream;
+    ASSERT_EQ(ole->OpenProperty(PR_ATTACH_DATA_OBJ, iid, 0, 0, stream.Out<IUnknown>()), S_OK);
+    EXPECT_EQ(ReadAll(stream.get()), document);
+  }
+  Com<IStorage> storage;
+  ASSERT_EQ(ole->OpenProperty(PR_ATTACH_DATA_OBJ, &IID_IStorage, 0, 0, storage.Out<IUnknown>()), S_OK);
+  Com<IStream> contents;
+  ASSERT_EQ(storage->OpenStream(L"Contents", nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, 0, contents.Out()), S_OK);
+  const auto inside = ReadAll(contents.get());
+  EXPECT_EQ(std::string(inside.begin(), inside.end()), "inside");
+  ASSERT_EQ(message(0)->OpenAttach(static_cast<ULONG>(rows.At(1, 0).Value.l), nullptr, 0, plain.Out()), S_OK);
+  EXPECT_EQ(plain->OpenProperty(PR_ATTACH_DATA_OBJ, &IID_IStorage, 0, 0, storage.Out<IUnknown>()),
+            Code(MAPI_E_INTERFACE_NOT_SUPPORTED));
+}
+
+TEST_F(WrittenStores, NamedPropertiesOfEveryTypeKeepTheirOrder) {
+  Make([](vault::FolderBuilder& folder) {
+    folder.AddMessage("IPM.Task")
+        .Subject("task")
+        .Time({vault::kTaskSet, 0x8104}, 130000000000000000)
+        .Bool({vault::kTaskSet, 0x8126}, true)
+        .Text({vault::kTaskSet, 0x811F}, "Ann")
+        .Int({vault::kTaskSet, 0x8101}, 2)
+        .Texts({vault::kPublicStringsSet, "Keywords"}, {"Green", "Blue"});
+  });
+  OpenMessages();
+  GUID task = {0x00062003, 0, 0, {0xC0, 0, 0, 0, 0, 0, 0, 0x46}},
+       strings = {0x00020329, 0, 0, {0xC0, 0, 0, 0, 0, 0, 0, 0x46}};
+  constexpr LONG kIds[] = {0x8104, 0x8105, 0x8126, 0x811C, 0x811F, 0x8101};
+  MAPINAMEID names[7];
+  LPMAPINAMEID pointers[7];
+  for (int i = 0; i < 6; ++i) names[i] = {&task, MNID_ID, {.lID = kIds[i]}};
+  names[6].lpguid = &strings;
+  names[6].ulKind = MNID_STRING;
+  names[6].Kind.lpwstrName = const_cast<LPWSTR>(L"Keywords");
+  for (int i = 0; i < 7; ++i) pointers[i] = &names[i];
+  LPSPropTagArray tags = nullptr;
+  ASSERT_EQ(message(0)->GetIDsFromNames(7, pointers, MAPI_CREATE, &tags), S_OK);
+  Values values;
+  EXPECT_EQ(message(0)->GetProps(tags, 0, &values.count, &values.values), MAPI_W_ERRORS_RETURNED);
+  Mapi().FreeBuffer(tags);
+  ASSERT_EQ(values.count, 7u);
+  constexpr ULONG kTypes[] = {PT_SYSTIME, PT_ERROR, PT_BOOLEAN, PT_ERROR, PT_STRING8, PT_LONG, PT_MV_STRING8};
+  for (std::size_t i = 0; i < 7; ++i) EXPECT_EQ(PROP_TYPE(values[i].ulPropTag), kTypes[i]) << i;
+  EXPECT_STREQ(values[4].Value.lpszA, "Ann");
+  EXPECT_EQ(values[5].Value.l, 2);
+  ASSERT_EQ(values[6].Value.MVszA.cValues, 2u);
+  EXPECT_STREQ(values[6].Value.MVszA.lppszA[1], "Blue");
+}
+
+TEST_F(WrittenStores, AFolderOfManyMessagesIsListedInLinearTime) {
+  const auto seconds = [this](int count) {
+    Make([count](vault::FolderBuilder& folder) {
+      for (int i = 0; i < count; ++i) {
+        folder.AddMessage("IPM.Note").Subject("message " + std::to_string(i)).Time(0x3008, 130000000000000000 + i);
+      }
+    });
+    const ULONGLONG start = GetTickCount64();
+    Com<IMAPITable> table;
+    EXPECT_EQ(folder_->GetContentsTable(0, table.Out()), S_OK);
+    EXPECT_EQ(table->SetColumns(Tags({PR_ENTRYID, PR_SUBJECT_W, PR_MESSAGE_SIZE, PR_LAST_MODIFICATION_TIME}), 0), S_OK);
+    Rows rows;
+    EXPECT_EQ(table->QueryRows(count, 0, &rows.set), S_OK);
+    const double took = static_cast<double>(GetTickCount64() - start) / 1000;
+    EXPECT_EQ(rows.size(), static_cast<ULONG>(count));
+    for (ULONG i = 0; i < rows.size(); i += 997) {
+      EXPECT_EQ(std::wstring(rows.At(i, 1).Value.lpszW), L"message " + std::to_wstring(i));
+    }
+    folder_.Reset();
+    opened_.reset();
+    return took;
+  };
+  const double few = seconds(5000), many = seconds(40000);
+  RecordProperty("milliseconds_for_40000", static_cast<int>(many * 1000));
+  EXPECT_LT(many, few * 8 * 4 + 1);
+}
+
+}  // namespace
+}  // namespace test
