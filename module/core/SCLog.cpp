@@ -92,8 +92,12 @@ void SCLog::Write(int level, const wchar_t* message) noexcept {
   if (!WideCharToMultiByte(CP_UTF8, 0, source_, -1, source, sizeof(source), nullptr, nullptr)) return;
   SYSTEMTIME now;
   GetLocalTime(&now);
-  fprintf(stream_, "[%lu][%d][%04d/%02d/%02d %02d:%02d:%02d:%03d] %s(%d):%s \n", GetCurrentProcessId(), level,
-          now.wYear, now.wMonth, now.wDay, now.wHour, now.wMinute, now.wSecond, now.wMilliseconds, source, line_, text);
+  // Formatted apart and written whole: the C runtime's fprintf costs several times as much, one character at a time.
+  char line[sizeof(text) + sizeof(source) + 128];
+  snprintf(line, sizeof(line), "[%lu][%d][%04d/%02d/%02d %02d:%02d:%02d:%03d] %s(%d):%s \n", GetCurrentProcessId(),
+           level, now.wYear, now.wMonth, now.wDay, now.wHour, now.wMinute, now.wSecond, now.wMilliseconds, source,
+           line_, text);
+  fputs(line, stream_);
   fflush(stream_);
   if (ftell(stream_) > kRewindAt) {
     fputs(kBanner, stream_);

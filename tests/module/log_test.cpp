@@ -1,11 +1,14 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <fstream>
+#include <future>
 #include <iterator>
 #include <thread>
 #include <vector>
 
 #include "module/core/SCLog.h"
+#include "tests/support/scratch_registry.h"
 
 namespace {
 
@@ -19,6 +22,7 @@ class LogFile : public testing::Test {
     // The path comes from the logger itself, so the file is written once and removed again.
     SCLog probe(name_);
     path_ = probe.path();
+    first_line_ = Content().size();
   }
   void SetUp() override { ASSERT_TRUE(DeleteFileW(path_.c_str())); }
   void TearDown() override { DeleteFileW(path_.c_str()); }
@@ -36,8 +40,27 @@ class LogFile : public testing::Test {
     return std::string(std::istreambuf_iterator<char>(file), {});
   }
 
+  // Another thread can log: the lock was let go. A thread that waits for ever is left to the end of the process.
+  static void ExpectLockFree(SCLog& log) {
+    std::promise<void> done;
+    std::future<void> logged = done.get_future();
+    std::thread([&log, done = std::move(done)]() mutable {
+      log.SetFileLine(kLogSource, 1);
+      log.Log(SCLog::kDetail, L"");
+      done.set_value();
+    }).detach();
+    ASSERT_EQ(logged.wait_for(std::chrono::seconds(20)), std::future_status::ready) << "the log's lock was kept";
+  }
+  // Keeps every other opener out.
+  HANDLE OpenExclusively(DWORD flags = 0) {
+    const HANDLE file = CreateFileW(path_.c_str(), GENERIC_READ | DELETE, 0, nullptr, OPEN_ALWAYS, flags, nullptr);
+    EXPECT_NE(file, INVALID_HANDLE_VALUE);
+    return file;
+  }
+
   const wchar_t* name_ = L"HoardexLogTest.log";
   std::wstring path_;
+  size_t first_line_ = 0;  // bytes of the line that names the process
 };
 
 TEST_F(LogFile, WritesLinesInTheLaidDownForm) {
@@ -55,52 +78,100 @@ TEST_F(LogFile, WritesLinesInTheLaidDownForm) {
   EXPECT_EQ(content.substr(content.size() - 59), separator + " \r\n");
 }
 
+// The size rules differ by one byte: at opening the limit itself rewinds, silently; after a line only what lies beyond
+// it does, and says so.
 TEST_F(LogFile, RewindsByItsTwoSizeRules) {
-  // At opening, exactly the limit rewinds, silently.
-  Fill(SCLog::kRewindAt);
+  constexpr size_t kLimit = SCLog::kRewindAt;
+  Fill(kLimit);
   {
     SCLog log(name_);
     EXPECT_EQ(Content().rfind("[", 0), 0u);
-    EXPECT_EQ(Content().size(), static_cast<size_t>(SCLog::kRewindAt)) << "rewinding must not truncate";
+    EXPECT_EQ(Content().size(), kLimit) << "rewinding must not truncate";
     EXPECT_EQ(Content().find(kBannerStart), std::string::npos);
   }
-  // One byte less appends; the write then passes the limit, which is told, and the next line stands at the start.
-  Fill(SCLog::kRewindAt - 1);
+  Fill(kLimit - first_line_);
   {
     SCLog log(name_);
-    EXPECT_EQ(Content()[0], 'x');
-    EXPECT_NE(Content().find(kBannerStart), std::string::npos);
-    Line(log, L"after the banner");
+    EXPECT_EQ(Content().size(), kLimit);
+    EXPECT_EQ(Content().find(kBannerStart), std::string::npos);
+    Line(log, L"behind the limit");
+    const std::string content = Content();
+    EXPECT_EQ(content[0], 'x');
+    EXPECT_NE(content.find("behind the limit", kLimit), std::string::npos);
+    EXPECT_NE(content.find(kBannerStart, kLimit), std::string::npos);
+  }
+  Fill(kLimit - first_line_ + 1);
+  {
+    SCLog log(name_);
+    const std::string content = Content();
+    EXPECT_EQ(content.find(kBannerStart), kLimit + 1);
+    EXPECT_EQ(content.substr(kLimit + 1 + 89), " \r\n");
+    Line(log, L"at the start again");
     EXPECT_EQ(Content().rfind("[", 0), 0u);
-    EXPECT_LT(Content().find("after the banner"), 200u);
+    EXPECT_LT(Content().find("at the start again"), 200u);
+    EXPECT_EQ(Content().size(), content.size()) << "old lines stay until they are written over";
   }
 }
 
-TEST_F(LogFile, CutsWhatIsTooLongAndDropsDetail) {
+TEST_F(LogFile, CutsWhatIsTooLongAndKeepsWhatNoCodePageHas) {
   SCLog log(name_);
-  const std::string before = Content();
-  log.SetFileLine(kLogSource, 1);
-  log.Log(SCLog::kDetail, L"%s", L"never written");
-  EXPECT_EQ(Content(), before);
   Line(log, std::wstring(5000, L'y').c_str());
-  const std::string content = Content();
+  std::string content = Content();
   EXPECT_NE(content.find(std::string(2047, 'y') + " \r\n"), std::string::npos);
   EXPECT_EQ(content.find(std::string(2048, 'y')), std::string::npos);
+  // The longest line there can be in bytes, and halves of surrogate pairs, one of them made by the cut.
+  Line(log, std::wstring(2047, L'\x4e2d').c_str());
+  Line(log, (L"<\xdc00\xd83d>" + std::wstring(2041, L'z') + L"\xd83d\xde00").c_str());
+  content = Content();
+  std::string wide;
+  for (int i = 0; i < 2047; ++i) wide += "\xe4\xb8\xad";
+  EXPECT_NE(content.find(":" + wide + " \r\n"), std::string::npos);
+  EXPECT_NE(content.find("<\xef\xbf\xbd\xef\xbf\xbd>zzz"), std::string::npos);
+  ExpectLockFree(log);
 }
 
-TEST_F(LogFile, SurvivesAFileItCannotWrite) {
-  Fill(10);
-  SetFileAttributesW(path_.c_str(), FILE_ATTRIBUTE_READONLY);
-  {
-    SCLog log(name_);
-    Line(log, L"lost");
-    Line(log, L"lost as well, with the lock free");
-  }
-  SetFileAttributesW(path_.c_str(), FILE_ATTRIBUTE_NORMAL);
-  // Root may write read-only files; then the lines are there instead.
+TEST_F(LogFile, DropsLinesWhileTheFileCannotBeOpenedAndGoesOnAfterwards) {
+  HANDLE exclusive = OpenExclusively();
+  SCLog log(name_);
+  Line(log, L"dropped");
+  ExpectLockFree(log);
+  CloseHandle(exclusive);
+  EXPECT_EQ(Content(), "");
+  // Dropping a detail line opens nothing: the file would be made anew.
+  ASSERT_TRUE(DeleteFileW(path_.c_str()));
+  log.SetFileLine(kLogSource, 1);
+  log.Log(SCLog::kDetail, L"%s", L"never written");
+  ExpectLockFree(log);
+  EXPECT_EQ(GetFileAttributesW(path_.c_str()), INVALID_FILE_ATTRIBUTES);
+  Line(log, L"written");
+  EXPECT_NE(Content().find("LogTest(7):written \r\n"), std::string::npos);
+
   SCLog nowhere(L"no such folder\\x.log");
   Line(nowhere, L"dropped");
+  ExpectLockFree(nowhere);
   EXPECT_EQ(GetFileAttributesW(nowhere.path()), INVALID_FILE_ATTRIBUTES);
+}
+
+// The folder comes from the user's shell folders; without one the log lies in the current directory.
+TEST_F(LogFile, StandsWhereTheUsersFolderIsOrElseHere) {
+  constexpr wchar_t kFolders[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Explorer\\User Shell Folders";
+  const ScratchRegistry registry;
+  registry.SetString(HKEY_CURRENT_USER, kFolders, L"Local AppData", L"Q:\\not there");
+  {
+    SCLog log(name_);
+    EXPECT_STREQ(log.path(), name_);
+    EXPECT_NE(GetFileAttributesW(name_), INVALID_FILE_ATTRIBUTES);
+  }
+  EXPECT_TRUE(DeleteFileW(name_));
+  EXPECT_EQ(std::wstring(SCLog(nullptr).path()), L"ZK.log");
+  EXPECT_TRUE(DeleteFileW(L"ZK.log"));
+  // A device that is always full.
+  if (GetFileAttributesW(L"Z:\\dev\\full") == INVALID_FILE_ATTRIBUTES) return;
+  registry.SetString(HKEY_CURRENT_USER, kFolders, L"Local AppData", L"Z:\\dev");
+  SCLog log(L"full");
+  ASSERT_STREQ(log.path(), L"Z:\\dev\\full");
+  Line(log, L"no room");
+  ExpectLockFree(log);
 }
 
 TEST_F(LogFile, KeepsLinesOfSeveralThreadsWhole) {
@@ -124,6 +195,56 @@ TEST_F(LogFile, KeepsLinesOfSeveralThreadsWhole) {
       snprintf(line, sizeof(line), "LogTest(%d):thread %d line %d end \r\n", t, t, i);
       ASSERT_NE(content.find(line), std::string::npos) << line;
     }
+}
+
+// The other side of the next test: a process of its own with the same file.
+TEST(LogOfAnotherProcess, DISABLED_Writes) {
+  SCLog log(L"HoardexLogTest.log");
+  for (int i = 0; i < 300; ++i) {
+    log.SetFileLine(kLogSource, 9);
+    log.Log(SCLog::kOrdinary, L"process %lu line %d end", GetCurrentProcessId(), i);
+  }
+  EXPECT_NE(GetFileAttributesW(log.path()), INVALID_FILE_ATTRIBUTES);
+}
+
+// Processes share the file without a lock and each writes at its own place, so lines may cover one another; but nobody
+// is kept out, nothing is truncated, and whoever writes last is whole.
+TEST_F(LogFile, IsSharedByProcesses) {
+  Fill(100'000);
+  wchar_t program[MAX_PATH] = {};
+  GetModuleFileNameW(nullptr, program, MAX_PATH);
+  std::wstring command =
+      L"\"" + std::wstring(program) +
+      L"\" --gtest_also_run_disabled_tests --gtest_filter=LogOfAnotherProcess.DISABLED_Writes --gtest_brief=1";
+  std::vector<HANDLE> processes;
+  for (int i = 0; i < 3; ++i) {
+    STARTUPINFOW start = {};
+    start.cb = sizeof(start);
+    PROCESS_INFORMATION process = {};
+    ASSERT_TRUE(
+        CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &start, &process));
+    CloseHandle(process.hThread);
+    processes.push_back(process.hProcess);
+  }
+  {
+    SCLog log(name_);
+    for (int i = 0; i < 300; ++i) Line(log, L"of this process");
+    for (const HANDLE process : processes) {
+      EXPECT_EQ(WaitForSingleObject(process, 60'000), WAIT_OBJECT_0);
+      DWORD code = 1;
+      GetExitCodeProcess(process, &code);
+      EXPECT_EQ(code, 0u) << "a process that shares the log was disturbed";
+      CloseHandle(process);
+    }
+    const size_t size = Content().size();
+    Line(log, L"the last");
+    EXPECT_GE(Content().size(), size);
+  }
+  const std::string content = Content();
+  EXPECT_EQ(content.substr(0, 100'000), std::string(100'000, 'x'));
+  EXPECT_GE(content.size(), 100'000 + 300 * std::string("LogTest(9):process 1 line 1 end").size());
+  EXPECT_EQ(content.find('\0'), std::string::npos);
+  EXPECT_NE(content.find("LogTest(7):the last \r\n"), std::string::npos);
 }
 
 const wchar_t* LogsItself() {

@@ -74,25 +74,104 @@ TEST(ItemUrl, TakesTheSizeOutAndFindsAnAttachmentsMessage) {
   EXPECT_EQ(url::Child(kVault, L"AB"), url::Child(kVault + L"/", L"AB"));
 }
 
-// What is built from parts splits into the same parts, and normalising is idempotent, whatever characters come.
+// Text over an alphabet of what the grammar gives a meaning, and what it does not expect.
+class RandomText {
+ public:
+  std::wstring operator()(unsigned longest,
+                          std::wstring_view alphabet = L"ab.:[]{}\\\x3b1\xd83d\xde00 %?#zkmdb\x1\x7f") {
+    std::wstring text;
+    for (unsigned n = 1 + Below(longest); n; --n) text += alphabet[Below(static_cast<unsigned>(alphabet.size()))];
+    return text;
+  }
+  std::wstring Hex() { return (*this)(40, L"0123456789ABCDEF"); }
+  unsigned Below(unsigned limit) { return static_cast<unsigned>(random_()) % limit; }
+
+ private:
+  std::mt19937 random_{7};
+};
+
+// build -> classify -> tokenise -> rebuild, for items of every kind.
 TEST(ItemUrl, RoundTripsWhatItBuilds) {
-  std::mt19937 random(7);
-  const std::wstring alphabet = L"ab.:[]{}\\\x3b1\xd83d\xde00 %?#zkmdb";
-  for (int round = 0; round < 2000; ++round) {
-    std::vector<std::wstring> parts;
-    std::wstring built = kVault;
-    for (unsigned i = random() % 5; i; --i) {
-      std::wstring part;
-      for (unsigned n = 1 + random() % 12; n; --n) part += alphabet[random() % alphabet.size()];
+  RandomText random;
+  for (int round = 0; round < 3000; ++round) {
+    const auto kind = static_cast<CHoardexURL::Kind>(1 + round % 5);
+    const std::wstring vault = L"C:\\" + random(30) + L".db", name = L"n" + random(20) + L".txt";
+    const std::wstring message = random.Hex() + L"[[" + std::to_wstring(random.Below(1u << 31)) + L"]].zkm";
+    std::vector<std::wstring> parts = {L"zkoffline3x", L"{S-1-5-" + random(8, L"0123456789-") + L"}", L"default"};
+    std::wstring built = url::Root(parts[1].substr(1, parts[1].size() - 2));
+    const auto add = [&](const std::wstring& part) {
       parts.push_back(part);
       built = url::Child(built, part);
+    };
+    if (kind >= CHoardexURL::kVaultFile) add(vault);
+    if (kind >= CHoardexURL::kFolder)
+      for (unsigned depth = 1 + random.Below(4); depth; --depth) add(random.Hex());
+    if (kind >= CHoardexURL::kMessage) add(message);
+    const std::wstring message_url = built;
+    if (kind == CHoardexURL::kAttachment) add(random.Hex()), add(name);
+    ASSERT_EQ(CHoardexURL(built).kind(), kind);
+
+    std::vector<std::wstring> tokens = {L"left over"};
+    ASSERT_EQ(ExtractURLTokens(built, tokens), static_cast<int>(parts.size()));
+    ASSERT_EQ(tokens, parts);
+    std::wstring rebuilt = tokens[0] + L"://" + tokens[1];
+    for (size_t i = 2; i < tokens.size(); ++i) rebuilt = url::Child(rebuilt, tokens[i]);
+    if (kind == CHoardexURL::kRoot) rebuilt += L"/";
+    ASSERT_EQ(rebuilt, built);
+
+    std::wstring attachment_name;
+    GetAttachmentNameFromURL(built, attachment_name);
+    EXPECT_EQ(attachment_name, kind == CHoardexURL::kAttachment ? name : std::wstring());
+    // Nor do brackets and suffixes in the folders of the vault's path mislead. A name of the vault may hold ".zkm".
+    if (kind == CHoardexURL::kAttachment && url::FindIgnoringCase(vault, L".zkm") == std::wstring::npos) {
+      EXPECT_EQ(url::MessageOfAttachment(built), message_url);
     }
+    if (kind == CHoardexURL::kMessage) {
+      EXPECT_EQ(url::WithoutSize(built).size(), built.size() - (message.size() - message.find(L"[[") - 4));
+    }
+    // The path comes back from outside with other separators.
+    std::wstring foreign = built;
+    if (url::FindIgnoringCase(vault, L".db") == vault.size() - 3 && kind != CHoardexURL::kRoot) {
+      const size_t begin = built.find(vault);
+      for (size_t i = begin; i < begin + vault.size(); ++i)
+        if (foreign[i] == L'\\') foreign[i] = L'/';
+    }
+    EXPECT_EQ(url::Normalise(foreign), built);
+  }
+}
+
+TEST(ItemUrl, NormalisesAndSplitsHostileTextWithinItsRules) {
+  RandomText random;
+  const std::wstring pieces[] = {L"default/",    L"DEFAULT/", L".db", L".DB",  L"/",  L"//", L"://",
+                                 L"zkoffline3x", L"[[",       L"]]",  L".zkm", L"\\", L" ",  std::wstring(1, L'\0'),
+                                 L"{S-1}"};
+  for (int round = 0; round < 5000; ++round) {
+    std::wstring text;
+    for (unsigned n = random.Below(14); n; --n)
+      text += random.Below(3) ? pieces[random.Below(static_cast<unsigned>(std::size(pieces)))] : random(3);
+    const std::wstring normal = url::Normalise(text);
+    ASSERT_EQ(url::Normalise(normal), normal);
+    ASSERT_EQ(normal.size(), text.size());
+    const size_t marker = url::FindIgnoringCase(text, L"default/");
+    const size_t begin = marker == std::wstring::npos ? text.size() : marker + 8;
+    size_t end = url::FindIgnoringCase(text, L".db", begin);
+    if (end == std::wstring::npos) end = begin;
+    for (size_t i = 0; i < text.size(); ++i)
+      ASSERT_EQ(normal[i], i >= begin && i < end && text[i] == L'/' ? L'\\' : text[i]);
+
     std::vector<std::wstring> tokens;
-    ASSERT_EQ(ExtractURLTokens(built, tokens), static_cast<int>(4 + parts.size()));
-    EXPECT_TRUE(std::equal(parts.begin(), parts.end(), tokens.begin() + 4));
-    const std::wstring once = url::Normalise(built);
-    EXPECT_EQ(url::Normalise(once), once);
-    EXPECT_NE(CHoardexURL(built).kind(), CHoardexURL::kUnknown);
+    const int count = ExtractURLTokens(text, tokens);
+    ASSERT_EQ(count, static_cast<int>(tokens.size()));
+    ASSERT_GE(count, 1);
+    for (size_t i = 1; i < tokens.size(); ++i) {
+      ASSERT_FALSE(tokens[i].empty());
+      ASSERT_EQ(tokens[i].find(L'/'), std::wstring::npos);
+    }
+    // Blanks around a URL change nothing.
+    ASSERT_EQ(CHoardexURL(L" \t" + text + L"\r\n").kind(), CHoardexURL(text).kind());
+    std::wstring name;
+    GetAttachmentNameFromURL(text, name);
+    ASSERT_EQ(name.empty(), !CHoardexURL(text).IsAttachment());
   }
 }
 
