@@ -1,66 +1,95 @@
-// The lowest layers of a Unicode store being written: space, blocks, trees, maps, header ([MS-PST] 2.2).
+// Blocks and nodes of a Unicode store being written ([MS-PST] 2.2.2.8).
 #pragma once
 
 #include <array>
 #include <cstdint>
 #include <filesystem>
-#include <fstream>
+#include <functional>
 #include <span>
 #include <vector>
 
+#include "vault/area_writer.h"
 #include "vault/encoding.h"
 #include "vault/layout.h"
 #include "vault/node.h"
+#include "vault/source.h"
+#include "vault/tree_writer.h"
 
 namespace vault {
 
-// Blocks are written where they come to lie, one behind the other; trees, maps and header at the end.
-// Throws Error (kCannotOpen for the file, kUnwritable for what does not fit the format).
+// Blocks go out where they come to lie, one behind the other, and their entries into the pages of the block tree; only
+// nodes have to be sorted. Throws Error (kCannotOpen for the file, kUnwritable for what does not fit the format).
 class FileWriter {
  public:
+  // Largest value: its size is kept in 32 bits.
+  static constexpr std::uint64_t kMaxValue = 0xFFFFFFFF;
+
   FileWriter(const std::filesystem::path& path, Encoding encoding);
 
   // Data of a node in as many blocks as it takes; 0 for no data.
   Bid AddData(std::span<const std::uint8_t> data);
-  // The same with the blocks given: all but the last are kUnicodeLayout.block_data bytes or belong to a heap.
-  Bid AddBlocks(const std::vector<std::vector<std::uint8_t>>& blocks);
+  Bid AddData(const Source& source);
+  // A block of data, at most kUnicodeLayout.block_data bytes.
+  Bid AddBlock(std::span<const std::uint8_t> data) { return AddBlock(data, false); }
   // A tree of subnodes; sorts them. 0 for none.
   Bid AddSubnodes(std::vector<NodeInfo> subnodes);
-  void AddNode(const NodeInfo& node) { nodes_.push_back(node); }
+  // Most subnodes of one node.
+  static std::size_t max_subnodes();
+  void AddNode(const NodeInfo& node);
 
   // Writes what is left; `next_index` is the next free index of each node type.
   void Finish(const std::array<std::uint32_t, 32>& next_index);
 
+  // Whether the file could not be written: nothing more can be.
+  bool failed() const { return space_.failed(); }
+
+  // Blocks and nodes that are all added, or none of them: the destructor drops what was not committed. Their space and
+  // ids stay unused. Takes 24 bytes of memory for each block meanwhile. One at a time.
+  class Transaction {
+   public:
+    explicit Transaction(FileWriter& file) : file_(file) { file_.in_transaction_ = true; }
+    ~Transaction();
+    Transaction(const Transaction&) = delete;
+    Transaction& operator=(const Transaction&) = delete;
+    void Commit();
+
+   private:
+    FileWriter& file_;
+  };
+
  private:
-  struct Placed {
-    Bid bid;
-    std::uint64_t offset;
-    std::uint16_t size;
-  };
-  struct Branch {
-    std::uint64_t key;
-    Bid bid;
-    std::uint64_t offset;
-  };
+  friend class BlockListWriter;
+  using BlockEntry = std::array<std::uint8_t, kUnicodeLayout.block_entry>;
 
   Bid AddBlock(std::span<const std::uint8_t> data, bool internal);
-  // A list of blocks, or of lists.
-  Bid AddList(const std::vector<Bid>& bids, unsigned level, std::uint64_t total);
-  std::uint64_t Allocate(std::uint64_t size, std::uint64_t alignment);
-  void OpenArea();
-  void Put(std::uint64_t offset, std::span<const std::uint8_t> bytes);
-  void PutPage(std::uint64_t offset, std::uint8_t type, Bid bid, std::array<std::uint8_t, kPageSize>& page);
-  Branch AddTreePage(std::uint8_t type, unsigned level, unsigned entry_size, std::span<const std::uint8_t> entries);
-  // Builds a tree bottom-up from its packed leaf entries.
-  Branch AddTree(std::uint8_t type, unsigned entry_size, const std::vector<std::uint8_t>& entries);
+  // A list of blocks (level 1) or of lists (2).
+  Bid AddList(std::span<const Bid> bids, unsigned level, std::uint64_t total);
 
-  std::ofstream file_;
   Encoding encoding_;
-  std::vector<std::array<std::uint8_t, 496>> maps_;  // one allocation map for each area
-  std::uint64_t used_in_area_ = 0;                   // bytes, from the area's start
-  std::uint64_t next_block_ = 1, next_page_ = 1;
-  std::vector<Placed> blocks_;
-  std::vector<NodeInfo> nodes_;
+  AreaWriter space_;
+  Bid next_block_ = 4, next_page_ = 4;
+  TreeWriter blocks_;
+  NodeSorter nodes_;
+  bool in_transaction_ = false;
+  std::vector<BlockEntry> pending_blocks_;
+  std::vector<NodeInfo> pending_nodes_;
+};
+
+// Strings blocks together to the data of a node. Lists are written as they fill: memory is one list.
+class BlockListWriter {
+ public:
+  explicit BlockListWriter(FileWriter& file) : file_(file) {}
+  // The next block with the bytes of data in it. Throws Error(kUnwritable) when the data gets too large.
+  void Add(Bid bid, std::size_t size);
+  // What a node refers to; 0 for no blocks.
+  Bid Finish();
+
+ private:
+  void CloseList();
+
+  FileWriter& file_;
+  std::vector<Bid> bids_, lists_;
+  std::uint64_t listed_ = 0, total_ = 0;  // bytes
 };
 
 }  // namespace vault

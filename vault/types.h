@@ -121,6 +121,15 @@ inline constexpr std::uint16_t kMessageClass = 0x001A, kSubject = 0x0037, kMessa
 }  // namespace prop
 
 // PR_ATTACH_METHOD.
-enum class AttachMethod : std::int32_t { kNone = 0, kByValue = 1, kEmbedded = 5, kOle = 6 };
+enum class AttachMethod : std::int32_t {
+  kNone = 0,
+  kByValue = 1,
+  kByReference = 2,
+  kByReferenceResolve = 3,
+  kByReferenceOnly = 4,
+  kEmbedded = 5,
+  kOle = 6,
+  kWebReference = 7,
+};
 
 }  // namespace vault

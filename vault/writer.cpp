@@ -3,8 +3,9 @@
 #include <chrono>
 #include <cstring>
 
+#include "vault/append.h"
 #include "vault/encoding.h"
-#include "vault/error.h"
+#include "vault/store_stream.h"
 #include "vault/value.h"
 
 namespace vault {
@@ -15,10 +16,6 @@ std::vector<std::uint8_t> TextBytes(std::string_view utf8) {
   std::vector<std::uint8_t> bytes(text.size() * 2);
   if (!text.empty()) std::memcpy(bytes.data(), text.data(), bytes.size());
   return bytes;
-}
-
-void Append32(std::vector<std::uint8_t>& to, std::uint32_t value) {
-  for (int i = 0; i < 4; ++i) to.push_back(static_cast<std::uint8_t>(value >> (8 * i)));
 }
 
 // The compressed form ([MS-OXRTFCP] 2.1.3) with literals only: not shorter, but read by everybody, which cannot be said
@@ -38,24 +35,12 @@ std::vector<std::uint8_t> RtfContainer(std::string_view rtf) {
   data.push_back(static_cast<std::uint8_t>(end >> 8));
   data.push_back(static_cast<std::uint8_t>(end));
   std::vector<std::uint8_t> container;
-  Append32(container, static_cast<std::uint32_t>(data.size() + 12));
-  Append32(container, static_cast<std::uint32_t>(rtf.size()));
-  Append32(container, 0x75465A4C);  // "LZFu"
-  Append32(container, Crc(data));
+  AppendValue(container, static_cast<std::uint32_t>(data.size() + 12));
+  AppendValue(container, static_cast<std::uint32_t>(rtf.size()));
+  AppendValue(container, std::uint32_t{0x75465A4C});  // "LZFu"
+  AppendValue(container, Crc(data));
   container.insert(container.end(), data.begin(), data.end());
   return container;
-}
-
-// 16 bytes that differ where the text differs; not a secret, only an identity.
-Guid IdentityOf(std::string_view text) {
-  Guid id{};
-  std::uint64_t hash = 0xCBF29CE484222325;  // FNV-1a
-  for (std::size_t half = 0; half < 2; ++half) {
-    for (const char c : text) hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001B3;
-    hash = (hash ^ half) * 0x100000001B3;
-    std::memcpy(id.data() + 8 * half, &hash, 8);
-  }
-  return id;
 }
 
 }  // namespace
@@ -75,18 +60,30 @@ Self& WithProperties<Self>::Text(const PropertyKey& key, std::string_view utf8) 
 }
 
 template <typename Self>
-Self& WithProperties<Self>::Texts(const PropertyKey& key, const std::vector<std::string>& utf8) {
+Self& WithProperties<Self>::Elements(const PropertyKey& key, PropType type,
+                                     const std::vector<std::vector<std::uint8_t>>& values) {
   std::vector<std::uint8_t> bytes, data;
-  Append32(bytes, static_cast<std::uint32_t>(utf8.size()));
-  for (const std::string& text : utf8) {
-    Append32(bytes, static_cast<std::uint32_t>(4 + 4 * utf8.size() + data.size()));
-    const auto element = TextBytes(text);
-    data.insert(data.end(), element.begin(), element.end());
+  AppendValue(bytes, static_cast<std::uint32_t>(values.size()));
+  for (const auto& value : values) {
+    AppendValue(bytes, static_cast<std::uint32_t>(4 + 4 * values.size() + data.size()));
+    data.insert(data.end(), value.begin(), value.end());
   }
   bytes.insert(bytes.end(), data.begin(), data.end());
-  constexpr auto kTexts =
-      static_cast<PropType>(static_cast<unsigned>(PropType::kUnicode) | static_cast<unsigned>(PropType::kMultiFlag));
-  return Set(key, kTexts, bytes);
+  return Set(key, MultiOf(type), bytes);
+}
+
+template <typename Self>
+Self& WithProperties<Self>::Texts(const PropertyKey& key, const std::vector<std::string>& utf8) {
+  std::vector<std::vector<std::uint8_t>> values;
+  for (const std::string& text : utf8) values.push_back(TextBytes(text));
+  return Elements(key, PropType::kUnicode, values);
+}
+
+template <typename Self>
+Self& WithProperties<Self>::Texts8(const PropertyKey& key, const std::vector<std::string>& bytes) {
+  std::vector<std::vector<std::uint8_t>> values;
+  for (const std::string& text : bytes) values.emplace_back(text.begin(), text.end());
+  return Elements(key, PropType::kString8, values);
 }
 
 template class WithProperties<RecipientBuilder>;
@@ -94,6 +91,8 @@ template class WithProperties<AttachmentBuilder>;
 template class WithProperties<MessageBuilder>;
 template class WithProperties<FolderBuilder>;
 template class WithProperties<StoreBuilder>;
+template class WithProperties<FolderStream>;
+template class WithProperties<StoreStream>;
 
 MessageBuilder::MessageBuilder(std::string_view message_class) {
   Text(prop::kMessageClass, message_class);
@@ -147,19 +146,40 @@ MessageBuilder& MessageBuilder::AddRecipient(std::int32_t type, std::string_view
   return *this;
 }
 
-AttachmentBuilder& MessageBuilder::AttachFile(std::string_view name, std::span<const std::uint8_t> data) {
+AttachmentBuilder& AttachmentBuilder::Named(std::string_view name) {
+  Text(prop::kAttachLongFilename, name).Text(prop::kAttachFilename, name).Text(0x3001, name);
+  if (const auto dot = name.rfind('.'); dot != name.npos) Text(0x3703, name.substr(dot));
+  return *this;
+}
+
+AttachmentBuilder& MessageBuilder::Attach(AttachMethod method) {
   AttachmentBuilder& attachment = attachments_.emplace_back();
-  attachment.Int(prop::kAttachMethod, static_cast<std::int32_t>(AttachMethod::kByValue)).Int(0x370B, -1);
-  attachment.Text(prop::kAttachLongFilename, name).Text(prop::kAttachFilename, name).Text(0x3001, name);
-  if (const auto dot = name.rfind('.'); dot != name.npos) attachment.Text(0x3703, name.substr(dot));
-  return attachment.Binary(prop::kAttachData, data);
+  return attachment.Int(prop::kAttachMethod, static_cast<std::int32_t>(method)).Int(0x370B, -1);
+}
+
+AttachmentBuilder& MessageBuilder::AttachFile(std::string_view name, std::span<const std::uint8_t> data) {
+  return Attach(AttachMethod::kByValue).Named(name).Binary(prop::kAttachData, data);
+}
+
+AttachmentBuilder& MessageBuilder::AttachFile(std::string_view name, Source data) {
+  return Attach(AttachMethod::kByValue).Named(name).Binary(prop::kAttachData, std::move(data));
 }
 
 MessageBuilder& MessageBuilder::AttachMessage(std::string_view message_class) {
-  AttachmentBuilder& attachment = attachments_.emplace_back();
-  attachment.Int(prop::kAttachMethod, static_cast<std::int32_t>(AttachMethod::kEmbedded)).Int(0x370B, -1);
+  AttachmentBuilder& attachment = Attach(AttachMethod::kEmbedded);
   attachment.embedded_ = std::make_shared<MessageBuilder>(message_class);
   return *attachment.embedded_;
+}
+
+AttachmentBuilder& MessageBuilder::AttachReference(std::string_view name, std::string_view path, AttachMethod method) {
+  return Attach(method).Named(name).Text(0x3708, path).Text(0x370D, path);
+}
+
+AttachmentBuilder& MessageBuilder::AttachOle(std::string_view name, std::span<const std::uint8_t> storage,
+                                             bool binary) {
+  return Attach(AttachMethod::kOle)
+      .Named(name)
+      .Set(prop::kAttachData, binary ? PropType::kBinary : PropType::kObject, storage);
 }
 
 FolderBuilder::FolderBuilder(std::string_view name, std::string_view container_class) {
@@ -171,10 +191,22 @@ FolderBuilder& FolderBuilder::AddFolder(std::string_view name, std::string_view 
   return folders_.emplace_back(name, container_class);
 }
 
+// 64-bit FNV-1a twice: not a secret, only an identity.
+Guid MakeStoreUid(std::string_view name) {
+  Guid uid{};
+  std::uint64_t hash = 0xCBF29CE484222325;
+  for (std::size_t half = 0; half < 2; ++half) {
+    for (const char c : name) hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001B3;
+    hash = (hash ^ half) * 0x100000001B3;
+    std::memcpy(uid.data() + 8 * half, &hash, 8);
+  }
+  return uid;
+}
+
 StoreBuilder::StoreBuilder(std::string_view name, Encoding encoding)
     : name_(name),
       encoding_(encoding),
-      uid_(IdentityOf(name)),
+      uid_(MakeStoreUid(name)),
       top_("Top of Personal Folders"),
       deleted_("Deleted Items", "IPF.Note") {}
 
@@ -186,6 +218,39 @@ StoreBuilder& StoreBuilder::Encode(Encoding encoding) {
 StoreBuilder& StoreBuilder::Uid(const Guid& uid) {
   uid_ = uid;
   return *this;
+}
+
+namespace {
+
+void CopyProperties(const PropertyMap& from, auto& to) {
+  for (const auto& [key, data] : from) {
+    if (data.source) {
+      to.Set(key, data.type, *data.source);
+    } else {
+      to.Set(key, data.type, data.bytes);
+    }
+  }
+}
+
+}  // namespace
+
+void StoreBuilder::Write(const FolderBuilder& folder, FolderStream& to) {
+  CopyProperties(folder.properties(), to);
+  for (const MessageBuilder& message : folder.messages_) to.AddMessage(message);
+  for (const MessageBuilder& message : folder.hidden_) to.AddHidden(message);
+  for (const FolderBuilder& child : folder.folders_) {
+    FolderStream& below = to.OpenFolder({}, {});
+    Write(child, below);
+    below.Close();
+  }
+}
+
+void StoreBuilder::Write(const std::filesystem::path& path) const {
+  StoreStream stream(path, name_, encoding_, uid_);
+  CopyProperties(properties(), stream);
+  Write(deleted_, stream.deleted_items());
+  Write(top_, stream.top());
+  stream.Finish();
 }
 
 }  // namespace vault

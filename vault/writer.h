@@ -1,4 +1,4 @@
-// Builds Unicode stores ([MS-PST]) in memory and writes them in one go, for demonstrations, tests and benchmarks.
+// Describes stores, folders and messages in memory, for the writers of Unicode stores ([MS-PST]).
 //
 //   vault::StoreBuilder store("Archive 2024");
 //   auto& inbox = store.top().AddFolder("Inbox");
@@ -6,9 +6,10 @@
 //       .To("Bob", "bob@example.org").SubmitTime(vault::FileTime(2024, 5, 2, 9, 30)).Body("Paid.");
 //   store.Write("archive.db");
 //
+// StoreBuilder keeps all of a store that it writes; store_stream.h writes one of any size, message by message.
 // The same calls give the same bytes. Text is UTF-8 and bodies and names may be of any length. References that Add...
-// returns stay valid as long as the builder. One thread. Methods throw Error(kUnwritable) for what the format cannot
-// hold.
+// returns stay valid as long as the builder. One thread. What the format cannot hold is refused when it is written:
+// Error(kUnwritable).
 #pragma once
 
 #include <compare>
@@ -25,6 +26,7 @@
 #include <vector>
 
 #include "vault/encoding.h"
+#include "vault/source.h"
 #include "vault/types.h"
 
 namespace vault {
@@ -83,11 +85,20 @@ class PropertyKey {
 
 struct PropertyData {
   PropType type = PropType::kUnspecified;
-  std::vector<std::uint8_t> bytes;  // as PropertyValue::bytes() gives them
+  // As PropertyValue::bytes() gives them; what an object holds.
+  std::vector<std::uint8_t> bytes;
+  // Gives the bytes instead, when the store is written.
+  std::shared_ptr<const Source> source = nullptr;
+
+  std::uint64_t size() const { return source ? source->size() : bytes.size(); }
 };
 using PropertyMap = std::map<PropertyKey, PropertyData>;
 
-// What every object with properties can be told. Setting a property again replaces it.
+constexpr PropType MultiOf(PropType element) {
+  return static_cast<PropType>(static_cast<unsigned>(element) | static_cast<unsigned>(PropType::kMultiFlag));
+}
+
+// What every object with properties can be told. Setting a property again replaces it, whatever its type was.
 template <typename Self>
 class WithProperties {
  public:
@@ -95,41 +106,91 @@ class WithProperties {
     properties_[key] = {type, {bytes.begin(), bytes.end()}};
     return static_cast<Self&>(*this);
   }
+  // A large value of type kBinary, kUnicode (UTF-16LE), kString8 or kObject, read when the store is written.
+  Self& Set(const PropertyKey& key, PropType type, Source source) {
+    properties_[key] = {type, {}, std::make_shared<const Source>(std::move(source))};
+    return static_cast<Self&>(*this);
+  }
+
+  Self& Int16(const PropertyKey& key, std::int16_t value) { return Scalar(key, PropType::kInt16, value); }
   Self& Int(const PropertyKey& key, std::int32_t value) { return Scalar(key, PropType::kInt32, value); }
   Self& Int64(const PropertyKey& key, std::int64_t value) { return Scalar(key, PropType::kInt64, value); }
   Self& Bool(const PropertyKey& key, bool value) {
     return Scalar(key, PropType::kBoolean, static_cast<std::uint8_t>(value));
   }
+  Self& Float(const PropertyKey& key, float value) { return Scalar(key, PropType::kFloat, value); }
   Self& Double(const PropertyKey& key, double value) { return Scalar(key, PropType::kDouble, value); }
+  // Ten-thousandths of the unit.
+  Self& Currency(const PropertyKey& key, std::int64_t value) { return Scalar(key, PropType::kCurrency, value); }
+  // Days since 30 December 1899.
+  Self& AppTime(const PropertyKey& key, double days) { return Scalar(key, PropType::kAppTime, days); }
   Self& Time(const PropertyKey& key, std::int64_t file_time) { return Scalar(key, PropType::kTime, file_time); }
+  // A result code.
+  Self& Code(const PropertyKey& key, std::uint32_t code) { return Scalar(key, PropType::kError, code); }
+  Self& ClassId(const PropertyKey& key, const Guid& id) { return Scalar(key, PropType::kGuid, id); }
   Self& Text(const PropertyKey& key, std::string_view utf8);
-  Self& Texts(const PropertyKey& key, const std::vector<std::string>& utf8);
+  // Characters of the object's own code page.
+  Self& Text8(const PropertyKey& key, std::string_view bytes) { return Set(key, PropType::kString8, BytesOf(bytes)); }
   Self& Binary(const PropertyKey& key, std::span<const std::uint8_t> bytes) {
     return Set(key, PropType::kBinary, bytes);
   }
-  Self& Binary(const PropertyKey& key, std::string_view bytes) {
-    return Binary(key, std::span(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()));
+  Self& Binary(const PropertyKey& key, std::string_view bytes) { return Binary(key, BytesOf(bytes)); }
+  Self& Binary(const PropertyKey& key, Source source) { return Set(key, PropType::kBinary, std::move(source)); }
+  // The bytes that the object holds.
+  Self& Object(const PropertyKey& key, std::span<const std::uint8_t> bytes) {
+    return Set(key, PropType::kObject, bytes);
   }
+
+  // Multi-valued properties.
+  Self& Int16s(const PropertyKey& key, const std::vector<std::int16_t>& v) { return Packed(key, PropType::kInt16, v); }
+  Self& Ints(const PropertyKey& key, const std::vector<std::int32_t>& v) { return Packed(key, PropType::kInt32, v); }
+  Self& Int64s(const PropertyKey& key, const std::vector<std::int64_t>& v) { return Packed(key, PropType::kInt64, v); }
+  Self& Floats(const PropertyKey& key, const std::vector<float>& v) { return Packed(key, PropType::kFloat, v); }
+  Self& Doubles(const PropertyKey& key, const std::vector<double>& v) { return Packed(key, PropType::kDouble, v); }
+  Self& Currencies(const PropertyKey& key, const std::vector<std::int64_t>& v) {
+    return Packed(key, PropType::kCurrency, v);
+  }
+  Self& AppTimes(const PropertyKey& key, const std::vector<double>& v) { return Packed(key, PropType::kAppTime, v); }
+  Self& Times(const PropertyKey& key, const std::vector<std::int64_t>& v) { return Packed(key, PropType::kTime, v); }
+  Self& ClassIds(const PropertyKey& key, const std::vector<Guid>& v) { return Packed(key, PropType::kGuid, v); }
+  Self& Texts(const PropertyKey& key, const std::vector<std::string>& utf8);
+  Self& Texts8(const PropertyKey& key, const std::vector<std::string>& bytes);
+  Self& Binaries(const PropertyKey& key, const std::vector<std::vector<std::uint8_t>>& values) {
+    return Elements(key, PropType::kBinary, values);
+  }
+
   const PropertyMap& properties() const { return properties_; }
 
  protected:
+  static std::span<const std::uint8_t> BytesOf(std::string_view text) {
+    return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
+  }
   template <typename T>
-  Self& Scalar(const PropertyKey& key, PropType type, T value) {
+  Self& Scalar(const PropertyKey& key, PropType type, const T& value) {
     return Set(key, type, {reinterpret_cast<const std::uint8_t*>(&value), sizeof value});
   }
+  template <typename T>
+  Self& Packed(const PropertyKey& key, PropType type, const std::vector<T>& values) {
+    return Set(key, MultiOf(type), {reinterpret_cast<const std::uint8_t*>(values.data()), values.size() * sizeof(T)});
+  }
+  Self& Elements(const PropertyKey& key, PropType type, const std::vector<std::vector<std::uint8_t>>& values);
   PropertyMap properties_;
 };
 
-class RecipientBuilder : public WithProperties<RecipientBuilder> {};
+class FolderStream;
 class MessageBuilder;
+class RecipientBuilder : public WithProperties<RecipientBuilder> {};
 
 class AttachmentBuilder : public WithProperties<AttachmentBuilder> {
  public:
   AttachmentBuilder& MimeType(std::string_view type) { return Text(0x370E, type); }
+  // A picture that an HTML body shows by "cid:".
+  AttachmentBuilder& Inline(std::string_view content_id) { return Text(0x3712, content_id).Int(0x3714, 4); }
 
  private:
   friend class MessageBuilder;
-  friend class StoreWriter;
+  friend class ItemWriter;
+  AttachmentBuilder& Named(std::string_view name);
   std::shared_ptr<MessageBuilder> embedded_;
 };
 
@@ -153,15 +214,22 @@ class MessageBuilder : public WithProperties<MessageBuilder> {
   MessageBuilder& Rtf(std::string_view rtf);
   // Recipients in the order of the calls; the result is the recipient's own properties.
   RecipientBuilder& AddRecipient(std::int32_t type);
-  // A file by value, or a message.
+  // A file by value, from memory or from a source; or a message.
   AttachmentBuilder& AttachFile(std::string_view name, std::span<const std::uint8_t> data);
   AttachmentBuilder& AttachFile(std::string_view name, std::string_view data) {
     return AttachFile(name, std::span(reinterpret_cast<const std::uint8_t*>(data.data()), data.size()));
   }
+  AttachmentBuilder& AttachFile(std::string_view name, Source data);
   MessageBuilder& AttachMessage(std::string_view message_class);
+  // A file that stays where it is: kByReference, kByReferenceResolve, kByReferenceOnly or kWebReference, with its path.
+  AttachmentBuilder& AttachReference(std::string_view name, std::string_view path,
+                                     AttachMethod method = AttachMethod::kByReference);
+  // An OLE object: the bytes of its storage, as an object or, where `binary`, as a binary value.
+  AttachmentBuilder& AttachOle(std::string_view name, std::span<const std::uint8_t> storage, bool binary = false);
 
  private:
-  friend class StoreWriter;
+  friend class ItemWriter;
+  AttachmentBuilder& Attach(AttachMethod method);
   MessageBuilder& AddRecipient(std::int32_t type, std::string_view name, std::string_view email);
   std::deque<RecipientBuilder> recipients_;
   std::deque<AttachmentBuilder> attachments_;
@@ -176,10 +244,13 @@ class FolderBuilder : public WithProperties<FolderBuilder> {
   MessageBuilder& AddHidden(std::string_view message_class) { return hidden_.emplace_back(message_class); }
 
  private:
-  friend class StoreWriter;
+  friend class StoreBuilder;
   std::list<FolderBuilder> folders_;
   std::deque<MessageBuilder> messages_, hidden_;
 };
+
+// 16 bytes that differ where the name differs.
+Guid MakeStoreUid(std::string_view name);
 
 class StoreBuilder : public WithProperties<StoreBuilder> {
  public:
@@ -190,11 +261,11 @@ class StoreBuilder : public WithProperties<StoreBuilder> {
   // The top of the mail subtree, and the "Deleted Items" in it.
   FolderBuilder& top() { return top_; }
   FolderBuilder& deleted_items() { return deleted_; }
-  // Writes the whole store, replacing the file. Throws Error.
+  // Writes the whole store in place of the file, as StoreStream does. Throws Error.
   void Write(const std::filesystem::path& path) const;
 
  private:
-  friend class StoreWriter;
+  static void Write(const FolderBuilder& folder, FolderStream& to);
   std::string name_;
   Encoding encoding_;
   Guid uid_{};
