@@ -56,8 +56,10 @@ int Main(int argc, char** argv) {
 
   IndexArguments index;
   auto* index_command = app.add_subcommand("index", "Bring stores into the index, or the index up to date");
-  index_command->add_option("FILE", index.files,
-                            "Stores (.pst, .db) or folders of them; without, what is there is looked through again");
+  index_command->add_option(
+      "FILE", index.files,
+      "Stores (.pst, .db) or folders of them; mail in files: a maildir, a mailbox (mbox), a message (.eml) "
+      "or a folder of these; without, what is there is looked through again");
   index_command->add_flag("--demo", index.demo, "Index a demonstration vault");
   index_command->add_flag("--retry", index.retry,
                           "Also ask again for unchanged items that ended the protocol host before");
@@ -112,7 +114,7 @@ int Main(int argc, char** argv) {
   auto* list_command = vaults_command->add_subcommand("list", "List the vaults");
   list_command->add_flag("--json", vaults_json, "The list as JSON");
   auto* add_command = vaults_command->add_subcommand("add", "Make vaults of stores without indexing them yet");
-  add_command->add_option("FILE", added, "Stores or folders of them")->required();
+  add_command->add_option("FILE", added, "Stores or folders of them, or mail in files")->required();
   auto* remove_command = vaults_command->add_subcommand("remove", "Forget vaults and their items; the originals stay");
   remove_command->add_option("NAME", removed, "Names of vaults")->required();
   vaults_command->callback([&] {

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <map>
@@ -6,6 +7,7 @@
 
 #include "index/commands.h"
 #include "index/crawl.h"
+#include "index/imports.h"
 #include "index/output.h"
 #include "index/text.h"
 #include "index/vaults.h"
@@ -29,6 +31,7 @@ struct VaultReport {
   VaultCounts counts;
   int64_t removed = 0;
   std::vector<FailedItem> failures;
+  Import import;  // where the vault was made of mail in files
 
   // Promised, but in no list that the crawl has seen.
   int64_t Missing() const {
@@ -36,7 +39,10 @@ struct VaultReport {
         counts.messages_new + counts.messages_unchanged + counts.messages_failed + counts.messages_waiting;
     return info.opens && info.messages > seen ? info.messages - seen : 0;
   }
-  bool Complete() const { return vault.present && info.opens && failures.empty() && Missing() == 0; }
+  bool Complete() const {
+    return vault.present && info.opens && failures.empty() && Missing() == 0 && import.error.empty() &&
+           import.left_out.empty();
+  }
 };
 
 void MakeDemo(const Environment& environment) {
@@ -49,10 +55,9 @@ void MakeDemo(const Environment& environment) {
   fs::rename(partial, environment.demo_file());
 }
 
-// The files become vaults; what is refused comes back with its reason.
-std::vector<Refusal> AddVaults(const Environment& environment, const std::vector<fs::path>& files, Store& store,
-                               Progress& progress, bool quiet) {
-  std::vector<Refusal> refusals;
+// The files become vaults; what is refused is added to `refusals` with its reason.
+void AddVaults(const Environment& environment, const std::vector<fs::path>& files, Store& store, Progress& progress,
+               bool quiet, std::vector<Refusal>& refusals) {
   VaultFolder folder(environment);
   for (const fs::path& file : files) {
     if (Interrupted()) break;
@@ -74,7 +79,34 @@ std::vector<Refusal> AddVaults(const Environment& environment, const std::vector
                    added.name.c_str());
     }
   }
-  return refusals;
+}
+
+// Converts the named mail, and what was converted before where it has changed. Stores of what was named go to `files`.
+std::vector<Import> BringMail(const Environment& environment, const std::vector<fs::path>& named,
+                              std::vector<fs::path>& files, std::vector<Refusal>& refusals, Progress& progress) {
+  Imports imports(environment);
+  std::vector<Import> all;
+  const auto bring = [&](const fs::path& source) -> const Import& {
+    progress.Say("converting " + OneLine(source.filename().string()));
+    all.push_back(imports.Bring(source));
+    progress.Clear();
+    return all.back();
+  };
+  for (const fs::path& source : named) {
+    if (Interrupted()) break;
+    const Import& import = bring(source);
+    if (!import.store.empty() && fs::exists(import.store)) {
+      files.push_back(import.store);
+      continue;
+    }
+    std::fprintf(stderr, "hoardex: %s is refused: %s\n", OneLine(source.string()).c_str(), import.error.c_str());
+    refusals.push_back({source.string(), import.error});
+  }
+  for (const Import& known : imports.List()) {
+    const auto same = [&](const Import& import) { return import.store == known.store; };
+    if (!Interrupted() && std::none_of(all.begin(), all.end(), same)) bring(known.source);
+  }
+  return all;
 }
 
 // What the stores promise: remembered as long as the file is the same.
@@ -104,6 +136,15 @@ void PrintLosses(const VaultReport& report) {
   const std::string name = report.vault.name;
   if (!report.vault.present || !report.info.opens)
     Print(name + ": " + report.info.error + " What was indexed of it before stays.\n");
+  if (!report.import.error.empty())
+    Print(name + ": the mail in " + OneLine(report.import.source.string()) +
+          " could not be brought up to date: " + report.import.error + "\n");
+  for (size_t i = 0; i < report.import.left_out.size() && i < kShownFailures; ++i)
+    Print(name + ": left out " + OneLine(report.import.left_out[i].file) + ": " +
+          OneLine(report.import.left_out[i].reason) + "\n");
+  if (report.import.left_out.size() > kShownFailures)
+    Print(name + ": … and left out " + Grouped(static_cast<long long>(report.import.left_out.size() - kShownFailures)) +
+          " more (all with --json)\n");
   for (size_t i = 0; i < report.failures.size() && i < kShownFailures; ++i)
     Print(name + ": " + WhatFailed(report.failures[i]) + "\n");
   if (report.failures.size() > kShownFailures) {
@@ -176,6 +217,13 @@ json ReportJson(const std::vector<VaultReport>& reports, const std::vector<Refus
                {"top_message_count", report.info.top_message_count},
                {"top_messages", report.info.top_subjects},
                {"losses", losses}};
+    if (!report.import.source.empty()) {
+      entry["made_of"] = report.import.source.string();
+      entry["left_out"] = json::array();
+      for (const LeftOut& loss : report.import.left_out)
+        entry["left_out"].push_back({{"file", loss.file}, {"reason", loss.reason}});
+      if (!report.import.error.empty()) entry["not_brought_up_to_date"] = report.import.error;
+    }
     if (report.info.opens) {
       entry["promised"] = report.info.messages;
       entry["attachments_in_store"] = report.info.attachments;
@@ -192,15 +240,24 @@ json ReportJson(const std::vector<VaultReport>& reports, const std::vector<Refus
 }  // namespace
 
 int RunIndex(const Environment& environment, const IndexArguments& arguments) {
-  std::vector<fs::path> files = ExpandFolders(arguments.files);
+  std::vector<std::string> stores;
+  std::vector<fs::path> mail;
+  for (const std::string& argument : arguments.files) {
+    if (Imports::IsMail(argument)) {
+      mail.emplace_back(argument);
+    } else {
+      stores.push_back(argument);
+    }
+  }
+  std::vector<fs::path> files = ExpandFolders(stores);
   VaultFolder folder(environment);
   if (arguments.files.empty() && !arguments.demo && folder.List().empty()) {
     throw CommandError(
         kExitUsage,
-        "There is no vault yet. Name stores or folders of stores (hoardex index mail.pst), or try it with "
-        "hoardex index --demo.");
+        "There is no vault yet. Name stores or folders of stores (hoardex index mail.pst), mail in files (a maildir, "
+        "mailboxes, .eml), or try it with hoardex index --demo.");
   }
-  if (files.empty() && !arguments.files.empty())
+  if (files.empty() && mail.empty() && !arguments.files.empty())
     throw CommandError(kExitUsage, "There is no .pst or .db file in what you named.");
   environment.Require(environment.vaultinfo);
   if (environment.host_command.empty()) environment.Require("");
@@ -213,8 +270,11 @@ int RunIndex(const Environment& environment, const IndexArguments& arguments) {
 
   Store store(environment.index_file(), Database::Mode::kCreate);
   Progress progress;
-  const std::vector<Refusal> refusals = AddVaults(environment, files, store, progress, arguments.json);
-  if (!refusals.empty() && refusals.size() == files.size()) {
+  std::vector<Refusal> refusals;
+  const std::vector<Import> imports = BringMail(environment, mail, files, refusals, progress);
+  const size_t named = files.size() + refusals.size();
+  AddVaults(environment, files, store, progress, arguments.json, refusals);
+  if (!refusals.empty() && refusals.size() == named) {
     if (arguments.json) Print(ReportJson({}, refusals).dump(2, ' ', false, json::error_handler_t::replace) + "\n");
     return kExitFailed;
   }
@@ -257,6 +317,9 @@ int RunIndex(const Environment& environment, const IndexArguments& arguments) {
     report.counts = counts[vault.name];
     if (const auto removed = store.removed().find(vault.name); removed != store.removed().end())
       report.removed = removed->second;
+    for (const Import& import : imports) {
+      if (import.store == vault.source) report.import = import;
+    }
     for (const FailedItem& item : failures) {
       if (item.vault == vault.name) report.failures.push_back(item);
     }

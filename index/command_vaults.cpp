@@ -2,6 +2,7 @@
 #include <nlohmann/json.hpp>
 
 #include "index/commands.h"
+#include "index/imports.h"
 #include "index/output.h"
 #include "index/store.h"
 #include "index/text.h"
@@ -42,13 +43,29 @@ int RunVaultsList(const Environment& environment, bool as_json) {
 int RunVaultsAdd(const Environment& environment, const std::vector<std::string>& files) {
   HomeLock lock(environment);
   VaultFolder folder(environment);
+  Imports imports(environment);
   int64_t refused = 0, taken = 0;
-  for (const auto& file : ExpandFolders(files)) {
+  const auto refuse = [&](const std::filesystem::path& file, const std::string& reason) {
+    ++refused;
+    std::fprintf(stderr, "hoardex: %s is refused: %s\n", OneLine(file.string()).c_str(), OneLine(reason).c_str());
+  };
+  std::vector<std::string> stores;
+  for (const std::string& file : files) {
+    if (!Imports::IsMail(file)) {
+      stores.push_back(file);
+      continue;
+    }
+    const Import import = imports.Bring(file);
+    if (import.error.empty()) {
+      stores.push_back(import.store.string());
+    } else {
+      refuse(file, import.error);
+    }
+  }
+  for (const auto& file : ExpandFolders(stores)) {
     const AddResult added = folder.Add(file);
     if (added.state == AddResult::State::kRefused) {
-      ++refused;
-      std::fprintf(stderr, "hoardex: %s is refused: %s\n", OneLine(file.string()).c_str(),
-                   OneLine(added.reason).c_str());
+      refuse(file, added.reason);
       continue;
     }
     ++taken;
@@ -63,6 +80,7 @@ int RunVaultsAdd(const Environment& environment, const std::vector<std::string>&
 int RunVaultsRemove(const Environment& environment, const std::vector<std::string>& names) {
   HomeLock lock(environment);
   VaultFolder folder(environment);
+  Imports imports(environment);
   bool all = true;
   for (const std::string& name : names) {
     const auto vault = folder.Find(name);
@@ -76,8 +94,12 @@ int RunVaultsRemove(const Environment& environment, const std::vector<std::strin
     if (std::filesystem::exists(environment.index_file())) {
       Store(environment.index_file(), Database::Mode::kCreate).RemoveVault(vault->name);
     }
-    Print("The vault " + vault->name + " is no longer indexed; " + OneLine(vault->source.string()) +
-          " is untouched.\n");
+    std::string original = vault->source.string();
+    for (const Import& import : imports.List()) {
+      if (import.store == vault->source) original = import.source.string();
+    }
+    imports.Forget(vault->source);
+    Print("The vault " + vault->name + " is no longer indexed; " + OneLine(original) + " is untouched.\n");
   }
   return all ? kExitOk : kExitFailed;
 }

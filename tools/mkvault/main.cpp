@@ -1,25 +1,110 @@
-// mkvault --demo FILE: writes the demonstration store.
+// mkvault: makes stores out of nothing, or of mail that lies in files.
 //
-// Exit status: 0 written, 1 failed, 2 usage.
+// Exit status: 0 written, 1 failed, 2 usage, 3 written, but something of the source was left out (and is named).
+#include <CLI/CLI.hpp>
 #include <cstdio>
-#include <cstring>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+#include <string>
 
 #include "tools/mkvault/demo.h"
+#include "tools/mkvault/mail_import.h"
 #include "vault/error.h"
 
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+
+constexpr int kWritten = 0, kFailed = 1, kUsage = 2, kPartly = 3;
+
+struct Arguments {
+  bool demo = false, as_json = false;
+  std::string from, stamp, name, out;
+  vault::Encoding encoding = vault::Encoding::kPermute;
+};
+
+void PrintJson(const json& value) {
+  std::puts(value.dump(-1, ' ', false, json::error_handler_t::replace).c_str());
+}
+
+int Demo(const Arguments& arguments) {
+  vault::StoreBuilder store("Archive of Jane Miller", arguments.encoding);
+  mkvault::AddMail(store);
+  mkvault::AddItems(store);
+  store.Write(arguments.out);
+  return kWritten;
+}
+
+int Stamp(const Arguments& arguments) {
+  const auto mail = mkvault::FindMail(arguments.stamp);
+  PrintJson({{"stamp", mkvault::StampOf(mail)}, {"files", mail.FileCount()}});
+  return kWritten;
+}
+
+int From(const Arguments& arguments) {
+  const fs::path source = fs::absolute(arguments.from).lexically_normal();
+  const auto mail = mkvault::FindMail(source);
+  const std::string stamp = mkvault::StampOf(mail);
+  mkvault::StoreIdentity identity;
+  const fs::path last = source.has_filename() ? source.filename() : source.parent_path().filename();
+  identity.name = arguments.name.empty() ? last.string() : arguments.name;
+  // Another content gives other identifiers, so that no item of it is taken for one of the store that it replaces.
+  identity.uid = vault::MakeStoreUid(source.string() + stamp);
+  identity.encoding = arguments.encoding;
+  const auto result = mkvault::ImportMail(mail, arguments.out, identity);
+  if (arguments.as_json) {
+    json losses = json::array();
+    for (const auto& loss : result.losses) losses.push_back({{"file", loss.file.string()}, {"reason", loss.reason}});
+    PrintJson(
+        {{"stamp", stamp}, {"messages", result.messages}, {"folders", result.folders}, {"losses", std::move(losses)}});
+  } else {
+    for (const auto& loss : result.losses)
+      std::fprintf(stderr, "mkvault: left out %s: %s\n", loss.file.c_str(), loss.reason.c_str());
+    std::printf("%s: %llu messages in %llu folders\n", arguments.out.c_str(),
+                static_cast<unsigned long long>(result.messages), static_cast<unsigned long long>(result.folders));
+  }
+  return result.losses.empty() ? kWritten : kPartly;
+}
+
+int Fail(const Arguments& arguments, const std::string& sentence) {
+  if (arguments.as_json) {
+    PrintJson({{"error", sentence}});
+  } else {
+    std::fprintf(stderr, "mkvault: %s\n", sentence.c_str());
+  }
+  return kFailed;
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
-  if (argc != 3 || std::strcmp(argv[1], "--demo") != 0) {
-    std::fputs("usage: mkvault --demo FILE\n", stderr);
-    return 2;
+  CLI::App app("Makes message stores: a demonstration, or one of the mail in files.", "mkvault");
+  Arguments arguments;
+  auto* what = app.add_option_group("what");
+  what->require_option(1);
+  what->add_flag("--demo", arguments.demo, "The demonstration store: a small archive with items of every kind");
+  what->add_option("--from", arguments.from,
+                   "A maildir, a mailbox (mbox), a message (.eml), or a folder of mailboxes and messages");
+  what->add_option("--stamp", arguments.stamp, "Writes no store: prints what changes when the mail of --from changes");
+  app.add_option("--name", arguments.name, "The store's display name; the source's file name otherwise");
+  const std::map<std::string, vault::Encoding> encodings = {
+      {"none", vault::Encoding::kNone}, {"permute", vault::Encoding::kPermute}, {"cyclic", vault::Encoding::kCyclic}};
+  app.add_option("--encoding", arguments.encoding, "How the store's data are encoded: none, permute or cyclic")
+      ->transform(CLI::CheckedTransformer(encodings, CLI::ignore_case));
+  app.add_flag("--json", arguments.as_json, "Reports as a line of JSON");
+  app.add_option("OUT", arguments.out, "The store to write; one that is there is replaced");
+  try {
+    app.parse(argc, argv);
+    if (arguments.stamp.empty() == arguments.out.empty())
+      throw CLI::ValidationError("OUT", arguments.out.empty() ? "is required" : "does not go with --stamp");
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? kWritten : kUsage;
   }
   try {
-    vault::StoreBuilder store("Archive of Jane Miller");
-    mkvault::AddMail(store);
-    mkvault::AddItems(store);
-    store.Write(argv[2]);
-  } catch (const vault::Error& error) {
-    std::fprintf(stderr, "mkvault: %s\n", error.what());
-    return 1;
+    if (arguments.demo) return Demo(arguments);
+    return arguments.from.empty() ? Stamp(arguments) : From(arguments);
+  } catch (const std::exception& error) {
+    return Fail(arguments, error.what());
   }
-  return 0;
 }
