@@ -140,6 +140,47 @@ TEST_F(WholePath, IndexesTheDemonstrationAndFindsItsMail) {
   EXPECT_EQ(System::LeftBehind(), std::vector<std::string>()) << "temporary copies of attachments";
 }
 
+TEST_F(WholePath, FollowsMailThatLiesInFiles) {
+  const fs::path source = System::home() / "mail source";
+  fs::remove_all(source);
+  const auto put = [&](const std::string& name, const std::string& subject) {
+    fs::create_directories((source / name).parent_path());
+    std::ofstream(source / name) << "From: Otter <otter@example.com>\nDate: Tue, 5 Mar 2019 08:30:00 +0100\nSubject: "
+                                 << subject << "\n\nabout " << subject << "\n";
+  };
+  put("cur/1:2,S", "pangolins");
+  put(".Zoo/cur/1:2,S", "aardvarks");
+  fs::create_directories(source / "new");
+  fs::create_directories(source / ".Zoo/new");
+  const auto hits = [](const std::string& query) {
+    const Result found = System::Run({"search", "--json", query});
+    return found.code == 0 ? Json::parse(found.output)["hits"].size() : 0;
+  };
+  Result run = System::Run({"index", source});
+  EXPECT_EQ(run.code, 0) << run.output << run.errors;
+  EXPECT_EQ(hits("pangolins from:otter"), 1u);
+  EXPECT_EQ(hits("aardvarks folder:zoo"), 1u);
+  // It changes, also by what is no mail; later calls need not name it.
+  fs::remove(source / "cur/1:2,S");
+  put("new/2", "wombats");
+  std::ofstream(source / "new/3") << "";
+  run = System::Run({"index"});
+  EXPECT_EQ(run.code, 3) << run.output << run.errors;
+  EXPECT_NE(run.output.find("left out"), std::string::npos) << run.output;
+  EXPECT_EQ(hits("pangolins"), 0u);
+  EXPECT_EQ(hits("wombats"), 1u);
+  EXPECT_EQ(hits("aardvarks"), 1u);
+  // Gone for a while: what was indexed stays.
+  fs::rename(source, source.string() + ".away");
+  run = System::Run({"index"});
+  EXPECT_EQ(run.code, 3) << run.output << run.errors;
+  EXPECT_EQ(hits("wombats"), 1u);
+  fs::remove_all(source.string() + ".away");
+  EXPECT_EQ(System::Run({"vaults", "remove", "mail source"}).code, 0);
+  EXPECT_EQ(hits("wombats"), 0u);
+  EXPECT_TRUE(fs::is_empty(System::home() / "imported"));
+}
+
 TEST_F(WholePath, NamesWhatItRefusesAndOddUrlsFailCleanly) {
   const fs::path bad = System::home() / "bad.pst";
   std::ofstream(bad) << std::string(4096, 'x');

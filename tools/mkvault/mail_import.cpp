@@ -84,6 +84,8 @@ class Importer {
       ++number;
       const Owned<GMimeMessage> message(g_mime_parser_construct_message(parser.get(), ParserOptions()));
       if (!message || g_mime_header_list_get_count(g_mime_object_get_header_list(GMIME_OBJECT(message.get()))) == 0) {
+        // The parser sees the end of a mailbox only when it reads on.
+        if (number > 1 && g_mime_parser_eos(parser.get())) return;
         Lose(file,
              file.mailbox ? "Its message " + std::to_string(number) + " has no headers." : "It is no mail message.");
         if (!message) return;
