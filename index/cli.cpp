@@ -49,7 +49,8 @@ int Main(int argc, char** argv) {
   app.require_subcommand(1);
   app.set_help_all_flag("--help-all", "Help of all commands");
   app.footer(
-      "The launcher knows two more: test (builds and runs all tests) and bench FILE… (speed beside other readers).");
+      "The launcher knows more: test (builds and runs all tests), bench FILE… (speed beside other readers) and mkvault "
+      "(makes stores to try it with).");
   std::function<int()> command;
   // Read late, so that --help works everywhere.
   const auto environment = [] { return Environment::FromProcess(); };

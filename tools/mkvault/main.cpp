@@ -8,6 +8,7 @@
 #include <string>
 
 #include "tools/mkvault/demo.h"
+#include "tools/mkvault/generate.h"
 #include "tools/mkvault/mail_import.h"
 #include "vault/error.h"
 
@@ -20,6 +21,9 @@ constexpr int kWritten = 0, kFailed = 1, kUsage = 2, kPartly = 3;
 
 struct Arguments {
   bool demo = false, as_json = false;
+  std::int64_t messages = -1;
+  double attachments = 0.15;
+  mkvault::GenerateOptions generate;
   std::string from, stamp, name, out;
   vault::Encoding encoding = vault::Encoding::kPermute;
 };
@@ -33,6 +37,15 @@ int Demo(const Arguments& arguments) {
   mkvault::AddMail(store);
   mkvault::AddItems(store);
   store.Write(arguments.out);
+  return kWritten;
+}
+
+int Messages(const Arguments& arguments) {
+  mkvault::GenerateOptions options = arguments.generate;
+  options.messages = static_cast<std::uint64_t>(arguments.messages);
+  options.attachments = static_cast<std::uint32_t>(arguments.attachments * 10'000 + 0.5);
+  options.encoding = arguments.encoding;
+  mkvault::Generate(arguments.out, options);
   return kWritten;
 }
 
@@ -84,9 +97,23 @@ int main(int argc, char** argv) {
   auto* what = app.add_option_group("what");
   what->require_option(1);
   what->add_flag("--demo", arguments.demo, "The demonstration store: a small archive with items of every kind");
+  auto* messages =
+      what->add_option("--messages", arguments.messages, "An invented archive of so many items of all kinds")
+          ->check(CLI::Range(std::int64_t{0}, std::int64_t{100'000'000}));
   what->add_option("--from", arguments.from,
                    "A maildir, a mailbox (mbox), a message (.eml), or a folder of mailboxes and messages");
   what->add_option("--stamp", arguments.stamp, "Writes no store: prints what changes when the mail of --from changes");
+  app.add_option("--seed", arguments.generate.seed, "With --messages: other numbers give other archives")
+      ->needs(messages)
+      ->capture_default_str();
+  app.add_option("--attachments", arguments.attachments, "With --messages: the share of mails that have some, 0 to 1")
+      ->needs(messages)
+      ->check(CLI::Range(0.0, 1.0))
+      ->capture_default_str();
+  app.add_option("--folders", arguments.generate.folders,
+                 "With --messages: folders for mail; by their number otherwise")
+      ->needs(messages)
+      ->check(CLI::Range(1, 5000));
   app.add_option("--name", arguments.name, "The store's display name; the source's file name otherwise");
   const std::map<std::string, vault::Encoding> encodings = {
       {"none", vault::Encoding::kNone}, {"permute", vault::Encoding::kPermute}, {"cyclic", vault::Encoding::kCyclic}};
@@ -103,6 +130,7 @@ int main(int argc, char** argv) {
   }
   try {
     if (arguments.demo) return Demo(arguments);
+    if (arguments.messages >= 0) return Messages(arguments);
     return arguments.from.empty() ? Stamp(arguments) : From(arguments);
   } catch (const std::exception& error) {
     return Fail(arguments, error.what());
