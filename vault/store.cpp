@@ -12,6 +12,10 @@ std::shared_ptr<const Store> Store::Open(const std::filesystem::path& path) {
   return std::shared_ptr<const Store>(new Store(Database::Open(path)));
 }
 
+std::shared_ptr<const Store> Store::OpenBytes(std::span<const std::uint8_t> bytes) {
+  return std::shared_ptr<const Store>(new Store(Database::OpenBytes(bytes)));
+}
+
 Store::Store(std::shared_ptr<const Database> db) : db_(std::move(db)) {
   const auto node = db_->FindNode(kStoreNid);
   if (!node) throw Error(ErrorCode::kNotFound, "the store has no store object", std::nullopt, kStoreNid);
