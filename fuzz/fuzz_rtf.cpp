@@ -24,6 +24,5 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   FUZZ_CHECK(whole.has_value() == part.has_value());
   if (whole) FUZZ_CHECK(*part == whole->substr(0, kLimit) && whole->size() <= rest.size() * 9);
   vault::text::TextOfCompressedRtf(rest, pages);
-  vault::text::HtmlOfCompressedRtf(rest, pages);
   return 0;
 }

@@ -1,5 +1,6 @@
 // make_corpus FOLDER [SAMPLES]: writes seeds for every fuzz target, one folder each: stores of the writer in every
-// encoding, what lies in them, and the smallest of the real stores where there are some.
+// encoding, what lies in them, and the smallest of the real stores where there are some. The folder "written" has the
+// writer's stores for mutate_stores.
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -220,12 +221,14 @@ int main(int argc, char** argv) {
         vault::StoreBuilder store("Seeds", encoding);
         Fill(store, large);
         store.Write(file);
+        corpus.Add("written", origin, ReadFile(file));
         Dissector(corpus, origin, ReadFile(file)).Run();
       }
       vault::StoreBuilder demo("Archive", encoding);
       mkvault::AddMail(demo);
       mkvault::AddItems(demo);
       demo.Write(file);
+      corpus.Add("written", "demo", ReadFile(file));
       Dissector(corpus, "demo" + std::to_string(static_cast<int>(encoding)), ReadFile(file)).Run();
     }
     fs::remove(file);

@@ -28,7 +28,7 @@ class Image {
   std::uint64_t AddPage(View data, vault::Bid bid, std::uint8_t type) {
     const std::uint64_t at = Grow(vault::kPageSize, vault::kPageSize);
     std::uint8_t* const page = bytes_.data() + at;
-    std::memcpy(page, data.data(), std::min<std::size_t>(data.size(), layout_.page_data));
+    std::copy_n(data.begin(), std::min<std::size_t>(data.size(), layout_.page_data), page);
     std::uint8_t* const trailer = page + layout_.page_data;
     trailer[0] = trailer[1] = type;
     Put(trailer + 2, vault::Signature(at, bid), 2);
