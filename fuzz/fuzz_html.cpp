@@ -1,4 +1,5 @@
-// HTML to text. The first byte chooses the code page that the message claims, the rest is the document.
+// HTML to text. The first byte chooses the code page that the message claims, the rest is the document, or from 0xF0 on
+// the pattern of a long one.
 #include <iterator>
 
 #include "fuzz/reading.h"
@@ -10,7 +11,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                                         51949, 52936, 54936, 65000, 10000, 1251,  28592, 99999};
   if (size == 0) return 0;
   const fuzz::AllCodePages pages;
-  const std::span<const std::uint8_t> rest(data + 1, size - 1);
+  std::span<const std::uint8_t> rest(data + 1, size - 1);
+  std::vector<std::uint8_t> repeated;
+  if (data[0] >= 0xF0) rest = repeated = fuzz::Repeated(rest);
   const std::u16string html = vault::text::DecodeHtml(rest, kPages[data[0] % std::size(kPages)], pages);
   FUZZ_CHECK(html.size() <= rest.size() * 2);
   const std::u16string text = vault::text::HtmlToText(html);

@@ -1,4 +1,5 @@
-// RTF to text. The first byte tells what the rest is: even, the value of PR_RTF_COMPRESSED; odd, RTF.
+// RTF to text. The first byte tells what the rest is: even, the value of PR_RTF_COMPRESSED; odd, RTF, or from 0xF0 on
+// the pattern of a long one.
 #include <algorithm>
 
 #include "fuzz/reading.h"
@@ -9,7 +10,9 @@
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size == 0) return 0;
   const fuzz::AllCodePages pages;
-  const std::span<const std::uint8_t> rest(data + 1, size - 1);
+  std::span<const std::uint8_t> rest(data + 1, size - 1);
+  std::vector<std::uint8_t> repeated;
+  if (data[0] >= 0xF0 && data[0] & 1) rest = repeated = fuzz::Repeated(rest);
   if (data[0] & 1) {
     const std::string_view rtf(reinterpret_cast<const char*>(rest.data()), rest.size());
     const auto document = vault::text::ReadRtf(rtf, pages);

@@ -250,6 +250,14 @@ int main(int argc, char** argv) {
     corpus.Add("rtf", "hand", 1,
                "{\\rtf1\\ansi\\fromhtml1{\\*\\htmltag64 <p>}\\htmlrtf{\\f0 x\\htmlrtf0 a<b}\\bin3 abc}");
     corpus.Add("html", "hand", 0, "<table><tr><td>a<td>b</table><pre>x\n y</pre>&#x20AC;&eacute<script>no</script>");
+    for (const char* pattern :
+         {"<a ='", "<script>", "</p", "<!--", "&#1", "<![CDATA[", "<td><pre>", "<x@y", "\x1b$B!"}) {
+      corpus.Add("html", "pattern", static_cast<char>(0xF0), pattern);
+    }
+    for (const char* pattern :
+         {"{\\f1", "{\\*\\x", "\\u1?", "{\\fonttbl{\\f1\\fcharset2 ", "\\'", "\\bin1 ", "{\\htmlrtf "}) {
+      corpus.Add("rtf", "pattern", static_cast<char>(0xF1), pattern);
+    }
     for (const auto& [target, count] : corpus.counts()) std::printf("%s: %u seeds\n", target.c_str(), count);
   } catch (const std::exception& error) {
     std::fprintf(stderr, "make_corpus: %s\n", error.what());

@@ -1,9 +1,12 @@
 // What the fuzz targets do with what they opened, and how they object.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <span>
+#include <vector>
 
 #include "vault/property_set.h"
 #include "vault/table.h"
@@ -93,6 +96,17 @@ inline void ReadTable(const vault::Table& table, Budget& budget) {
     } catch (const vault::Error&) {
     }
   }
+}
+
+// A short input again and again: work that grows faster than the input shows as a time-out.
+inline std::vector<std::uint8_t> Repeated(std::span<const std::uint8_t> bytes) {
+  constexpr std::size_t kShort = 64, kSize = 32 << 10;
+  std::vector<std::uint8_t> result;
+  bytes = bytes.first(std::min(bytes.size(), kShort));
+  if (bytes.empty()) return result;
+  result.reserve(kSize + kShort);
+  while (result.size() < kSize) result.insert(result.end(), bytes.begin(), bytes.end());
+  return result;
 }
 
 // Knows every code page, and takes each for one in which two bytes may be one character.
