@@ -117,6 +117,7 @@ class Dissector {
       target = client == vault::HeapClient::kTable ? "table" : "heap";
     });
     if (node.nid == vault::kNameMapNid) target = "names";
+    if (vault::TypeOf(node.nid) == vault::NidType::kMessage) target = "message";
     if (++taken_[target] <= kPerKind) corpus_.Add(target, origin_, bytes);
   }
 
