@@ -39,6 +39,10 @@ class Corpus {
     const std::string whole = std::string(1, lead) + std::string(text);
     Add(target, origin, View(reinterpret_cast<const std::uint8_t*>(whole.data()), whole.size()));
   }
+  // A short text that breaks off at every place.
+  void AddPrefixes(const std::string& target, char lead, std::string_view text) {
+    for (std::size_t length = 1; length <= text.size(); ++length) Add(target, "hand", lead, text.substr(0, length));
+  }
   const std::map<std::string, unsigned>& counts() const { return count_; }
 
  private:
@@ -108,8 +112,13 @@ class Dissector {
     seed.subnodes = node.subnodes;
     Collect(seed, node.data);
     Collect(seed, node.subnodes);
+    // Long values lie in subnodes.
+    for (const vault::NodeInfo& inner : db_->ListSubnodes(node.subnodes)) {
+      if (inner.subnodes || inner.data & vault::kInternalBlock) Node(inner);
+    }
     const Bytes bytes = seed.Serialize();
     if (bytes.size() > kMaxCase) return;
+    if (node.data & vault::kInternalBlock && ++taken_["list"] <= kPerKind) corpus_.Add("block", origin_, bytes);
     if (seed.blocks.size() > 1 && ++taken_["block"] <= kPerKind) corpus_.Add("block", origin_, bytes);
     std::string target = "block";
     Try([&] {
@@ -194,6 +203,48 @@ void Fill(vault::StoreBuilder& store, std::size_t large) {
   folder.AddHidden("IPM.Configuration").Subject("hidden");
 }
 
+// Lists of lists of blocks, and trees of subnodes, as small as they can be: the fuzzer changes one byte as likely as
+// any other, and here most of them matter.
+void AddLists(Corpus& corpus) {
+  for (const bool ansi : {false, true}) {
+    const unsigned w = ansi ? 4 : 8;
+    const auto list = [&](std::uint8_t type, std::uint8_t level, std::size_t header,
+                          std::initializer_list<vault::Bid> words) {
+      Bytes bytes(header + words.size() * w);
+      bytes[0] = type;
+      bytes[1] = level;
+      std::size_t at = header;
+      for (const vault::Bid word : words) std::memcpy(bytes.data() + at, &word, w), at += w;
+      return bytes;
+    };
+    const unsigned subnode_header = ansi ? 4 : 8;
+    fuzz::BlockCase seed;
+    seed.ansi = ansi;
+    seed.encoding = vault::Encoding::kPermute;
+    seed.blocks = {{4, Bytes(8, 1)},
+                   {8, Bytes(8, 2)},
+                   {0x12, list(1, 1, 8, {4, 8})},
+                   {0x16, list(1, 2, 8, {0x12})},
+                   {0x1A, list(2, 0, subnode_header, {0x3F, 4, 0, 0x5F, 0x12, 0})},
+                   {0x1E, list(2, 1, subnode_header, {0x3F, 0x1A})}};
+    const auto count = [&](vault::Bid bid, std::uint8_t entries, std::uint8_t size) {
+      seed.blocks[bid][2] = entries;
+      if (size) seed.blocks[bid][4] = size;
+    };
+    count(0x12, 2, 16);
+    count(0x16, 1, 16);
+    count(0x1A, 2, 0);
+    count(0x1E, 1, 0);
+    for (const vault::Bid data : {0x12, 0x16}) {
+      for (const vault::Bid subnodes : {0x1A, 0x1E}) {
+        seed.data = data;
+        seed.subnodes = subnodes;
+        corpus.Add("block", "hand", seed.Serialize());
+      }
+    }
+  }
+}
+
 void AddUrls(Corpus& corpus) {
   const std::string root = "zkoffline3x://{S-1-5-21-1-2-3-1001}/default/", vault = root + "C:\\Tessary\\a.db";
   const std::string folder = vault + "/000000003810A1BB1005E5101AA1BB08002B2A56C200A2060000";
@@ -248,9 +299,14 @@ int main(int argc, char** argv) {
       }
     }
     AddUrls(corpus);
-    corpus.Add("rtf", "hand", 1,
-               "{\\rtf1\\ansi\\fromhtml1{\\*\\htmltag64 <p>}\\htmlrtf{\\f0 x\\htmlrtf0 a<b}\\bin3 abc}");
-    corpus.Add("html", "hand", 0, "<table><tr><td>a<td>b</table><pre>x\n y</pre>&#x20AC;&eacute<script>no</script>");
+    AddLists(corpus);
+    corpus.AddPrefixes(
+        "rtf", 1,
+        "{\\rtf1\\ansi\\fromhtml1{\\*\\htmltag64 <p>}\\htmlrtf{\\f0 x\\htmlrtf0 a<b}\\'e9\\u-9?\\bin3 abc\\~}");
+    corpus.AddPrefixes(
+        "html", 0,
+        "<table><tr><td>a<td>b</table><pre>x\n y</pre>&#x20AC;&eacute<a b='<'><script>no</script><!--x-->"
+        "<![CDATA[y]]>");
     for (const char* pattern :
          {"<a ='", "<script>", "</p", "<!--", "&#1", "<![CDATA[", "<td><pre>", "<x@y", "\x1b$B!"}) {
       corpus.Add("html", "pattern", static_cast<char>(0xF0), pattern);

@@ -100,7 +100,7 @@ inline void ReadTable(const vault::Table& table, Budget& budget) {
 
 // A short input again and again: work that grows faster than the input shows as a time-out.
 inline std::vector<std::uint8_t> Repeated(std::span<const std::uint8_t> bytes) {
-  constexpr std::size_t kShort = 64, kSize = 32 << 10;
+  constexpr std::size_t kShort = 64, kSize = 16 << 10;
   std::vector<std::uint8_t> result;
   bytes = bytes.first(std::min(bytes.size(), kShort));
   if (bytes.empty()) return result;

@@ -26,7 +26,10 @@ class Image {
 
   // Appends a page with its trailer; the result is its offset.
   std::uint64_t AddPage(View data, vault::Bid bid, std::uint8_t type) {
-    const std::uint64_t at = Grow(vault::kPageSize, vault::kPageSize);
+    return PutPage(ReservePage(), data, bid, type);
+  }
+  std::uint64_t ReservePage() { return Grow(vault::kPageSize, vault::kPageSize); }
+  std::uint64_t PutPage(std::uint64_t at, View data, vault::Bid bid, std::uint8_t type) {
     std::uint8_t* const page = bytes_.data() + at;
     std::copy_n(data.begin(), std::min<std::size_t>(data.size(), layout_.page_data), page);
     std::uint8_t* const trailer = page + layout_.page_data;
@@ -61,6 +64,7 @@ class Image {
     for (unsigned i = 0; i < 4; ++i) Put(h + layout_.root_at + i * layout_.word, words[i], layout_.word);
     if (layout_.word == 8) Put(h + 524, vault::Crc(View(h + 8, 516)), 4);
     Put(h + 4, vault::Crc(View(h + 8, 471)), 4);
+    bytes_.shrink_to_fit();  // reading behind the end must not find spare room
     return std::move(bytes_);
   }
 
@@ -145,32 +149,34 @@ Bytes BlockCase::MakeStore(vault::Nid nid) const {
   vault::Bid page_bid = 0x40000000;
   const std::uint64_t node_root = image.AddPage(node.data(), page_bid, vault::kNodeTreePage);
 
+  // Blocks come last, and among them the node's data: whoever reads on behind it leaves the file.
+  std::vector<std::uint64_t> leaves(blocks.size() / (layout.entry_count_at / layout.block_entry) + 1);
+  for (std::uint64_t& leaf : leaves) leaf = image.ReservePage();
+  const std::uint64_t block_root = image.ReservePage();
+  std::map<vault::Bid, std::uint64_t> places;
+  for (const auto& [bid, bytes] : blocks)
+    if (bid != data) places[bid] = image.AddBlock(bytes, bid);
+  if (const auto found = blocks.find(data); found != blocks.end()) places[data] = image.AddBlock(found->second, data);
+
   PageBuilder root(layout, layout.branch_entry, 1);
-  std::optional<PageBuilder> leaf;
-  vault::Bid first = 0;
-  const auto close_leaf = [&] {
-    if (!leaf) return;
+  auto next = blocks.begin();
+  for (const std::uint64_t at : leaves) {
+    if (next == blocks.end()) break;
     page_bid += 4;
-    std::uint8_t* const branch = root.Add();
-    Put(branch, first, w);
-    Put(branch + w, page_bid, w);
-    Put(branch + 2 * w, image.AddPage(leaf->data(), page_bid, vault::kBlockTreePage), w);
-    leaf.reset();
-  };
-  for (const auto& [bid, bytes] : blocks) {
-    if (!leaf) {
-      leaf.emplace(layout, layout.block_entry, 0);
-      first = bid;
+    const std::uint64_t branch[] = {next->first, page_bid, at};
+    std::uint8_t* const entry_of_leaf = root.Add();
+    for (unsigned i = 0; i < 3; ++i) Put(entry_of_leaf + i * w, branch[i], w);
+    PageBuilder leaf(layout, layout.block_entry, 0);
+    for (; next != blocks.end() && !leaf.full(); ++next) {
+      std::uint8_t* const block = leaf.Add();
+      Put(block, next->first, w);
+      Put(block + w, places[next->first], w);
+      Put(block + 2 * w, next->second.size(), 2);
     }
-    std::uint8_t* const at = leaf->Add();
-    Put(at, bid, w);
-    Put(at + w, image.AddBlock(bytes, bid), w);
-    Put(at + 2 * w, bytes.size(), 2);
-    if (leaf->full()) close_leaf();
+    image.PutPage(at, leaf.data(), page_bid, vault::kBlockTreePage);
   }
-  close_leaf();
   page_bid += 4;
-  const std::uint64_t block_root = image.AddPage(root.data(), page_bid, vault::kBlockTreePage);
+  image.PutPage(block_root, root.data(), page_bid, vault::kBlockTreePage);
   return image.Finish(0x40000000, node_root, page_bid, block_root);
 }
 
