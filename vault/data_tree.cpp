@@ -78,11 +78,16 @@ std::span<const std::uint8_t> BlockList::Load(std::uint32_t i) const {
     slot.bytes.store(block.bytes.data(), std::memory_order_release);
     return block.bytes;
   }
+  if (decoded_.load(std::memory_order_relaxed) >= tree_.db().file_size()) {
+    throw Error(ErrorCode::kBadBlock, "a node's blocks hold more data than the file", block.offset, tree_.nid());
+  }
   auto decoded = std::make_unique_for_overwrite<std::uint8_t[]>(block.bytes.size());
   Decode(tree_.db().encoding(), block.bid, block.bytes, decoded.get());
   const std::uint8_t* expected = nullptr;
-  if (slot.bytes.compare_exchange_strong(expected, decoded.get(), std::memory_order_acq_rel))
+  if (slot.bytes.compare_exchange_strong(expected, decoded.get(), std::memory_order_acq_rel)) {
+    decoded_.fetch_add(block.bytes.size(), std::memory_order_relaxed);
     expected = decoded.release();
+  }
   return {expected, block.bytes.size()};
 }
 

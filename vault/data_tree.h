@@ -53,7 +53,8 @@ class BlockList {
 
   const DataTree& tree() const { return tree_; }
   std::uint32_t size() const { return tree_.block_count(); }
-  // Throws Error; i < size() is the caller's to check.
+  // Throws Error, also when the blocks, which may all be the same one, decode to more than the whole file;
+  // i < size() is the caller's to check.
   std::span<const std::uint8_t> operator[](std::uint32_t i) const {
     const Slot& slot = slots_[i];
     const std::uint8_t* const bytes = slot.bytes.load(std::memory_order_acquire);
@@ -69,6 +70,7 @@ class BlockList {
 
   DataTree tree_;
   std::unique_ptr<Slot[]> slots_;
+  mutable std::atomic<std::uint64_t> decoded_{0};  // bytes
 };
 
 }  // namespace vault

@@ -45,10 +45,17 @@ void Database::Verified::Set(std::uint64_t offset) const {
 }
 
 std::shared_ptr<const Database> Database::Open(const std::filesystem::path& path) {
-  return std::shared_ptr<const Database>(new Database(path));
+  MappedFile map(path);
+  const auto bytes = map.bytes();
+  return std::shared_ptr<const Database>(new Database(std::move(map), bytes));
 }
 
-Database::Database(const std::filesystem::path& path) : map_(path), file_(map_.bytes()), verified_(file_.size()) {
+std::shared_ptr<const Database> Database::OpenBytes(std::span<const std::uint8_t> bytes) {
+  return std::shared_ptr<const Database>(new Database(std::nullopt, bytes));
+}
+
+Database::Database(std::optional<MappedFile> map, std::span<const std::uint8_t> bytes)
+    : map_(std::move(map)), file_(bytes), verified_(bytes.size()) {
   ReadHeader();
 }
 

@@ -38,6 +38,8 @@ class Database : public std::enable_shared_from_this<Database> {
  public:
   // Maps the file and checks the header. Throws Error.
   static std::shared_ptr<const Database> Open(const std::filesystem::path& path);
+  // The same for a file's bytes in memory, which outlive the result and everything that comes from it.
+  static std::shared_ptr<const Database> OpenBytes(std::span<const std::uint8_t> bytes);
 
   const Layout& layout() const { return *layout_; }
   Encoding encoding() const { return encoding_; }
@@ -64,7 +66,7 @@ class Database : public std::enable_shared_from_this<Database> {
   NodeInfo ParseNode(const std::uint8_t* entry) const;
 
  private:
-  explicit Database(const std::filesystem::path& path);
+  Database(std::optional<MappedFile> map, std::span<const std::uint8_t> bytes);
   void ReadHeader();
   // The leaf entry of `key`, or null.
   const std::uint8_t* FindEntry(Root root, std::uint8_t type, std::uint64_t key) const;
@@ -90,7 +92,7 @@ class Database : public std::enable_shared_from_this<Database> {
     std::unique_ptr<std::uint32_t[], Free> words_;
   };
 
-  MappedFile map_;
+  const std::optional<MappedFile> map_;
   std::span<const std::uint8_t> file_;
   Verified verified_;
   const Layout* layout_ = nullptr;

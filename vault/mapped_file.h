@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <span>
+#include <utility>
 
 namespace vault {
 
@@ -13,8 +14,8 @@ class MappedFile {
   // file meanwhile; on Windows nobody can truncate it while it is mapped.
   explicit MappedFile(const std::filesystem::path& path);
   ~MappedFile();
-  MappedFile(const MappedFile&) = delete;
-  MappedFile& operator=(const MappedFile&) = delete;
+  MappedFile(MappedFile&& other) noexcept : bytes_(std::exchange(other.bytes_, {})) {}
+  MappedFile& operator=(MappedFile&&) = delete;
 
   std::span<const std::uint8_t> bytes() const { return bytes_; }
 

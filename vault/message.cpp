@@ -5,8 +5,12 @@
 
 namespace vault {
 
-Message::Message(std::shared_ptr<const Database> db, const NodeInfo& node, unsigned depth)
-    : db_(std::move(db)), node_(node), depth_(depth), properties_(Heap::Open(db_, node, HeapClient::kProperties)) {}
+Message::Message(std::shared_ptr<const Database> db, const NodeInfo& node,
+                 std::shared_ptr<const EnclosingMessage> outer)
+    : db_(std::move(db)),
+      node_(node),
+      self_(std::make_shared<EnclosingMessage>(EnclosingMessage{node.data, outer ? outer->depth + 1 : 0, outer})),
+      properties_(Heap::Open(db_, node, HeapClient::kProperties)) {}
 
 std::u16string Message::message_class() const {
   return properties_.Text(prop::kMessageClass).value_or(u"");
@@ -57,11 +61,15 @@ std::vector<Nid> Message::AttachmentNids() const {
 Attachment Message::OpenAttachment(Nid nid) const {
   const auto node = db_->FindSubnode(node_.subnodes, nid);
   if (!node) throw Error(ErrorCode::kNotFound, "the message has no such attachment", std::nullopt, node_.nid);
-  return {db_, *node, depth_};
+  return {db_, *node, self_};
 }
 
-Attachment::Attachment(std::shared_ptr<const Database> db, const NodeInfo& node, unsigned depth)
-    : db_(std::move(db)), node_(node), depth_(depth), properties_(Heap::Open(db_, node, HeapClient::kProperties)) {}
+Attachment::Attachment(std::shared_ptr<const Database> db, const NodeInfo& node,
+                       std::shared_ptr<const EnclosingMessage> owner)
+    : db_(std::move(db)),
+      node_(node),
+      owner_(std::move(owner)),
+      properties_(Heap::Open(db_, node, HeapClient::kProperties)) {}
 
 AttachMethod Attachment::method() const {
   return static_cast<AttachMethod>(properties_.Int(prop::kAttachMethod).value_or(0));
@@ -94,12 +102,17 @@ std::optional<ValueReader> Attachment::Data() const {
 Message Attachment::OpenEmbedded() const {
   const Nid nid = method() == AttachMethod::kEmbedded ? ObjectNid() : 0;
   if (!nid) throw Error(ErrorCode::kNotFound, "the attachment holds no message", std::nullopt, node_.nid);
-  if (depth_ + 1 > kMaxEmbeddingDepth) {
+  if (owner_->depth + 1 > kMaxEmbeddingDepth) {
     throw Error(ErrorCode::kLimit, "messages are embedded in one another too deeply", std::nullopt, node_.nid);
   }
   const auto node = db_->FindSubnode(node_.subnodes, nid);
   if (!node) throw Error(ErrorCode::kNotFound, "an embedded message is not there", std::nullopt, node_.nid);
-  return {db_, *node, depth_ + 1};
+  for (const EnclosingMessage* outer = owner_.get(); outer; outer = outer->outer.get()) {
+    if (outer->data == node->data) {
+      throw Error(ErrorCode::kLimit, "a message is embedded in itself", std::nullopt, node_.nid);
+    }
+  }
+  return {db_, *node, owner_};
 }
 
 }  // namespace vault

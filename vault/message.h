@@ -16,22 +16,30 @@ namespace vault {
 
 class Attachment;
 
-// Messages within messages beyond this depth are refused (kLimit), so that a store whose subnodes form a circle
-// cannot lead a caller astray.
+// Messages within messages beyond this depth are refused (kLimit), and so is a message within itself: a store whose
+// subnodes form a circle cannot lead a caller astray.
 inline constexpr unsigned kMaxEmbeddingDepth = 32;
+
+// A message and those that it is embedded in. Immutable.
+struct EnclosingMessage {
+  Bid data = 0;  // of the message's node
+  unsigned depth = 0;
+  std::shared_ptr<const EnclosingMessage> outer;
+};
 
 // A message of a folder, or one embedded in an attachment. A cheap handle; see store.h for threads and lifetime.
 class Message {
  public:
-  // For the store and for Attachment: opens the message's properties. Throws Error.
-  Message(std::shared_ptr<const Database> db, const NodeInfo& node, unsigned depth);
+  // For the store and for Attachment: opens the message's properties. `outer` is null for a message of a folder.
+  // Throws Error.
+  Message(std::shared_ptr<const Database> db, const NodeInfo& node, std::shared_ptr<const EnclosingMessage> outer);
 
   // The node; for an embedded message its subnode's id, which is no node of the node tree.
   Nid nid() const { return node_.nid; }
   // The folder; 0 for an embedded message.
   Nid parent() const { return node_.parent; }
   // 0: lies in a folder; n: embedded in a message of depth n - 1.
-  unsigned depth() const { return depth_; }
+  unsigned depth() const { return self_->depth; }
   // A hidden message of a folder's associated table.
   bool is_associated() const { return TypeOf(node_.nid) == NidType::kAssociatedMessage; }
 
@@ -53,7 +61,7 @@ class Message {
 
   std::shared_ptr<const Database> db_;
   NodeInfo node_;
-  unsigned depth_ = 0;
+  std::shared_ptr<const EnclosingMessage> self_;
   PropertySet properties_;
 };
 
@@ -61,7 +69,7 @@ class Message {
 class Attachment {
  public:
   // For Message: opens the attachment's properties. Throws Error.
-  Attachment(std::shared_ptr<const Database> db, const NodeInfo& node, unsigned depth);
+  Attachment(std::shared_ptr<const Database> db, const NodeInfo& node, std::shared_ptr<const EnclosingMessage> owner);
 
   Nid nid() const { return node_.nid; }
   const PropertySet& properties() const { return properties_; }
@@ -82,7 +90,7 @@ class Attachment {
 
   std::shared_ptr<const Database> db_;
   NodeInfo node_;
-  unsigned depth_ = 0;
+  std::shared_ptr<const EnclosingMessage> owner_;
   PropertySet properties_;
 };
 

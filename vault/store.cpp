@@ -12,6 +12,10 @@ std::shared_ptr<const Store> Store::Open(const std::filesystem::path& path) {
   return std::shared_ptr<const Store>(new Store(Database::Open(path)));
 }
 
+std::shared_ptr<const Store> Store::OpenBytes(std::span<const std::uint8_t> bytes) {
+  return std::shared_ptr<const Store>(new Store(Database::OpenBytes(bytes)));
+}
+
 Store::Store(std::shared_ptr<const Database> db) : db_(std::move(db)) {
   const auto node = db_->FindNode(kStoreNid);
   if (!node) throw Error(ErrorCode::kNotFound, "the store has no store object", std::nullopt, kStoreNid);
@@ -20,7 +24,13 @@ Store::Store(std::shared_ptr<const Database> db) : db_(std::move(db)) {
   if (uid && uid->size() == uid_.size()) std::memcpy(uid_.data(), uid->data(), uid_.size());
   const auto entry_id = properties_.Binary(prop::kIpmSubtreeEntryId, sizeof(EntryId));
   const auto parts = entry_id ? SplitEntryId(*entry_id) : std::nullopt;
-  if (parts && TypeOf(parts->nid) == NidType::kFolder && HasNode(parts->nid)) subtree_ = parts->nid;
+  if (!parts || TypeOf(parts->nid) != NidType::kFolder) return;
+  try {
+    if (HasNode(parts->nid)) subtree_ = parts->nid;
+  } catch (const Error&) {
+    // Damage where the folder's node should be is no reason to refuse what lies elsewhere.
+    subtree_ = parts->nid;
+  }
 }
 
 Format Store::format() const {
@@ -47,7 +57,7 @@ Message Store::OpenMessage(Nid nid) const {
   const bool message = TypeOf(nid) == NidType::kMessage || TypeOf(nid) == NidType::kAssociatedMessage;
   const auto node = message ? db_->FindNode(nid) : std::nullopt;
   if (!node) throw Error(ErrorCode::kNotFound, "the store has no such message", std::nullopt, nid);
-  return {db_, *node, 0};
+  return {db_, *node, nullptr};
 }
 
 std::optional<NodeInfo> Store::FindNode(Nid nid) const {

@@ -41,6 +41,8 @@ class Store {
   // Maps the file read-only and checks its header: costs a few pages whatever the size. Throws Error: kCannotOpen,
   // kNotAStore, kHeaderChecksum, kUnsupportedVersion, kBadHeader, or the damage of the tree roots or store object.
   static std::shared_ptr<const Store> Open(const std::filesystem::path& path);
+  // The same for a file's bytes in memory, which outlive the store and every handle of it.
+  static std::shared_ptr<const Store> OpenBytes(std::span<const std::uint8_t> bytes);
 
   Format format() const;
   Encoding encoding() const;

@@ -25,6 +25,7 @@ Table::Table(std::shared_ptr<const Heap> heap) : heap_(std::move(heap)) {
     throw bad("a table has rows of an impossible size");
   }
   columns_.reserve(count);
+  unsigned cells = 0;
   for (unsigned i = 0; i < count; ++i) {
     const std::uint8_t* const c = info.data() + kInfoSize + i * kColumnSize;
     const Column column{Load32(c), Load16(c + 4), c[6], c[7]};
@@ -32,7 +33,10 @@ Table::Table(std::shared_ptr<const Heap> heap) : heap_(std::move(heap)) {
       throw bad("a column lies outside its table's rows");
     }
     columns_.push_back(column);
+    cells += column.size;
   }
+  // Work on a row stays within the row's size.
+  if (cells > bits_at_) throw bad("a table's columns overlap");
   index_ = TreeOnHeap(*heap_, Load32(info.data() + 10), kRowIdSize, layout.row_number);
   const std::uint32_t rows = Load32(info.data() + 14);
   if (rows == 0) return;
@@ -46,8 +50,11 @@ Table::Table(std::shared_ptr<const Heap> heap) : heap_(std::move(heap)) {
   rows_per_block_ = layout.block_data / row_size_;
   if (blocks_->size() == 0) return;
   const std::uint32_t last = blocks_->size() - 1;
-  row_count_ =
-      last * rows_per_block_ + static_cast<std::uint32_t>(blocks_->tree().Stored(last).bytes.size() / row_size_);
+  const std::uint64_t row_total =
+      std::uint64_t{last} * rows_per_block_ + blocks_->tree().Stored(last).bytes.size() / row_size_;
+  // A list of blocks may name the same block again and again.
+  if (row_total * row_size_ > heap_->db()->file_size()) throw bad("a table claims more rows than the file holds");
+  row_count_ = static_cast<std::uint32_t>(row_total);
 }
 
 std::optional<std::size_t> Table::FindColumn(std::uint16_t id) const {

@@ -37,6 +37,27 @@ class Walker {
     }
   }
 
+  void Message(const vault::Message& message) {
+    ++result.messages;
+    Properties(message.properties());
+    Guard([&] { result.recipients += Rows(message.Recipients()).size(); });
+    Guard([&] { Rows(message.Attachments()); });
+    std::vector<vault::Nid> nids;
+    Guard([&] { nids = message.AttachmentNids(); });
+    for (const vault::Nid nid : nids) {
+      Guard([&] {
+        const vault::Attachment attachment = message.OpenAttachment(nid);
+        ++result.attachments;
+        Properties(attachment.properties());
+        if (attachment.method() == vault::AttachMethod::kEmbedded) {
+          Message(attachment.OpenEmbedded());
+        } else if (const auto data = attachment.Data()) {
+          result.bytes += data->size();
+        }
+      });
+    }
+  }
+
   Walked result;
   Sha256 sum;
 
@@ -112,27 +133,6 @@ class Walker {
     Guard([&] { Rows(folder.Associated()); });
   }
 
-  void Message(const vault::Message& message) {
-    ++result.messages;
-    Properties(message.properties());
-    Guard([&] { result.recipients += Rows(message.Recipients()).size(); });
-    Guard([&] { Rows(message.Attachments()); });
-    std::vector<vault::Nid> nids;
-    Guard([&] { nids = message.AttachmentNids(); });
-    for (const vault::Nid nid : nids) {
-      Guard([&] {
-        const vault::Attachment attachment = message.OpenAttachment(nid);
-        ++result.attachments;
-        Properties(attachment.properties());
-        if (attachment.method() == vault::AttachMethod::kEmbedded) {
-          Message(attachment.OpenEmbedded());
-        } else if (const auto data = attachment.Data()) {
-          result.bytes += data->size();
-        }
-      });
-    }
-  }
-
   const std::function<bool()>& go_on_;
 };
 
@@ -147,6 +147,13 @@ Walked WalkStore(const vault::Store& store, const std::function<bool()>& go_on) 
     // The caller's time is over.
   }
   return walker.result;
+}
+
+std::string DigestOfMessage(const vault::Store& store, vault::Nid nid) {
+  const std::function<bool()> always = [] { return true; };
+  Walker walker(always);
+  walker.Message(store.OpenMessage(nid));
+  return walker.sum.Finish();
 }
 
 }  // namespace test

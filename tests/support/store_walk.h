@@ -22,4 +22,8 @@ struct Walked {
 Walked WalkStore(
     const vault::Store& store, const std::function<bool()>& go_on = [] { return true; });
 
+// A digest over every value that WalkStore would read of one message. Throws vault::Error when it cannot be opened;
+// what is damaged inside is left out.
+std::string DigestOfMessage(const vault::Store& store, vault::Nid nid);
+
 }  // namespace test

@@ -1,11 +1,11 @@
 // Damaged stores: a typed error that names the place, never a crash or a walk without end, and the rest readable.
+// Random damage is the business of fuzz/.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
-#include <random>
 
 #include "tests/support/store_walk.h"
 #include "tests/vault/store_surgeon.h"
@@ -172,35 +172,6 @@ TEST_F(Hostile, SubnodesThatContainThemselvesEnd) {
     Walk(damaged);
   }
   EXPECT_GT(lists, 2u);
-}
-
-// Random damage behind right checksums, to blocks and pages alike.
-TEST_F(Hostile, RandomDamageGivesTypedErrorsOnly) {
-  std::mt19937 random(20240229);
-  const auto pick = [&](std::size_t below) { return std::uniform_int_distribution<std::size_t>(0, below - 1)(random); };
-  constexpr std::uint8_t kTelling[] = {0x00, 0x01, 0x02, 0x1F, 0x20, 0x7C, 0x7F, 0x80, 0xB5, 0xBC, 0xEC, 0xFF};
-  std::vector<test::StoreSurgeon> stores;
-  for (const char* name : {"four_nesting_levels.pst", "java-libpst-dist-list.pst", "pstsdk-test_ansi.pst",
-                           "stickynotes.pst", "ansi-294-messages.pst"}) {
-    stores.emplace_back(Sample(name));
-  }
-  const auto end = Clock::now() + std::chrono::seconds(20);
-  unsigned rounds = 0, hurt = 0;
-  for (; rounds < 3000 && Clock::now() < end && !HasFailure(); ++rounds) {
-    test::StoreSurgeon damaged = stores[pick(stores.size())];
-    for (std::size_t n = 1 + pick(4); n > 0; --n) {
-      damaged.Change(damaged.parts()[pick(damaged.parts().size())], [&](std::span<std::uint8_t> data) {
-        // Structure lies mostly at the ends of a block.
-        const std::size_t near = pick(2) ? pick(std::min<std::size_t>(data.size(), 64)) : pick(data.size());
-        const std::size_t at = pick(3) ? near : data.size() - 1 - near;
-        data[at] = pick(2) ? kTelling[pick(sizeof kTelling)] : static_cast<std::uint8_t>(random());
-      });
-    }
-    hurt += !Walk(damaged).errors.empty();
-  }
-  RecordProperty("rounds", static_cast<int>(rounds));
-  EXPECT_GT(rounds, 100u);
-  EXPECT_GT(hurt, rounds / 20) << "the damage does not reach what is read";
 }
 
 }  // namespace
