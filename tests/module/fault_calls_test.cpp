@@ -73,6 +73,13 @@ class CallFaults : public testing::Test {
     }
     return S_FALSE;
   }
+  // Profiles that stay when the call fails: the stale one, if the run did not get to delete it, and the session's own,
+  // if that could not be deleted. The next session deletes both.
+  long ProfilesAfter(size_t n) const {
+    size_t first = 0;
+    while (sites_[first].name != "IProfAdmin::DeleteProfile") ++first;
+    return (n <= first) + (sites_[n].name == "IProfAdmin::DeleteProfile" && sites_[n].nth == 3);
+  }
   static Invariants::Left LeftAt(Stage stage) {
     return {stage >= Stage::kLoggedOn, stage >= Stage::kServices, stage >= Stage::kEntryId};
   }
@@ -107,9 +114,7 @@ TEST_F(CallFaults, EachCallFailsOnce) {
       ExpectOthersUnharmed(results, site.step);
       // The calls that a session's failure left out are those of the set-up alone; what is torn down leaves nothing.
       const bool kept = operation == Operation::kSession && FAILED(wanted);
-      invariants.Check(LeftAt(kept ? expected->left : Stage::kNone), true,
-                       site.name == "IProfAdmin::DeleteProfile" || FAILED(wanted) ||
-                           (operation == Operation::kSession && expected && wanted == S_OK));
+      invariants.ExpectLeft(LeftAt(kept ? expected->left : Stage::kNone), ProfilesAfter(n));
       ExpectRecovery();
     }
   }
@@ -131,7 +136,7 @@ TEST_F(CallFaults, EachCallAndAllAfterItFail) {
         EXPECT_EQ(operation == Operation::kSession ? SessionResult(lines) : results[site.step].result, wanted);
       }
       for (size_t step = 0; step < site.step; ++step) EXPECT_EQ(results[step], reference_[step]);
-      invariants.Check(kAnyPartOfASession, false, true);
+      invariants.ExpectAtMost(kAnyPartOfASession, 2);
       ExpectRecovery();
     }
   }
@@ -160,7 +165,7 @@ TEST_F(CallFaults, EachCallSucceedsWithNothing) {
       const bool gives = std::find(std::begin(kGivers), std::end(kGivers), site.name) != std::end(kGivers) ||
                          (site.name == "IMsgStore::OpenEntry" && site.nth == 1);
       EXPECT_TRUE(!gives || FAILED(results[site.step].result));
-      invariants.Check(kAnyPartOfASession, false, true);
+      invariants.ExpectAtMost(kAnyPartOfASession, 2);
       ExpectRecovery();
     }
   }
@@ -210,7 +215,7 @@ TEST_F(SpoiltAnswers, AreSurvivedAndJudgedAsLaidDown) {
       for (const char* line : row.lines) EXPECT_TRUE(HasLine(lines, line, plan.result)) << line;
     }
     if (results[0].result == S_OK) ExpectOthersUnharmed(results, site.step);
-    invariants.Check(kAnyPartOfASession, false, operation == Operation::kSession);
+    invariants.ExpectAtMost(kAnyPartOfASession, operation == Operation::kSession);
     if (operation == Operation::kSession) ExpectRecovery();
     if (HasFailure()) break;
   }

@@ -329,7 +329,7 @@ bool Scene::LogIsFree() {
   return done;
 }
 
-void Invariants::Check(const Left& left, bool exact, bool profile_may_stay) const {
+void Invariants::Check(const Left& left, long profiles, bool exact) const {
   const ProviderFaults::Alive now = ProviderFaults::Count();
   const auto within = [exact](long alive, long most) { return exact ? alive == most : alive >= 0 && alive <= most; };
   const bool only_left = within(now.sessions - before_.sessions, left.sessions) &&
@@ -340,7 +340,7 @@ void Invariants::Check(const Left& left, bool exact, bool profile_may_stay) cons
                          now.row_sets == before_.row_sets && now.store_files <= 1 &&
                          now.open_profiles - before_.open_profiles <= left.sessions;
   EXPECT_TRUE(only_left) << now << "; before, " << before_;
-  EXPECT_TRUE(profile_may_stay || !now.profiles) << now;
+  EXPECT_TRUE(within(now.profiles, profiles)) << now << "; expected, " << profiles;
   EXPECT_EQ(Scene::Get().TemporaryFiles(), 0u);
 }
 

@@ -90,11 +90,13 @@ class Invariants {
     long sessions = 0, service_admins = 0, buffers = 0;
   };
   Invariants() : before_(ProviderFaults::Count()) {}
-  // After a run and without any fault: `left` may still be there; `exact`: must. `profile_may_stay`: its deletion
-  // failed.
-  void Check(const Left& left, bool exact, bool profile_may_stay) const;
+  // After a run: all of `left` is still there, and as many profiles.
+  void ExpectLeft(const Left& left, long profiles) const { Check(left, profiles, true); }
+  // No more than that is.
+  void ExpectAtMost(const Left& left, long profiles) const { Check(left, profiles, false); }
 
  private:
+  void Check(const Left& left, long profiles, bool exact) const;
   ProviderFaults::Alive before_;
 };
 inline constexpr Invariants::Left kAnyPartOfASession = {1, 1, 1};
