@@ -114,7 +114,7 @@ TEST_F(MemoryFaults, OfTheModulesOwn) {
   const auto seen = [] { return of_new.seen(); };
   // An object that is not made whole is taken down again: nothing stays.
   DenyEach("new, operations", 500, plan, seen, [&] { return scene_.RunSteps(); }, {});
-  DenyEach("new, crawl", 450, plan, seen, [&] { return scene_.Crawl(); }, {});
+  DenyEach("new, crawl", 300, plan, seen, [&] { return scene_.Crawl(); }, {});
 }
 
 TEST_F(MemoryFaults, OfCom) {
@@ -134,7 +134,7 @@ TEST_F(MemoryFaults, OfTheProvidersBlocks) {
   DenyEach(
       "blocks, operations", 400, PlanBlocks, seen, [&] { return scene_.RunSteps(); }, kAnyPartOfASession);
   DenyEach(
-      "blocks, crawl", 400, PlanBlocks, seen, [&] { return scene_.Crawl(); }, kAnyPartOfASession);
+      "blocks, crawl", 200, PlanBlocks, seen, [&] { return scene_.Crawl(); }, kAnyPartOfASession);
 }
 
 }  // namespace
