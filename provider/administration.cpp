@@ -12,25 +12,27 @@ class ServiceAdmin : public Object<IMsgServiceAdmin> {
   explicit ServiceAdmin(std::shared_ptr<Profile> profile) : Object(Kind::kServiceAdmin), profile_(std::move(profile)) {}
 
   STDMETHODIMP GetLastError(HRESULT code, ULONG flags, LPMAPIERROR* error) override {
-    return LastError(code, flags, error);
+    return LastError("IMsgServiceAdmin::GetLastError", code, flags, error);
   }
   STDMETHODIMP GetMsgServiceTable(ULONG flags, LPMAPITABLE* table) override {
-    return Guarded("IMsgServiceAdmin::GetMsgServiceTable", [&] {
-      Require(table != nullptr, MAPI_E_INVALID_PARAMETER);
-      *table = nullptr;
-      auto rows = std::make_shared<FixedRows>(
-          std::vector<vault::PropTag>{PR_SERVICE_UID, PR_DISPLAY_NAME_W, PR_SERVICE_NAME_W, PR_INSTANCE_KEY});
-      for (const Service& service : profile_->services()) {
-        const std::vector<std::uint8_t> uid(service.uid.ab, service.uid.ab + sizeof service.uid.ab);
-        std::vector<Value> row;
-        row.push_back(Value::Owned(PR_SERVICE_UID, uid));
-        row.push_back(Value::Text(PROP_ID(PR_DISPLAY_NAME), service.display));
-        row.push_back(Value::Text(PROP_ID(PR_SERVICE_NAME), service.name));
-        row.push_back(Value::Owned(PR_INSTANCE_KEY, uid));
-        rows->Add(std::move(row));
-      }
-      *table = MakeTable(std::move(rows), flags).Detach();
-    });
+    return Guarded(
+        "IMsgServiceAdmin::GetMsgServiceTable",
+        [&] {
+          Require(table != nullptr, MAPI_E_INVALID_PARAMETER);
+          auto rows = std::make_shared<FixedRows>(
+              std::vector<vault::PropTag>{PR_SERVICE_UID, PR_DISPLAY_NAME_W, PR_SERVICE_NAME_W, PR_INSTANCE_KEY});
+          for (const Service& service : profile_->services()) {
+            const std::vector<std::uint8_t> uid(service.uid.ab, service.uid.ab + sizeof service.uid.ab);
+            std::vector<Value> row;
+            row.push_back(Value::Owned(PR_SERVICE_UID, uid));
+            row.push_back(Value::Text(PROP_ID(PR_DISPLAY_NAME), service.display));
+            row.push_back(Value::Text(PROP_ID(PR_SERVICE_NAME), service.name));
+            row.push_back(Value::Owned(PR_INSTANCE_KEY, uid));
+            rows->Add(std::move(row));
+          }
+          *table = MakeTable(std::move(rows), flags).Detach();
+        },
+        table);
   }
   STDMETHODIMP CreateMsgService(LPTSTR service, LPTSTR display, ULONG_PTR, ULONG flags) override {
     return Guarded("IMsgServiceAdmin::CreateMsgService", [&] {
@@ -46,7 +48,7 @@ class ServiceAdmin : public Object<IMsgServiceAdmin> {
     });
   }
   STDMETHODIMP CopyMsgService(LPMAPIUID, LPTSTR, LPCIID, LPCIID, LPVOID, ULONG_PTR, ULONG) override {
-    return MAPI_E_NO_SUPPORT;
+    return Answer("IMsgServiceAdmin::CopyMsgService", MAPI_E_NO_SUPPORT);
   }
   STDMETHODIMP RenameMsgService(LPMAPIUID uid, ULONG flags, LPTSTR display) override {
     return Guarded("IMsgServiceAdmin::RenameMsgService", [&] {
@@ -66,11 +68,21 @@ class ServiceAdmin : public Object<IMsgServiceAdmin> {
       profile_->Configure(*uid, path);
     });
   }
-  STDMETHODIMP OpenProfileSection(LPMAPIUID, LPCIID, ULONG, LPPROFSECT*) override { return MAPI_E_NO_SUPPORT; }
-  STDMETHODIMP MsgServiceTransportOrder(ULONG, LPMAPIUID, ULONG) override { return MAPI_E_NO_SUPPORT; }
-  STDMETHODIMP AdminProviders(LPMAPIUID, ULONG, LPPROVIDERADMIN*) override { return MAPI_E_NO_SUPPORT; }
-  STDMETHODIMP SetPrimaryIdentity(LPMAPIUID, ULONG) override { return MAPI_E_NO_SUPPORT; }
-  STDMETHODIMP GetProviderTable(ULONG, LPMAPITABLE*) override { return MAPI_E_NO_SUPPORT; }
+  STDMETHODIMP OpenProfileSection(LPMAPIUID, LPCIID, ULONG, LPPROFSECT*) override {
+    return Answer("IMsgServiceAdmin::OpenProfileSection", MAPI_E_NO_SUPPORT);
+  }
+  STDMETHODIMP MsgServiceTransportOrder(ULONG, LPMAPIUID, ULONG) override {
+    return Answer("IMsgServiceAdmin::MsgServiceTransportOrder", MAPI_E_NO_SUPPORT);
+  }
+  STDMETHODIMP AdminProviders(LPMAPIUID, ULONG, LPPROVIDERADMIN*) override {
+    return Answer("IMsgServiceAdmin::AdminProviders", MAPI_E_NO_SUPPORT);
+  }
+  STDMETHODIMP SetPrimaryIdentity(LPMAPIUID, ULONG) override {
+    return Answer("IMsgServiceAdmin::SetPrimaryIdentity", MAPI_E_NO_SUPPORT);
+  }
+  STDMETHODIMP GetProviderTable(ULONG, LPMAPITABLE*) override {
+    return Answer("IMsgServiceAdmin::GetProviderTable", MAPI_E_NO_SUPPORT);
+  }
 
  protected:
   bool Implements(REFIID iid) const override { return iid == IID_IMsgServiceAdmin; }
@@ -84,22 +96,24 @@ class ProfileAdmin : public Object<IProfAdmin> {
   ProfileAdmin() : Object(Kind::kProfileAdmin) {}
 
   STDMETHODIMP GetLastError(HRESULT code, ULONG flags, LPMAPIERROR* error) override {
-    return LastError(code, flags, error);
+    return LastError("IProfAdmin::GetLastError", code, flags, error);
   }
   STDMETHODIMP GetProfileTable(ULONG flags, LPMAPITABLE* table) override {
-    return Guarded("IProfAdmin::GetProfileTable", [&] {
-      Require(table != nullptr, MAPI_E_INVALID_PARAMETER);
-      *table = nullptr;
-      auto rows = std::make_shared<FixedRows>(std::vector<vault::PropTag>{PR_DISPLAY_NAME_W, PR_DEFAULT_PROFILE});
-      const std::u16string standard = profiles::Default();
-      for (const std::u16string& name : profiles::Names()) {
-        std::vector<Value> row;
-        row.push_back(Value::Text(PROP_ID(PR_DISPLAY_NAME), name));
-        row.push_back(Value::Bool(PROP_ID(PR_DEFAULT_PROFILE), name == standard));
-        rows->Add(std::move(row));
-      }
-      *table = MakeTable(std::move(rows), flags).Detach();
-    });
+    return Guarded(
+        "IProfAdmin::GetProfileTable",
+        [&] {
+          Require(table != nullptr, MAPI_E_INVALID_PARAMETER);
+          auto rows = std::make_shared<FixedRows>(std::vector<vault::PropTag>{PR_DISPLAY_NAME_W, PR_DEFAULT_PROFILE});
+          const std::u16string standard = profiles::Default();
+          for (const std::u16string& name : profiles::Names()) {
+            std::vector<Value> row;
+            row.push_back(Value::Text(PROP_ID(PR_DISPLAY_NAME), name));
+            row.push_back(Value::Bool(PROP_ID(PR_DEFAULT_PROFILE), name == standard));
+            rows->Add(std::move(row));
+          }
+          *table = MakeTable(std::move(rows), flags).Detach();
+        },
+        table);
   }
   STDMETHODIMP CreateProfile(LPTSTR name, LPTSTR, ULONG_PTR, ULONG flags) override {
     return Guarded("IProfAdmin::CreateProfile", [&] {
@@ -115,20 +129,28 @@ class ProfileAdmin : public Object<IProfAdmin> {
   STDMETHODIMP DeleteProfile(LPTSTR name, ULONG flags) override {
     return Guarded("IProfAdmin::DeleteProfile", [&] { profiles::Delete(FromCaller(name, flags)); });
   }
-  STDMETHODIMP ChangeProfilePassword(LPTSTR, LPTSTR, LPTSTR, ULONG) override { return MAPI_E_NO_SUPPORT; }
-  STDMETHODIMP CopyProfile(LPTSTR, LPTSTR, LPTSTR, ULONG_PTR, ULONG) override { return MAPI_E_NO_SUPPORT; }
-  STDMETHODIMP RenameProfile(LPTSTR, LPTSTR, LPTSTR, ULONG_PTR, ULONG) override { return MAPI_E_NO_SUPPORT; }
+  STDMETHODIMP ChangeProfilePassword(LPTSTR, LPTSTR, LPTSTR, ULONG) override {
+    return Answer("IProfAdmin::ChangeProfilePassword", MAPI_E_NO_SUPPORT);
+  }
+  STDMETHODIMP CopyProfile(LPTSTR, LPTSTR, LPTSTR, ULONG_PTR, ULONG) override {
+    return Answer("IProfAdmin::CopyProfile", MAPI_E_NO_SUPPORT);
+  }
+  STDMETHODIMP RenameProfile(LPTSTR, LPTSTR, LPTSTR, ULONG_PTR, ULONG) override {
+    return Answer("IProfAdmin::RenameProfile", MAPI_E_NO_SUPPORT);
+  }
   STDMETHODIMP SetDefaultProfile(LPTSTR name, ULONG flags) override {
     return Guarded("IProfAdmin::SetDefaultProfile", [&] { profiles::SetDefault(FromCaller(name, flags)); });
   }
   STDMETHODIMP AdminServices(LPTSTR name, LPTSTR, ULONG_PTR, ULONG flags, LPSERVICEADMIN* admin) override {
-    return Guarded("IProfAdmin::AdminServices", [&] {
-      Require(admin != nullptr, MAPI_E_INVALID_PARAMETER);
-      *admin = nullptr;
-      auto profile = profiles::OpenForAdministration(FromCaller(name, flags));
-      Require(profile != nullptr, MAPI_E_NOT_FOUND);
-      *admin = MakeServiceAdmin(std::move(profile)).Detach();
-    });
+    return Guarded(
+        "IProfAdmin::AdminServices",
+        [&] {
+          Require(admin != nullptr, MAPI_E_INVALID_PARAMETER);
+          auto profile = profiles::OpenForAdministration(FromCaller(name, flags));
+          Require(profile != nullptr, MAPI_E_NOT_FOUND);
+          *admin = MakeServiceAdmin(std::move(profile)).Detach();
+        },
+        admin);
   }
 
  protected:

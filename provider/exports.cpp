@@ -15,15 +15,26 @@ namespace {
 std::atomic<long> initialized{0};
 
 // For functions outside the objects: the same boundary.
-template <class Body>
-HRESULT Guarded(const char* function, Body&& body) noexcept {
+template <class Body, class... Out>
+HRESULT Guarded(const char* function, Body&& body, Out*... outs) noexcept {
+  ((outs ? void(*outs = {}) : void()), ...);
   try {
-    Checkpoint(function);
-    body();
-    return S_OK;
+    const Call call(function);
+    return Run(body, call);
   } catch (...) {
     return CurrentFailure().code;
   }
+}
+void FreeRows(LPSRowSet rows) {
+  for (ULONG i = 0; rows && i < rows->cRows; ++i) FreeBuffer(rows->aRow[i].lpProps);
+  FreeBuffer(rows);
+}
+
+// For those that cannot fail, or must do their work whatever becomes of the call.
+template <class Body>
+auto Always(const char* function, Body&& body) noexcept {
+  Guarded(function, [] {});
+  return body();
 }
 
 }  // namespace
@@ -34,24 +45,22 @@ using namespace provider;
 extern "C" {
 
 SCODE WINAPI HxAllocateBuffer(ULONG size, LPVOID* buffer) {
-  SCODE code = S_OK;
-  const HRESULT result = Guarded("MAPIAllocateBuffer", [&] { code = AllocateBuffer(size, buffer); });
-  return result == S_OK ? code : result;
+  return Guarded(
+      "MAPIAllocateBuffer", [&] { return AllocateBuffer(size, buffer); }, buffer);
 }
 
 SCODE WINAPI HxAllocateMore(ULONG size, LPVOID parent, LPVOID* buffer) {
-  SCODE code = S_OK;
-  const HRESULT result = Guarded("MAPIAllocateMore", [&] { code = AllocateMore(size, parent, buffer); });
-  return result == S_OK ? code : result;
+  return Guarded(
+      "MAPIAllocateMore", [&] { return AllocateMore(size, parent, buffer); }, buffer);
 }
 
 ULONG WINAPI HxFreeBuffer(LPVOID buffer) {
-  return FreeBuffer(buffer);
+  return Always("MAPIFreeBuffer", [&] { return FreeBuffer(buffer); });
 }
 
 LPMALLOC WINAPI HxGetDefaultMalloc() {
   LPMALLOC allocator = nullptr;
-  return CoGetMalloc(1, &allocator) == S_OK ? allocator : nullptr;
+  return Guarded("MAPIGetDefaultMalloc", [&] { return CoGetMalloc(1, &allocator); }) == S_OK ? allocator : nullptr;
 }
 
 HRESULT WINAPI HxInitialize(LPVOID) {
@@ -60,50 +69,62 @@ HRESULT WINAPI HxInitialize(LPVOID) {
 
 void WINAPI HxUninitialize() {
   // One call too many must not make the next MAPIInitialize count for nothing.
-  long count = initialized;
-  while (count > 0 && !initialized.compare_exchange_weak(count, count - 1)) {
-  }
+  Always("MAPIUninitialize", [] {
+    long count = initialized;
+    while (count > 0 && !initialized.compare_exchange_weak(count, count - 1)) {
+    }
+  });
 }
 
 HRESULT WINAPI HxLogonEx(ULONG_PTR, LPTSTR name, LPTSTR, ULONG flags, LPMAPISESSION* session) {
-  if (session) *session = nullptr;
-  return Guarded("MAPILogonEx", [&] {
-    Require(session != nullptr, MAPI_E_INVALID_PARAMETER);
-    Require(initialized > 0, MAPI_E_NOT_INITIALIZED);
-    std::u16string wanted = FromCaller(name, flags);
-    if (wanted.empty() && (flags & MAPI_USE_DEFAULT)) wanted = profiles::Default();
-    Require(!wanted.empty(), MAPI_E_LOGON_FAILED);
-    auto profile = profiles::Open(wanted);
-    Require(profile != nullptr, MAPI_E_LOGON_FAILED);
-    *session = MakeSession(std::move(profile)).Detach();
-  });
+  return Guarded(
+      "MAPILogonEx",
+      [&] {
+        Require(session != nullptr, MAPI_E_INVALID_PARAMETER);
+        Require(initialized > 0, MAPI_E_NOT_INITIALIZED);
+        std::u16string wanted = FromCaller(name, flags);
+        if (wanted.empty() && (flags & MAPI_USE_DEFAULT)) wanted = profiles::Default();
+        Require(!wanted.empty(), MAPI_E_LOGON_FAILED);
+        auto profile = profiles::Open(wanted);
+        Require(profile != nullptr, MAPI_E_LOGON_FAILED);
+        *session = MakeSession(std::move(profile)).Detach();
+      },
+      session);
 }
 
 HRESULT WINAPI HxAdminProfiles(ULONG, LPPROFADMIN* admin) {
-  if (admin) *admin = nullptr;
-  return Guarded("MAPIAdminProfiles", [&] {
-    Require(admin != nullptr, MAPI_E_INVALID_PARAMETER);
-    Require(initialized > 0, MAPI_E_NOT_INITIALIZED);
-    *admin = MakeProfileAdmin().Detach();
-  });
+  return Guarded(
+      "MAPIAdminProfiles",
+      [&] {
+        Require(admin != nullptr, MAPI_E_INVALID_PARAMETER);
+        Require(initialized > 0, MAPI_E_NOT_INITIALIZED);
+        *admin = MakeProfileAdmin().Detach();
+      },
+      admin);
 }
 
 HRESULT WINAPI HxGetOneProp(LPMAPIPROP object, ULONG tag, LPSPropValue* value) {
-  if (value) *value = nullptr;
-  return Guarded("HrGetOneProp", [&] {
-    Require(object && value, MAPI_E_INVALID_PARAMETER);
-    SPropTagArray tags{1, {tag}};
-    ULONG count = 0;
-    LPSPropValue got = nullptr;
-    const HRESULT result = object->GetProps(&tags, 0, &count, &got);
-    if (FAILED(result)) Fail(result);
-    if (PROP_TYPE(got->ulPropTag) == PT_ERROR) {
-      const SCODE error = got->Value.err;
-      FreeBuffer(got);
-      Fail(error);
-    }
-    *value = got;
-  });
+  return Guarded(
+      "HrGetOneProp",
+      [&] {
+        Require(object && value, MAPI_E_INVALID_PARAMETER);
+        SPropTagArray tags{1, {tag}};
+        ULONG count = 0;
+        LPSPropValue got = nullptr;
+        const HRESULT result = object->GetProps(&tags, 0, &count, &got);
+        if (FAILED(result)) Fail(result);
+        if (!got || !count) {
+          FreeBuffer(got);
+          Fail(MAPI_E_NOT_FOUND);
+        }
+        if (PROP_TYPE(got->ulPropTag) == PT_ERROR) {
+          const SCODE error = got->Value.err;
+          FreeBuffer(got);
+          Fail(error);
+        }
+        *value = got;
+      },
+      value);
 }
 
 HRESULT WINAPI HxSetOneProp(LPMAPIPROP object, LPSPropValue value) {
@@ -118,60 +139,64 @@ HRESULT WINAPI HxSetOneProp(LPMAPIPROP object, LPSPropValue value) {
 }
 
 void WINAPI HxFreeProws(LPSRowSet rows) {
-  if (!rows) return;
-  for (ULONG i = 0; i < rows->cRows; ++i) FreeBuffer(rows->aRow[i].lpProps);
-  FreeBuffer(rows);
+  Always("FreeProws", [&] { FreeRows(rows); });
 }
 
 void WINAPI HxFreePadrlist(LPADRLIST list) {
   static_assert(sizeof(ADRENTRY) == sizeof(SRow) && offsetof(ADRENTRY, rgPropVals) == offsetof(SRow, lpProps));
-  HxFreeProws(reinterpret_cast<LPSRowSet>(list));
+  Always("FreePadrlist", [&] { FreeRows(reinterpret_cast<LPSRowSet>(list)); });
 }
 
 HRESULT WINAPI HxQueryAllRows(LPMAPITABLE table, LPSPropTagArray columns, LPSRestriction restriction,
                               LPSSortOrderSet order, LONG most, LPSRowSet* rows) {
-  if (rows) *rows = nullptr;
-  return Guarded("HrQueryAllRows", [&] {
-    Require(table && rows, MAPI_E_INVALID_PARAMETER);
-    const auto check = [](HRESULT result) {
-      if (FAILED(result)) Fail(result);
-    };
-    if (columns) check(table->SetColumns(columns, TBL_BATCH));
-    if (restriction) check(table->Restrict(restriction, TBL_BATCH));
-    if (order) check(table->SortTable(order, TBL_BATCH));
-    check(table->SeekRow(BOOKMARK_BEGINNING, 0, nullptr));
-    ULONG count = 0;
-    check(table->GetRowCount(0, &count));
-    if (most > 0 && count > static_cast<ULONG>(most)) Fail(MAPI_E_TABLE_TOO_BIG);
-    check(table->QueryRows(static_cast<LONG>(count), 0, rows));
-  });
+  return Guarded(
+      "HrQueryAllRows",
+      [&] {
+        Require(table && rows, MAPI_E_INVALID_PARAMETER);
+        const auto check = [](HRESULT result) {
+          if (FAILED(result)) Fail(result);
+        };
+        if (columns) check(table->SetColumns(columns, TBL_BATCH));
+        if (restriction) check(table->Restrict(restriction, TBL_BATCH));
+        if (order) check(table->SortTable(order, TBL_BATCH));
+        check(table->SeekRow(BOOKMARK_BEGINNING, 0, nullptr));
+        ULONG count = 0;
+        check(table->GetRowCount(0, &count));
+        if (most > 0 && count > static_cast<ULONG>(most)) Fail(MAPI_E_TABLE_TOO_BIG);
+        check(table->QueryRows(static_cast<LONG>(count), 0, rows));
+      },
+      rows);
 }
 
 // Narrow characters always, whatever the header says.
 void WINAPI HxHexFromBin(LPBYTE bytes, int count, char* text) {
-  constexpr char kDigits[] = "0123456789ABCDEF";
-  if (!text) return;
-  for (int i = 0; bytes && i < count; ++i) {
-    *text++ = kDigits[bytes[i] >> 4];
-    *text++ = kDigits[bytes[i] & 15];
-  }
-  *text = 0;
+  Always("HexFromBin", [&] {
+    constexpr char kDigits[] = "0123456789ABCDEF";
+    if (!text) return;
+    for (int i = 0; bytes && i < count; ++i) {
+      *text++ = kDigits[bytes[i] >> 4];
+      *text++ = kDigits[bytes[i] & 15];
+    }
+    *text = 0;
+  });
 }
 
 LPSPropValue WINAPI HxFindProp(LPSPropValue values, ULONG count, ULONG tag) {
-  for (ULONG i = 0; values && i < count; ++i) {
-    const bool any_type = PROP_TYPE(tag) == PT_UNSPECIFIED && PROP_ID(tag) == PROP_ID(values[i].ulPropTag);
-    if (any_type || values[i].ulPropTag == tag) return values + i;
-  }
-  return nullptr;
+  return Always("PpropFindProp", [&]() -> LPSPropValue {
+    for (ULONG i = 0; values && i < count; ++i) {
+      const bool any_type = PROP_TYPE(tag) == PT_UNSPECIFIED && PROP_ID(tag) == PROP_ID(values[i].ulPropTag);
+      if (any_type || values[i].ulPropTag == tag) return values + i;
+    }
+    return nullptr;
+  });
 }
 
 LONG WINAPI HxCompareProp(LPSPropValue a, LPSPropValue b) {
-  return a && b ? CompareValues(*a, *b) : 0;
+  return Always("LPropCompareProp", [&] { return a && b ? CompareValues(*a, *b) : 0; });
 }
 
 ULONG WINAPI HxRelease(LPVOID object) {
-  return object ? static_cast<IUnknown*>(object)->Release() : 0;
+  return Always("UlRelease", [&] { return object ? static_cast<IUnknown*>(object)->Release() : 0; });
 }
 
 }  // extern "C"

@@ -141,42 +141,55 @@ class Folder : public PropObject<IMAPIFolder> {
       : PropObject(Kind::kFolder, file, properties), folder_(properties->folder()) {}
 
   STDMETHODIMP GetContentsTable(ULONG flags, LPMAPITABLE* table) override {
-    return Guarded("IMAPIContainer::GetContentsTable", [&] {
-      Require(table != nullptr, MAPI_E_INVALID_PARAMETER);
-      *table = nullptr;
-      *table = MakeTable(flags & MAPI_ASSOCIATED ? Associated() : Contents(), flags).Detach();
-    });
+    return Guarded(
+        "IMAPIContainer::GetContentsTable",
+        [&] {
+          Require(table != nullptr, MAPI_E_INVALID_PARAMETER);
+          *table = MakeTable(flags & MAPI_ASSOCIATED ? Associated() : Contents(), flags).Detach();
+        },
+        table);
   }
   STDMETHODIMP GetHierarchyTable(ULONG flags, LPMAPITABLE* table) override {
-    return Guarded("IMAPIContainer::GetHierarchyTable", [&] {
-      Require(table != nullptr, MAPI_E_INVALID_PARAMETER);
-      *table = nullptr;
-      *table = MakeTable(flags & CONVENIENT_DEPTH ? WholeHierarchy() : Hierarchy(), flags).Detach();
-    });
+    return Guarded(
+        "IMAPIContainer::GetHierarchyTable",
+        [&] {
+          Require(table != nullptr, MAPI_E_INVALID_PARAMETER);
+          *table = MakeTable(flags & CONVENIENT_DEPTH ? WholeHierarchy() : Hierarchy(), flags).Detach();
+        },
+        table);
   }
   STDMETHODIMP OpenEntry(ULONG size, LPENTRYID id, LPCIID iid, ULONG flags, ULONG* type, LPUNKNOWN* object) override {
-    return Guarded("IMAPIContainer::OpenEntry",
-                   [&] { provider::OpenEntry(file_, size, id, iid, flags, type, object); });
+    return Guarded(
+        "IMAPIContainer::OpenEntry", [&] { provider::OpenEntry(file_, size, id, iid, flags, type, object); }, type,
+        object);
   }
-  STDMETHODIMP SetSearchCriteria(LPSRestriction, LPENTRYLIST, ULONG) override { return MAPI_E_NO_ACCESS; }
-  STDMETHODIMP GetSearchCriteria(ULONG, LPSRestriction*, LPENTRYLIST*, ULONG*) override { return MAPI_E_NO_SUPPORT; }
+  STDMETHODIMP SetSearchCriteria(LPSRestriction, LPENTRYLIST, ULONG) override {
+    return Answer("IMAPIContainer::SetSearchCriteria", MAPI_E_NO_ACCESS);
+  }
+  STDMETHODIMP GetSearchCriteria(ULONG, LPSRestriction*, LPENTRYLIST*, ULONG*) override {
+    return Answer("IMAPIContainer::GetSearchCriteria", MAPI_E_NO_SUPPORT);
+  }
   STDMETHODIMP CreateMessage(LPCIID, ULONG, LPMESSAGE* message) override {
-    if (message) *message = nullptr;
-    return MAPI_E_NO_ACCESS;
+    return Answer("IMAPIFolder::CreateMessage", MAPI_E_NO_ACCESS, message);
   }
   STDMETHODIMP CopyMessages(LPENTRYLIST, LPCIID, LPVOID, ULONG, LPMAPIPROGRESS, ULONG) override {
-    return MAPI_E_NO_SUPPORT;
+    return Answer("IMAPIFolder::CopyMessages", MAPI_E_NO_SUPPORT);
   }
-  STDMETHODIMP DeleteMessages(LPENTRYLIST, ULONG, LPMAPIPROGRESS, ULONG) override { return MAPI_E_NO_ACCESS; }
+  STDMETHODIMP DeleteMessages(LPENTRYLIST, ULONG, LPMAPIPROGRESS, ULONG) override {
+    return Answer("IMAPIFolder::DeleteMessages", MAPI_E_NO_ACCESS);
+  }
   STDMETHODIMP CreateFolder(ULONG, LPTSTR, LPTSTR, LPCIID, ULONG, LPMAPIFOLDER* folder) override {
-    if (folder) *folder = nullptr;
-    return MAPI_E_NO_ACCESS;
+    return Answer("IMAPIFolder::CreateFolder", MAPI_E_NO_ACCESS, folder);
   }
   STDMETHODIMP CopyFolder(ULONG, LPENTRYID, LPCIID, LPVOID, LPTSTR, ULONG, LPMAPIPROGRESS, ULONG) override {
-    return MAPI_E_NO_SUPPORT;
+    return Answer("IMAPIFolder::CopyFolder", MAPI_E_NO_SUPPORT);
   }
-  STDMETHODIMP DeleteFolder(ULONG, LPENTRYID, ULONG, LPMAPIPROGRESS, ULONG) override { return MAPI_E_NO_ACCESS; }
-  STDMETHODIMP SetReadFlags(LPENTRYLIST, ULONG, LPMAPIPROGRESS, ULONG) override { return MAPI_E_NO_ACCESS; }
+  STDMETHODIMP DeleteFolder(ULONG, LPENTRYID, ULONG, LPMAPIPROGRESS, ULONG) override {
+    return Answer("IMAPIFolder::DeleteFolder", MAPI_E_NO_ACCESS);
+  }
+  STDMETHODIMP SetReadFlags(LPENTRYLIST, ULONG, LPMAPIPROGRESS, ULONG) override {
+    return Answer("IMAPIFolder::SetReadFlags", MAPI_E_NO_ACCESS);
+  }
   STDMETHODIMP GetMessageStatus(ULONG size, LPENTRYID id, ULONG, ULONG* status) override {
     return Guarded("IMAPIFolder::GetMessageStatus", [&] {
       Require(status != nullptr, MAPI_E_INVALID_PARAMETER);
@@ -187,9 +200,15 @@ class Folder : public PropObject<IMAPIFolder> {
       if (stored) *status = static_cast<ULONG>(stored->AsInt32());
     });
   }
-  STDMETHODIMP SetMessageStatus(ULONG, LPENTRYID, ULONG, ULONG, ULONG*) override { return MAPI_E_NO_ACCESS; }
-  STDMETHODIMP SaveContentsSort(LPSSortOrderSet, ULONG) override { return MAPI_E_NO_ACCESS; }
-  STDMETHODIMP EmptyFolder(ULONG, LPMAPIPROGRESS, ULONG) override { return MAPI_E_NO_ACCESS; }
+  STDMETHODIMP SetMessageStatus(ULONG, LPENTRYID, ULONG, ULONG, ULONG*) override {
+    return Answer("IMAPIFolder::SetMessageStatus", MAPI_E_NO_ACCESS);
+  }
+  STDMETHODIMP SaveContentsSort(LPSSortOrderSet, ULONG) override {
+    return Answer("IMAPIFolder::SaveContentsSort", MAPI_E_NO_ACCESS);
+  }
+  STDMETHODIMP EmptyFolder(ULONG, LPMAPIPROGRESS, ULONG) override {
+    return Answer("IMAPIFolder::EmptyFolder", MAPI_E_NO_ACCESS);
+  }
 
  protected:
   bool Implements(REFIID iid) const override {

@@ -6,6 +6,8 @@
 #include <new>
 #include <utility>
 
+#include "provider/instrument.h"
+
 namespace provider {
 namespace {
 
@@ -14,21 +16,21 @@ constexpr std::uint32_t kRootMark = 0x4D424652, kPartMark = 0x4D425054, kFreedMa
 // In front of each block. Parts hang on their root in a list that only grows until the root is freed.
 struct alignas(16) Header {
   std::uint32_t mark;
+  bool row_set = false;
   Header* root;                // the block that frees this one
   std::atomic<Header*> parts;  // of a root: the newest part
   Header* next;                // of a part: the part before it
 };
-
-std::atomic<long> live_buffers{0};
 
 Header* HeaderOf(void* block) {
   return static_cast<Header*>(block) - 1;
 }
 
 Header* NewBlock(ULONG size, std::uint32_t mark) {
+  if (DenyAllocation()) return nullptr;
   void* memory = std::malloc(sizeof(Header) + size);
   if (!memory) return nullptr;
-  auto* header = new (memory) Header{mark, nullptr, nullptr, nullptr};
+  auto* header = new (memory) Header{mark, false, nullptr, nullptr, nullptr};
   header->root = header;
   return header;
 }
@@ -44,7 +46,7 @@ SCODE AllocateBuffer(ULONG size, void** buffer) {
   *buffer = nullptr;
   Header* header = NewBlock(size, kRootMark);
   if (!header) return MAPI_E_NOT_ENOUGH_MEMORY;
-  ++live_buffers;
+  CountLive(Kind::kBuffer, 1);
   *buffer = header + 1;
   return S_OK;
 }
@@ -81,14 +83,16 @@ ULONG FreeBuffer(void* buffer) {
     std::free(part);
     part = next;
   }
+  if (root->row_set) CountLive(Kind::kRowSet, -1);
   root->mark = kFreedMark;
   std::free(root);
-  --live_buffers;
+  CountLive(Kind::kBuffer, -1);
   return S_OK;
 }
 
-long LiveBuffers() {
-  return live_buffers;
+void MarkRowSet(void* buffer) {
+  HeaderOf(buffer)->row_set = true;
+  CountLive(Kind::kRowSet, 1);
 }
 
 void* Arena::Copy(const void* bytes, std::size_t size) {

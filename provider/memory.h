@@ -16,8 +16,8 @@ SCODE AllocateBuffer(ULONG size, void** buffer);
 SCODE AllocateMore(ULONG size, void* parent, void** buffer);
 ULONG FreeBuffer(void* buffer);
 
-// Blocks that AllocateBuffer handed out and nobody has freed.
-long LiveBuffers();
+// Notes that a block is a row set, to count it as one.
+void MarkRowSet(void* buffer);
 
 // Where the parts of a property value are put.
 class Arena {

@@ -115,37 +115,47 @@ class Message : public PropObject<IMessage> {
       : PropObject(Kind::kMessage, file, properties), properties_(std::move(properties)) {}
 
   STDMETHODIMP GetAttachmentTable(ULONG flags, LPMAPITABLE* table) override {
-    return Guarded("IMessage::GetAttachmentTable", [&] {
-      Require(table != nullptr, MAPI_E_INVALID_PARAMETER);
-      *table = nullptr;
-      *table = MakeTable(std::make_shared<AttachmentRows>(file_, properties_), flags).Detach();
-    });
+    return Guarded(
+        "IMessage::GetAttachmentTable",
+        [&] {
+          Require(table != nullptr, MAPI_E_INVALID_PARAMETER);
+          *table = MakeTable(std::make_shared<AttachmentRows>(file_, properties_), flags).Detach();
+        },
+        table);
   }
   STDMETHODIMP OpenAttach(ULONG number, LPCIID iid, ULONG flags, LPATTACH* attachment) override {
-    return Guarded("IMessage::OpenAttach", [&] {
-      Require(attachment != nullptr, MAPI_E_INVALID_PARAMETER);
-      *attachment = nullptr;
-      Require(!(flags & MAPI_MODIFY) || (flags & MAPI_BEST_ACCESS), MAPI_E_NO_ACCESS);
-      auto properties = std::make_shared<AttachmentProperties>(properties_, file_, message().OpenAttachment(number));
-      HandOut(Ref<IAttach>(new Attachment(file_, std::move(properties))), iid, attachment);
-    });
+    return Guarded(
+        "IMessage::OpenAttach",
+        [&] {
+          Require(attachment != nullptr, MAPI_E_INVALID_PARAMETER);
+          Require(!(flags & MAPI_MODIFY) || (flags & MAPI_BEST_ACCESS), MAPI_E_NO_ACCESS);
+          auto properties =
+              std::make_shared<AttachmentProperties>(properties_, file_, message().OpenAttachment(number));
+          HandOut(Ref<IAttach>(new Attachment(file_, std::move(properties))), iid, attachment);
+        },
+        attachment);
   }
   STDMETHODIMP CreateAttach(LPCIID, ULONG, ULONG*, LPATTACH* attachment) override {
-    if (attachment) *attachment = nullptr;
-    return MAPI_E_NO_ACCESS;
+    return Answer("IMessage::CreateAttach", MAPI_E_NO_ACCESS, attachment);
   }
-  STDMETHODIMP DeleteAttach(ULONG, ULONG, LPMAPIPROGRESS, ULONG) override { return MAPI_E_NO_ACCESS; }
+  STDMETHODIMP DeleteAttach(ULONG, ULONG, LPMAPIPROGRESS, ULONG) override {
+    return Answer("IMessage::DeleteAttach", MAPI_E_NO_ACCESS);
+  }
   STDMETHODIMP GetRecipientTable(ULONG flags, LPMAPITABLE* table) override {
-    return Guarded("IMessage::GetRecipientTable", [&] {
-      Require(table != nullptr, MAPI_E_INVALID_PARAMETER);
-      *table = nullptr;
-      *table =
-          MakeTable(std::make_shared<RecipientRows>(message().Recipients(), properties_->CodePage()), flags).Detach();
-    });
+    return Guarded(
+        "IMessage::GetRecipientTable",
+        [&] {
+          Require(table != nullptr, MAPI_E_INVALID_PARAMETER);
+          *table = MakeTable(std::make_shared<RecipientRows>(message().Recipients(), properties_->CodePage()), flags)
+                       .Detach();
+        },
+        table);
   }
-  STDMETHODIMP ModifyRecipients(ULONG, LPADRLIST) override { return MAPI_E_NO_ACCESS; }
-  STDMETHODIMP SubmitMessage(ULONG) override { return MAPI_E_NO_SUPPORT; }
-  STDMETHODIMP SetReadFlag(ULONG) override { return MAPI_E_NO_ACCESS; }
+  STDMETHODIMP ModifyRecipients(ULONG, LPADRLIST) override {
+    return Answer("IMessage::ModifyRecipients", MAPI_E_NO_ACCESS);
+  }
+  STDMETHODIMP SubmitMessage(ULONG) override { return Answer("IMessage::SubmitMessage", MAPI_E_NO_SUPPORT); }
+  STDMETHODIMP SetReadFlag(ULONG) override { return Answer("IMessage::SetReadFlag", MAPI_E_NO_ACCESS); }
 
  protected:
   bool Implements(REFIID iid) const override { return iid == IID_IMessage || PropObject::Implements(iid); }

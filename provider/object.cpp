@@ -1,6 +1,5 @@
 #include "provider/object.h"
 
-#include <array>
 #include <cassert>
 #include <cstring>
 #include <filesystem>
@@ -12,8 +11,6 @@
 
 namespace provider {
 namespace {
-
-std::array<std::atomic<long>, static_cast<std::size_t>(Kind::kCount)> live{};
 
 struct Translation {
   vault::ErrorCode from;
@@ -35,19 +32,7 @@ HRESULT CodeOf(vault::ErrorCode code) {
   return MAPI_E_CORRUPT_DATA;
 }
 
-#ifdef HOARDEX_MAPI_CHECKED
-std::mutex plan_lock;
-std::string plan_method;
-long plan_countdown = 0;
-HRESULT plan_result = S_OK;
-std::atomic<long> calls_entered{0};
-#endif
-
 }  // namespace
-
-long LiveObjects(Kind kind) {
-  return live[static_cast<std::size_t>(kind)];
-}
 
 Failure CurrentFailure() noexcept {
   try {
@@ -67,32 +52,11 @@ Failure CurrentFailure() noexcept {
   }
 }
 
-#ifdef HOARDEX_MAPI_CHECKED
-void Checkpoint(const char* method) {
-  ++calls_entered;
-  const std::scoped_lock lock(plan_lock);
-  if (!plan_countdown || (!plan_method.empty() && plan_method != method)) return;
-  if (--plan_countdown == 0) Fail(plan_result, std::string("A test made ") + method + " fail");
-}
-void SetFaultPlan(const FaultPlan& plan) {
-  const std::scoped_lock lock(plan_lock);
-  plan_method = plan.method ? plan.method : "";
-  plan_countdown = plan.countdown;
-  plan_result = plan.result;
-  calls_entered = 0;
-}
-long CallsEntered() {
-  return calls_entered;
-}
-#else
-void Checkpoint(const char*) {}
-#endif
-
 ObjectCore::ObjectCore(Kind kind) : kind_(kind) {
-  ++live[static_cast<std::size_t>(kind)];
+  CountLive(kind, 1);
 }
 ObjectCore::~ObjectCore() {
-  --live[static_cast<std::size_t>(kind_)];
+  CountLive(kind_, -1);
 }
 
 ULONG ObjectCore::Decrement() {
@@ -108,25 +72,18 @@ HRESULT ObjectCore::Remember(Failure&& failure) noexcept {
   return failure.code;
 }
 
-HRESULT ObjectCore::LastError(HRESULT code, ULONG flags, LPMAPIERROR* error) noexcept {
-  if (!error) return MAPI_E_INVALID_PARAMETER;
-  *error = nullptr;
-  try {
-    const std::scoped_lock lock(error_lock_);
-    if (error_code_ != code || error_sentence_.empty()) return S_OK;
-    MapiArena arena;
-    auto* answer = arena.AllocateArray<MAPIERROR>(1);
-    *answer = {};
-    const std::u16string sentence = vault::Utf16FromUtf8(error_sentence_);
-    answer->lpszError = CopyForCaller(sentence, flags, arena);
-    answer->lpszComponent = CopyForCaller(u"Hoardex message store", flags, arena);
-    answer->ulLowLevelError = static_cast<ULONG>(error_code_);
-    arena.Release();
-    *error = answer;
-    return S_OK;
-  } catch (...) {
-    return MAPI_E_NOT_ENOUGH_MEMORY;
-  }
+void ObjectCore::DescribeError(HRESULT code, ULONG flags, LPMAPIERROR* error) {
+  const std::scoped_lock lock(error_lock_);
+  if (error_code_ != code || error_sentence_.empty()) return;
+  MapiArena arena;
+  auto* answer = arena.AllocateArray<MAPIERROR>(1);
+  *answer = {};
+  const std::u16string sentence = vault::Utf16FromUtf8(error_sentence_);
+  answer->lpszError = CopyForCaller(sentence, flags, arena);
+  answer->lpszComponent = CopyForCaller(u"Hoardex message store", flags, arena);
+  answer->ulLowLevelError = static_cast<ULONG>(error_code_);
+  arena.Release();
+  *error = answer;
 }
 
 }  // namespace provider

@@ -1,32 +1,17 @@
-// What every COM object of the provider shares: reference count, live-object counts, the exception boundary and the
+// What every COM object of the provider shares: reference count, the exception boundary and the
 // text of its last error.
 #pragma once
 
 #include <atomic>
 #include <mutex>
 #include <string>
+#include <type_traits>
 #include <utility>
 
+#include "provider/instrument.h"
 #include "provider/mapi.h"
 
 namespace provider {
-
-enum class Kind {
-  kProfileAdmin,
-  kServiceAdmin,
-  kSession,
-  kStore,
-  kFolder,
-  kMessage,
-  kAttachment,
-  kTable,
-  kStream,
-  kAddressBook,
-  kCount
-};
-
-// Objects of a kind that exist now, in this process.
-long LiveObjects(Kind kind);
 
 // An HRESULT as an exception, with a sentence for GetLastError where there is something to say.
 struct Failure {
@@ -43,17 +28,23 @@ inline void Require(bool condition, HRESULT otherwise) {
 // The code that a caller sees for the exception being handled, and its sentence.
 Failure CurrentFailure() noexcept;
 
-// In the checked build, a test may have a method fail: the n-th call of any method, or of the one that `method` names.
-// Throws then. Always silent in the released build.
-void Checkpoint(const char* method);
-struct FaultPlan {
-  const char* method;  // null: any
-  long countdown;      // the call that fails, from 1; 0: none
-  HRESULT result;
-};
-void SetFaultPlan(const FaultPlan& plan);
-// Methods entered since the last SetFaultPlan.
-long CallsEntered();
+// Runs the body of a function or method.
+template <class Body>
+HRESULT Run(Body& body, const Call& call) {
+  const auto run = [&] {
+    if constexpr (std::is_invocable_v<Body&, const Call&>) {
+      return body(call);
+    } else {
+      return body();
+    }
+  };
+  if constexpr (std::is_void_v<decltype(run())>) {
+    run();
+    return S_OK;
+  } else {
+    return run();
+  }
+}
 
 class ObjectCore {
  public:
@@ -67,27 +58,41 @@ class ObjectCore {
   ULONG Increment() { return ++references_; }
   ULONG Decrement();
 
-  // Runs a method's body: nothing that it throws crosses. The body returns an HRESULT or nothing (S_OK).
-  template <class Body>
-  HRESULT Guarded(const char* method, Body&& body) noexcept {
+  // Runs a method's body, which returns an HRESULT or nothing (S_OK) and may take the call: nothing that it throws
+  // crosses. What the method hands out (`outs`; any may be null) is nothing until the body sets it.
+  template <class Body, class... Out>
+  HRESULT Guarded(const char* method, Body&& body, Out*... outs) noexcept {
+    ((outs ? void(*outs = {}) : void()), ...);
     try {
-      Checkpoint(method);
-      if constexpr (std::is_void_v<decltype(body())>) {
-        body();
-        return S_OK;
-      } else {
-        return body();
-      }
+      const Call call(method);
+      return Run(body, call);
     } catch (...) {
       return Remember(CurrentFailure());
     }
   }
+  // A method that always answers the same.
+  template <class... Out>
+  HRESULT Answer(const char* method, HRESULT code, Out*... outs) noexcept {
+    return Guarded(
+        method, [code] { return code; }, outs...);
+  }
 
   // IMAPIxxx::GetLastError.
-  HRESULT LastError(HRESULT code, ULONG flags, LPMAPIERROR* error) noexcept;
+  HRESULT LastError(const char* method, HRESULT code, ULONG flags, LPMAPIERROR* error) noexcept {
+    if (!error) return MAPI_E_INVALID_PARAMETER;
+    *error = nullptr;
+    try {
+      const Call call(method);
+      DescribeError(code, flags, error);
+      return S_OK;
+    } catch (...) {
+      return CurrentFailure().code;  // not remembered: the error that was asked for still stands
+    }
+  }
 
  private:
   HRESULT Remember(Failure&& failure) noexcept;
+  void DescribeError(HRESULT code, ULONG flags, LPMAPIERROR* error);
 
   Kind kind_;
   std::atomic<ULONG> references_{1};
@@ -102,11 +107,15 @@ class Object : public Interface, public ObjectCore {
  public:
   STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
     if (!object) return MAPI_E_INVALID_PARAMETER;
-    *object = nullptr;
-    if (iid != IID_IUnknown && !Implements(iid)) return E_NOINTERFACE;
-    *object = static_cast<Interface*>(this);
-    Increment();
-    return S_OK;
+    return Guarded(
+        "IUnknown::QueryInterface",
+        [&] {
+          if (iid != IID_IUnknown && !Implements(iid)) return E_NOINTERFACE;
+          *object = static_cast<Interface*>(this);
+          Increment();
+          return S_OK;
+        },
+        object);
   }
   STDMETHODIMP_(ULONG) AddRef() override { return Increment(); }
   STDMETHODIMP_(ULONG) Release() override {

@@ -184,10 +184,11 @@ namespace profiles {
 void Create(const std::u16string& name) {
   CheckName(name);
   const std::scoped_lock lock(live_lock);
+  const std::u16string slot = Lower(name);  // nothing may throw once the profile is there
   bool existed = false;
   const RegistryKey key = RegistryKey::Create(HKEY_CURRENT_USER, KeyPath(name), &existed);
   Require(key && !existed, MAPI_E_NO_ACCESS);
-  Live().erase(Lower(name));
+  Live().erase(slot);
 }
 
 void Delete(const std::u16string& name) {

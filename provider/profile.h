@@ -52,6 +52,7 @@ class Profile {
   mutable std::mutex lock_;
   std::vector<Service> services_;
   bool deleted_ = false;
+  [[no_unique_address]] Counted<Kind::kProfile> counted_;
 };
 
 // The user's profiles. Any thread.

@@ -45,8 +45,6 @@ std::optional<PropertyName> NameOf(const MAPINAMEID* name) {
 
 HRESULT GetProps(PropertyBag& bag, LPSPropTagArray tags, ULONG flags, ULONG* count, LPSPropValue* values) {
   Require(count && values, MAPI_E_INVALID_PARAMETER);
-  *count = 0;
-  *values = nullptr;
   Require(!tags || tags->cValues, MAPI_E_INVALID_PARAMETER);
   const std::vector<ULONG> wanted =
       tags ? std::vector<ULONG>(tags->aulPropTag, tags->aulPropTag + tags->cValues) : AllTags(bag, flags);
@@ -62,7 +60,6 @@ HRESULT GetProps(PropertyBag& bag, LPSPropTagArray tags, ULONG flags, ULONG* cou
 
 void GetPropList(PropertyBag& bag, ULONG flags, LPSPropTagArray* tags) {
   Require(tags != nullptr, MAPI_E_INVALID_PARAMETER);
-  *tags = nullptr;
   const std::vector<ULONG> all = AllTags(bag, flags);
   MapiArena arena;
   SPropTagArray* array = NewTagArray(all.size(), arena);
@@ -95,8 +92,6 @@ Ref<IStream> OpenStream(PropertyBag& bag, ULONG tag, ULONG flags) {
 HRESULT GetNamesFromIds(StoreFile& file, PropertyBag& bag, LPSPropTagArray* tags, LPGUID set, ULONG, ULONG* count,
                         LPMAPINAMEID** names) {
   Require(tags && count && names, MAPI_E_INVALID_PARAMETER);
-  *count = 0;
-  *names = nullptr;
   std::vector<ULONG> ids;
   if (*tags) {
     ids.assign((*tags)->aulPropTag, (*tags)->aulPropTag + (*tags)->cValues);
@@ -141,7 +136,6 @@ HRESULT GetNamesFromIds(StoreFile& file, PropertyBag& bag, LPSPropTagArray* tags
 
 HRESULT GetIdsFromNames(StoreFile& file, ULONG count, LPMAPINAMEID* names, ULONG flags, LPSPropTagArray* tags) {
   Require(tags != nullptr, MAPI_E_INVALID_PARAMETER);
-  *tags = nullptr;
   Require(count && names, MAPI_E_TOO_BIG);  // all names of a store are too many to be asked for
   MapiArena arena;
   SPropTagArray* array = NewTagArray(count, arena);

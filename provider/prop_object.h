@@ -24,54 +24,65 @@ template <class Interface>
 class PropObject : public Object<Interface> {
  public:
   STDMETHODIMP GetLastError(HRESULT code, ULONG flags, LPMAPIERROR* error) override {
-    return this->LastError(code, flags, error);
+    return this->LastError("IMAPIProp::GetLastError", code, flags, error);
   }
-  STDMETHODIMP SaveChanges(ULONG) override { return MAPI_E_NO_ACCESS; }
+  STDMETHODIMP SaveChanges(ULONG) override { return this->Answer("IMAPIProp::SaveChanges", MAPI_E_NO_ACCESS); }
   STDMETHODIMP GetProps(LPSPropTagArray tags, ULONG flags, ULONG* count, LPSPropValue* values) override {
-    return this->Guarded("IMAPIProp::GetProps",
-                         [&] { return provider::GetProps(*properties_, tags, flags, count, values); });
+    return this->Guarded(
+        "IMAPIProp::GetProps",
+        [&](const Call& call) {
+          const HRESULT result = provider::GetProps(*properties_, tags, flags, count, values);
+          call.Spoil(*count, *values);
+          return result;
+        },
+        count, values);
   }
   STDMETHODIMP GetPropList(ULONG flags, LPSPropTagArray* tags) override {
-    return this->Guarded("IMAPIProp::GetPropList", [&] { provider::GetPropList(*properties_, flags, tags); });
+    return this->Guarded(
+        "IMAPIProp::GetPropList", [&] { provider::GetPropList(*properties_, flags, tags); }, tags);
   }
   STDMETHODIMP OpenProperty(ULONG tag, LPCIID iid, ULONG, ULONG flags, LPUNKNOWN* object) override {
-    return this->Guarded("IMAPIProp::OpenProperty", [&] {
-      Require(object != nullptr && iid != nullptr, MAPI_E_INVALID_PARAMETER);
-      *object = nullptr;
-      Require(!(flags & (MAPI_MODIFY | MAPI_CREATE)), MAPI_E_NO_ACCESS);
-      OpenPropertyAs(tag, *iid, flags, object);
-    });
+    return this->Guarded(
+        "IMAPIProp::OpenProperty",
+        [&] {
+          Require(object != nullptr && iid != nullptr, MAPI_E_INVALID_PARAMETER);
+          Require(!(flags & (MAPI_MODIFY | MAPI_CREATE)), MAPI_E_NO_ACCESS);
+          OpenPropertyAs(tag, *iid, flags, object);
+        },
+        object);
   }
   STDMETHODIMP SetProps(ULONG, LPSPropValue, LPSPropProblemArray* problems) override {
-    if (problems) *problems = nullptr;
-    return MAPI_E_NO_ACCESS;
+    return this->Answer("IMAPIProp::SetProps", MAPI_E_NO_ACCESS, problems);
   }
   STDMETHODIMP DeleteProps(LPSPropTagArray, LPSPropProblemArray* problems) override {
-    if (problems) *problems = nullptr;
-    return MAPI_E_NO_ACCESS;
+    return this->Answer("IMAPIProp::DeleteProps", MAPI_E_NO_ACCESS, problems);
   }
   STDMETHODIMP CopyTo(ULONG, LPCIID, LPSPropTagArray, ULONG, LPMAPIPROGRESS, LPCIID, LPVOID, ULONG,
                       LPSPropProblemArray* problems) override {
-    if (problems) *problems = nullptr;
-    return MAPI_E_NO_SUPPORT;
+    return this->Answer("IMAPIProp::CopyTo", MAPI_E_NO_SUPPORT, problems);
   }
   STDMETHODIMP CopyProps(LPSPropTagArray, ULONG, LPMAPIPROGRESS, LPCIID, LPVOID, ULONG,
                          LPSPropProblemArray* problems) override {
-    if (problems) *problems = nullptr;
-    return MAPI_E_NO_SUPPORT;
+    return this->Answer("IMAPIProp::CopyProps", MAPI_E_NO_SUPPORT, problems);
   }
   STDMETHODIMP GetNamesFromIDs(LPSPropTagArray* tags, LPGUID set, ULONG flags, ULONG* count,
                                LPMAPINAMEID** names) override {
-    return this->Guarded("IMAPIProp::GetNamesFromIDs", [&] {
-      Require(file_ != nullptr, MAPI_E_NO_SUPPORT);
-      return GetNamesFromIds(*file_, *properties_, tags, set, flags, count, names);
-    });
+    return this->Guarded(
+        "IMAPIProp::GetNamesFromIDs",
+        [&] {
+          Require(file_ != nullptr, MAPI_E_NO_SUPPORT);
+          return GetNamesFromIds(*file_, *properties_, tags, set, flags, count, names);
+        },
+        count, names);
   }
   STDMETHODIMP GetIDsFromNames(ULONG count, LPMAPINAMEID* names, ULONG flags, LPSPropTagArray* tags) override {
-    return this->Guarded("IMAPIProp::GetIDsFromNames", [&] {
-      Require(file_ != nullptr, MAPI_E_NO_SUPPORT);
-      return GetIdsFromNames(*file_, count, names, flags, tags);
-    });
+    return this->Guarded(
+        "IMAPIProp::GetIDsFromNames",
+        [&] {
+          Require(file_ != nullptr, MAPI_E_NO_SUPPORT);
+          return GetIdsFromNames(*file_, count, names, flags, tags);
+        },
+        tags);
   }
 
  protected:

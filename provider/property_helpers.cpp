@@ -107,24 +107,33 @@ SCODE CopyLinear(int count, const SPropValue* values, void* block, ULONG* size) 
   }
 }
 
+SCODE CopyLinear(const char* function, int count, const SPropValue* values, void* block, ULONG* size) {
+  try {
+    const Call call(function);
+  } catch (...) {
+    return CurrentFailure().code;
+  }
+  return CopyLinear(count, values, block, size);
+}
+
 }  // namespace
 }  // namespace provider
 
 extern "C" {
 
 SCODE WINAPI HxCountProps(int count, LPSPropValue values, ULONG* size) {
-  return provider::CopyLinear(count, values, nullptr, size);
+  return provider::CopyLinear("ScCountProps", count, values, nullptr, size);
 }
 
 SCODE WINAPI HxCopyProps(int count, LPSPropValue values, LPVOID block, ULONG* size) {
-  return block ? provider::CopyLinear(count, values, block, size) : MAPI_E_INVALID_PARAMETER;
+  return block ? provider::CopyLinear("ScCopyProps", count, values, block, size) : MAPI_E_INVALID_PARAMETER;
 }
 
 SCODE WINAPI HxDupPropset(int count, LPSPropValue values, LPALLOCATEBUFFER allocate, LPSPropValue* copy) {
   if (!allocate || !copy) return MAPI_E_INVALID_PARAMETER;
   *copy = nullptr;
   ULONG size = 0;
-  SCODE result = provider::CopyLinear(count, values, nullptr, &size);
+  SCODE result = provider::CopyLinear("ScDupPropset", count, values, nullptr, &size);
   if (result != S_OK) return result;
   void* block = nullptr;
   result = allocate(size, &block);

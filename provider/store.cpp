@@ -15,32 +15,53 @@ class Store : public PropObject<IMsgStore> {
 
   // A store that is only read never changes: nothing will ever be notified.
   STDMETHODIMP Advise(ULONG, LPENTRYID, ULONG, LPMAPIADVISESINK, ULONG* connection) override {
-    if (!connection) return MAPI_E_INVALID_PARAMETER;
-    *connection = 1;
-    return S_OK;
+    return Guarded(
+        "IMsgStore::Advise",
+        [&] {
+          Require(connection != nullptr, MAPI_E_INVALID_PARAMETER);
+          *connection = 1;
+        },
+        connection);
   }
-  STDMETHODIMP Unadvise(ULONG) override { return S_OK; }
+  STDMETHODIMP Unadvise(ULONG) override { return Answer("IMsgStore::Unadvise", S_OK); }
   STDMETHODIMP CompareEntryIDs(ULONG size_a, LPENTRYID a, ULONG size_b, LPENTRYID b, ULONG, ULONG* same) override {
-    return Guarded("IMsgStore::CompareEntryIDs", [&] {
-      Require(same != nullptr, MAPI_E_INVALID_PARAMETER);
-      *same = SameEntry(size_a, a, size_b, b);
-    });
+    return Guarded(
+        "IMsgStore::CompareEntryIDs",
+        [&] {
+          Require(same != nullptr, MAPI_E_INVALID_PARAMETER);
+          *same = SameEntry(size_a, a, size_b, b);
+        },
+        same);
   }
   STDMETHODIMP OpenEntry(ULONG size, LPENTRYID id, LPCIID iid, ULONG flags, ULONG* type, LPUNKNOWN* object) override {
-    return Guarded("IMsgStore::OpenEntry", [&] { provider::OpenEntry(file_, size, id, iid, flags, type, object); });
+    return Guarded(
+        "IMsgStore::OpenEntry", [&] { provider::OpenEntry(file_, size, id, iid, flags, type, object); }, type, object);
   }
-  STDMETHODIMP SetReceiveFolder(LPTSTR, ULONG, ULONG, LPENTRYID) override { return MAPI_E_NO_ACCESS; }
-  STDMETHODIMP GetReceiveFolder(LPTSTR, ULONG, ULONG*, LPENTRYID*, LPTSTR*) override { return MAPI_E_NO_SUPPORT; }
-  STDMETHODIMP GetReceiveFolderTable(ULONG, LPMAPITABLE*) override { return MAPI_E_NO_SUPPORT; }
+  STDMETHODIMP SetReceiveFolder(LPTSTR, ULONG, ULONG, LPENTRYID) override {
+    return Answer("IMsgStore::SetReceiveFolder", MAPI_E_NO_ACCESS);
+  }
+  STDMETHODIMP GetReceiveFolder(LPTSTR, ULONG, ULONG*, LPENTRYID*, LPTSTR*) override {
+    return Answer("IMsgStore::GetReceiveFolder", MAPI_E_NO_SUPPORT);
+  }
+  STDMETHODIMP GetReceiveFolderTable(ULONG, LPMAPITABLE*) override {
+    return Answer("IMsgStore::GetReceiveFolderTable", MAPI_E_NO_SUPPORT);
+  }
   STDMETHODIMP StoreLogoff(ULONG* flags) override {
-    if (flags) *flags = LOGOFF_COMPLETE;
-    return S_OK;
+    return Guarded("IMsgStore::StoreLogoff", [&] {
+      if (flags) *flags = LOGOFF_COMPLETE;
+    });
   }
-  STDMETHODIMP AbortSubmit(ULONG, LPENTRYID, ULONG) override { return MAPI_E_NO_SUPPORT; }
-  STDMETHODIMP GetOutgoingQueue(ULONG, LPMAPITABLE*) override { return MAPI_E_NO_SUPPORT; }
-  STDMETHODIMP SetLockState(LPMESSAGE, ULONG) override { return MAPI_E_NO_SUPPORT; }
-  STDMETHODIMP FinishedMsg(ULONG, ULONG, LPENTRYID) override { return MAPI_E_NO_SUPPORT; }
-  STDMETHODIMP NotifyNewMail(LPNOTIFICATION) override { return MAPI_E_NO_SUPPORT; }
+  STDMETHODIMP AbortSubmit(ULONG, LPENTRYID, ULONG) override {
+    return Answer("IMsgStore::AbortSubmit", MAPI_E_NO_SUPPORT);
+  }
+  STDMETHODIMP GetOutgoingQueue(ULONG, LPMAPITABLE*) override {
+    return Answer("IMsgStore::GetOutgoingQueue", MAPI_E_NO_SUPPORT);
+  }
+  STDMETHODIMP SetLockState(LPMESSAGE, ULONG) override { return Answer("IMsgStore::SetLockState", MAPI_E_NO_SUPPORT); }
+  STDMETHODIMP FinishedMsg(ULONG, ULONG, LPENTRYID) override {
+    return Answer("IMsgStore::FinishedMsg", MAPI_E_NO_SUPPORT);
+  }
+  STDMETHODIMP NotifyNewMail(LPNOTIFICATION) override { return Answer("IMsgStore::NotifyNewMail", MAPI_E_NO_SUPPORT); }
 
  protected:
   bool Implements(REFIID iid) const override { return iid == IID_IMsgStore || PropObject::Implements(iid); }
@@ -55,7 +76,6 @@ Ref<IMsgStore> MakeStore(std::shared_ptr<StoreFile> file) {
 void OpenEntry(const std::shared_ptr<StoreFile>& file, ULONG size, LPENTRYID entry_id, LPCIID iid, ULONG flags,
                ULONG* object_type, LPUNKNOWN* object) {
   Require(object != nullptr, MAPI_E_INVALID_PARAMETER);
-  *object = nullptr;
   Require(!(flags & MAPI_MODIFY) || (flags & MAPI_BEST_ACCESS), MAPI_E_NO_ACCESS);
   const vault::Nid nid = file->NodeOf(size, entry_id);
   ULONG type = MAPI_FOLDER;

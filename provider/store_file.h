@@ -8,6 +8,7 @@
 #include <variant>
 #include <vector>
 
+#include "provider/instrument.h"
 #include "provider/property.h"
 #include "vault/store.h"
 
@@ -56,6 +57,7 @@ class StoreFile {
   std::map<PropertyName, std::uint16_t> transient_ids_;
   std::map<std::uint16_t, PropertyName> transient_names_;
   std::uint16_t next_transient_ = 0xFFFE;
+  [[no_unique_address]] Counted<Kind::kStoreFile> counted_;
 };
 
 // The entry id that a profile hands out for the store at `path`: needs no open file.

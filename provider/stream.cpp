@@ -69,18 +69,18 @@ class Stream : public Object<IStream> {
     });
   }
   STDMETHODIMP Write(const void*, ULONG, ULONG* written) override {
-    if (written) *written = 0;
-    return STG_E_ACCESSDENIED;
+    return Answer("IStream::Write", STG_E_ACCESSDENIED, written);
   }
-  STDMETHODIMP SetSize(ULARGE_INTEGER) override { return STG_E_ACCESSDENIED; }
-  STDMETHODIMP Commit(DWORD) override { return S_OK; }
-  STDMETHODIMP Revert() override { return S_OK; }
-  STDMETHODIMP LockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override { return STG_E_INVALIDFUNCTION; }
-  STDMETHODIMP UnlockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override { return STG_E_INVALIDFUNCTION; }
-  STDMETHODIMP Clone(IStream** clone) override {
-    if (clone) *clone = nullptr;
-    return E_NOTIMPL;
+  STDMETHODIMP SetSize(ULARGE_INTEGER) override { return Answer("IStream::SetSize", STG_E_ACCESSDENIED); }
+  STDMETHODIMP Commit(DWORD) override { return Answer("IStream::Commit", S_OK); }
+  STDMETHODIMP Revert() override { return Answer("IStream::Revert", S_OK); }
+  STDMETHODIMP LockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override {
+    return Answer("IStream::LockRegion", STG_E_INVALIDFUNCTION);
   }
+  STDMETHODIMP UnlockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override {
+    return Answer("IStream::UnlockRegion", STG_E_INVALIDFUNCTION);
+  }
+  STDMETHODIMP Clone(IStream** clone) override { return Answer("IStream::Clone", E_NOTIMPL, clone); }
 
  protected:
   bool Implements(REFIID iid) const override {

@@ -26,7 +26,7 @@ class RowSet {
     set_->aRow[set_->cRows++] = {0, static_cast<ULONG>(columns.size()), values};
   }
   SRowSet* Release() {
-    arena_.Release();
+    MarkRowSet(arena_.Release());
     return std::exchange(set_, nullptr);
   }
 
@@ -43,20 +43,28 @@ class Table : public Object<IMAPITable> {
   }
 
   STDMETHODIMP GetLastError(HRESULT code, ULONG flags, LPMAPIERROR* error) override {
-    return LastError(code, flags, error);
+    return LastError("IMAPITable::GetLastError", code, flags, error);
   }
   // A store that is only read never changes: nothing will ever be notified.
   STDMETHODIMP Advise(ULONG, LPMAPIADVISESINK, ULONG* connection) override {
-    if (!connection) return MAPI_E_INVALID_PARAMETER;
-    *connection = 1;
-    return S_OK;
+    return Guarded(
+        "IMAPITable::Advise",
+        [&] {
+          Require(connection != nullptr, MAPI_E_INVALID_PARAMETER);
+          *connection = 1;
+        },
+        connection);
   }
-  STDMETHODIMP Unadvise(ULONG) override { return S_OK; }
+  STDMETHODIMP Unadvise(ULONG) override { return Answer("IMAPITable::Unadvise", S_OK); }
   STDMETHODIMP GetStatus(ULONG* status, ULONG* type) override {
-    if (!status || !type) return MAPI_E_INVALID_PARAMETER;
-    *status = TBLSTAT_COMPLETE;
-    *type = TBLTYPE_SNAPSHOT;
-    return S_OK;
+    return Guarded(
+        "IMAPITable::GetStatus",
+        [&] {
+          Require(status && type, MAPI_E_INVALID_PARAMETER);
+          *status = TBLSTAT_COMPLETE;
+          *type = TBLTYPE_SNAPSHOT;
+        },
+        status, type);
   }
   STDMETHODIMP SetColumns(LPSPropTagArray columns, ULONG) override {
     return Guarded("IMAPITable::SetColumns", [&] {
@@ -67,34 +75,43 @@ class Table : public Object<IMAPITable> {
     });
   }
   STDMETHODIMP QueryColumns(ULONG, LPSPropTagArray* columns) override {
-    return Guarded("IMAPITable::QueryColumns", [&] {
-      Require(columns != nullptr, MAPI_E_INVALID_PARAMETER);
-      *columns = nullptr;
-      const std::scoped_lock lock(lock_);
-      MapiArena arena;
-      auto* array =
-          static_cast<SPropTagArray*>(arena.Allocate(CbNewSPropTagArray(static_cast<ULONG>(columns_.size()))));
-      array->cValues = static_cast<ULONG>(columns_.size());
-      std::copy(columns_.begin(), columns_.end(), array->aulPropTag);
-      arena.Release();
-      *columns = array;
-    });
+    return Guarded(
+        "IMAPITable::QueryColumns",
+        [&] {
+          Require(columns != nullptr, MAPI_E_INVALID_PARAMETER);
+          const std::scoped_lock lock(lock_);
+          MapiArena arena;
+          auto* array =
+              static_cast<SPropTagArray*>(arena.Allocate(CbNewSPropTagArray(static_cast<ULONG>(columns_.size()))));
+          array->cValues = static_cast<ULONG>(columns_.size());
+          std::copy(columns_.begin(), columns_.end(), array->aulPropTag);
+          arena.Release();
+          *columns = array;
+        },
+        columns);
   }
   STDMETHODIMP GetRowCount(ULONG, ULONG* count) override {
-    return Guarded("IMAPITable::GetRowCount", [&] {
-      Require(count != nullptr, MAPI_E_INVALID_PARAMETER);
-      const std::scoped_lock lock(lock_);
-      *count = count_;
-    });
+    return Guarded(
+        "IMAPITable::GetRowCount",
+        [&](const Call& call) {
+          Require(count != nullptr, MAPI_E_INVALID_PARAMETER);
+          const std::scoped_lock lock(lock_);
+          *count = count_;
+          call.Spoil(*count);
+        },
+        count);
   }
   STDMETHODIMP SeekRow(BOOKMARK origin, LONG move, LONG* moved) override {
-    return Guarded("IMAPITable::SeekRow", [&] {
-      const std::scoped_lock lock(lock_);
-      const auto from = static_cast<std::int64_t>(Place(origin));
-      const std::int64_t to = std::clamp<std::int64_t>(from + move, 0, count_);
-      position_ = static_cast<std::uint32_t>(to);
-      if (moved) *moved = static_cast<LONG>(to - from);
-    });
+    return Guarded(
+        "IMAPITable::SeekRow",
+        [&] {
+          const std::scoped_lock lock(lock_);
+          const auto from = static_cast<std::int64_t>(Place(origin));
+          const std::int64_t to = std::clamp<std::int64_t>(from + move, 0, count_);
+          position_ = static_cast<std::uint32_t>(to);
+          if (moved) *moved = static_cast<LONG>(to - from);
+        },
+        moved);
   }
   STDMETHODIMP SeekRowApprox(ULONG numerator, ULONG denominator) override {
     return Guarded("IMAPITable::SeekRowApprox", [&] {
@@ -173,42 +190,60 @@ class Table : public Object<IMAPITable> {
     });
   }
   STDMETHODIMP QuerySortOrder(LPSSortOrderSet* order) override {
-    return Guarded("IMAPITable::QuerySortOrder", [&] {
-      Require(order != nullptr, MAPI_E_INVALID_PARAMETER);
-      *order = nullptr;
-      const std::scoped_lock lock(lock_);
-      MapiArena arena;
-      auto* set = static_cast<SSortOrderSet*>(arena.Allocate(CbNewSSortOrderSet(static_cast<ULONG>(order_.size()))));
-      set->cSorts = static_cast<ULONG>(order_.size());
-      set->cCategories = set->cExpanded = 0;
-      std::copy(order_.begin(), order_.end(), set->aSort);
-      arena.Release();
-      *order = set;
-    });
+    return Guarded(
+        "IMAPITable::QuerySortOrder",
+        [&] {
+          Require(order != nullptr, MAPI_E_INVALID_PARAMETER);
+          const std::scoped_lock lock(lock_);
+          MapiArena arena;
+          auto* set =
+              static_cast<SSortOrderSet*>(arena.Allocate(CbNewSSortOrderSet(static_cast<ULONG>(order_.size()))));
+          set->cSorts = static_cast<ULONG>(order_.size());
+          set->cCategories = set->cExpanded = 0;
+          std::copy(order_.begin(), order_.end(), set->aSort);
+          arena.Release();
+          *order = set;
+        },
+        order);
   }
   STDMETHODIMP QueryRows(LONG wanted, ULONG flags, LPSRowSet* rows) override {
-    return Guarded("IMAPITable::QueryRows", [&] {
-      Require(rows != nullptr, MAPI_E_INVALID_PARAMETER);
-      *rows = nullptr;
-      const std::scoped_lock lock(lock_);
-      const std::int64_t to = std::clamp<std::int64_t>(std::int64_t{position_} + wanted, 0, count_);
-      const auto first = static_cast<std::uint32_t>(std::min<std::int64_t>(position_, to));
-      const auto last = static_cast<std::uint32_t>(std::max<std::int64_t>(position_, to));
-      RowSet set(last - first);
-      for (std::uint32_t row = first; row < last; ++row) set.Add(*source_->Row(SourceRow(row)), columns_, flags_);
-      if (!(flags & TBL_NOADVANCE)) position_ = static_cast<std::uint32_t>(to);
-      *rows = set.Release();
-    });
+    return Guarded(
+        "IMAPITable::QueryRows",
+        [&](const Call& call) {
+          Require(rows != nullptr, MAPI_E_INVALID_PARAMETER);
+          const std::scoped_lock lock(lock_);
+          const std::int64_t to = std::clamp<std::int64_t>(std::int64_t{position_} + wanted, 0, count_);
+          const auto first = static_cast<std::uint32_t>(std::min<std::int64_t>(position_, to));
+          const auto last = static_cast<std::uint32_t>(std::max<std::int64_t>(position_, to));
+          RowSet set(last - first);
+          for (std::uint32_t row = first; row < last; ++row) set.Add(*source_->Row(SourceRow(row)), columns_, flags_);
+          if (!(flags & TBL_NOADVANCE)) position_ = static_cast<std::uint32_t>(to);
+          *rows = set.Release();
+          call.Spoil(*rows);
+        },
+        rows);
   }
-  STDMETHODIMP Abort() override { return S_OK; }
-  STDMETHODIMP ExpandRow(ULONG, LPBYTE, ULONG, ULONG, LPSRowSet*, ULONG*) override { return MAPI_E_NO_SUPPORT; }
-  STDMETHODIMP CollapseRow(ULONG, LPBYTE, ULONG, ULONG*) override { return MAPI_E_NO_SUPPORT; }
+  STDMETHODIMP Abort() override { return Answer("IMAPITable::Abort", S_OK); }
+  STDMETHODIMP ExpandRow(ULONG, LPBYTE, ULONG, ULONG, LPSRowSet*, ULONG*) override {
+    return Answer("IMAPITable::ExpandRow", MAPI_E_NO_SUPPORT);
+  }
+  STDMETHODIMP CollapseRow(ULONG, LPBYTE, ULONG, ULONG*) override {
+    return Answer("IMAPITable::CollapseRow", MAPI_E_NO_SUPPORT);
+  }
   STDMETHODIMP WaitForCompletion(ULONG, ULONG, ULONG* status) override {
-    if (status) *status = TBLSTAT_COMPLETE;
-    return S_OK;
+    return Guarded(
+        "IMAPITable::WaitForCompletion",
+        [&] {
+          if (status) *status = TBLSTAT_COMPLETE;
+        },
+        status);
   }
-  STDMETHODIMP GetCollapseState(ULONG, ULONG, LPBYTE, ULONG*, LPBYTE*) override { return MAPI_E_NO_SUPPORT; }
-  STDMETHODIMP SetCollapseState(ULONG, ULONG, LPBYTE, BOOKMARK*) override { return MAPI_E_NO_SUPPORT; }
+  STDMETHODIMP GetCollapseState(ULONG, ULONG, LPBYTE, ULONG*, LPBYTE*) override {
+    return Answer("IMAPITable::GetCollapseState", MAPI_E_NO_SUPPORT);
+  }
+  STDMETHODIMP SetCollapseState(ULONG, ULONG, LPBYTE, BOOKMARK*) override {
+    return Answer("IMAPITable::SetCollapseState", MAPI_E_NO_SUPPORT);
+  }
 
  protected:
   bool Implements(REFIID iid) const override { return iid == IID_IMAPITable; }

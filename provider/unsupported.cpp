@@ -1,58 +1,73 @@
 // Functions that callers look up but that have no meaning for a store that is only read.
-#include "provider/mapi.h"
+#include "provider/object.h"
+
+namespace {
+
+template <class... Out>
+HRESULT Unsupported(const char* function, Out*... outs) noexcept {
+  ((outs ? void(*outs = {}) : void()), ...);
+  try {
+    const provider::Call call(function);
+    return MAPI_E_NO_SUPPORT;
+  } catch (...) {
+    return provider::CurrentFailure().code;
+  }
+}
+
+}  // namespace
 
 extern "C" {
 
 SCODE WINAPI HxOpenIMsgSession(LPMALLOC, ULONG, LPMSGSESS* session) {
-  if (session) *session = nullptr;
-  return MAPI_E_NO_SUPPORT;
+  return Unsupported("OpenIMsgSession", session);
 }
-void WINAPI HxCloseIMsgSession(LPMSGSESS) {}
+void WINAPI HxCloseIMsgSession(LPMSGSESS) {
+  Unsupported("CloseIMsgSession");
+}
 SCODE WINAPI HxOpenIMsgOnIStg(LPMSGSESS, LPALLOCATEBUFFER, LPALLOCATEMORE, LPFREEBUFFER, LPMALLOC, LPVOID, LPSTORAGE,
                               MSGCALLRELEASE*, ULONG, ULONG, LPMESSAGE* message) {
-  if (message) *message = nullptr;
-  return MAPI_E_NO_SUPPORT;
+  return Unsupported("OpenIMsgOnIStg", message);
 }
 HRESULT WINAPI HxWrapStoreEntryID(ULONG, LPTSTR, ULONG, LPENTRYID, ULONG*, LPENTRYID*) {
-  return MAPI_E_NO_SUPPORT;
+  return Unsupported("WrapStoreEntryID");
 }
 SCODE WINAPI HxCreateIProp(LPCIID, ALLOCATEBUFFER*, ALLOCATEMORE*, FREEBUFFER*, LPVOID, LPPROPDATA*) {
-  return MAPI_E_NO_SUPPORT;
+  return Unsupported("CreateIProp");
 }
 SCODE WINAPI HxCreateTable(LPCIID, ALLOCATEBUFFER*, ALLOCATEMORE*, FREEBUFFER*, LPVOID, ULONG, ULONG, LPSPropTagArray,
                            LPTABLEDATA*) {
-  return MAPI_E_NO_SUPPORT;
+  return Unsupported("CreateTable");
 }
 HRESULT WINAPI HxValidateParameters(ULONG, LPVOID*) {
-  return MAPI_E_NO_SUPPORT;
+  return Unsupported("HrValidateParameters");
 }
 HRESULT WINAPI HxBuildDisplayTable(LPALLOCATEBUFFER, LPALLOCATEMORE, LPFREEBUFFER, LPMALLOC, HINSTANCE, UINT, LPDTPAGE,
                                    ULONG, LPMAPITABLE*, LPTABLEDATA*) {
-  return MAPI_E_NO_SUPPORT;
+  return Unsupported("BuildDisplayTable");
 }
 HRESULT WINAPI HxValidateIPMSubtree(LPMDB, ULONG, ULONG*, LPSPropValue*, LPMAPIERROR*) {
-  return MAPI_E_NO_SUPPORT;
+  return Unsupported("HrValidateIPMSubtree");
 }
 HRESULT WINAPI HxDispatchNotifications(ULONG) {
-  return MAPI_E_NO_SUPPORT;
+  return Unsupported("HrDispatchNotifications");
 }
 HRESULT WINAPI HxOpenTnefStreamEx(LPVOID, LPSTREAM, LPTSTR, ULONG, LPMESSAGE, WORD, LPADRBOOK, LPVOID*) {
-  return MAPI_E_NO_SUPPORT;
+  return Unsupported("OpenTnefStreamEx");
 }
 HRESULT WINAPI HxOpenStreamOnFile(LPALLOCATEBUFFER, LPFREEBUFFER, ULONG, LPTSTR, LPTSTR, LPSTREAM*) {
-  return MAPI_E_NO_SUPPORT;
+  return Unsupported("OpenStreamOnFile");
 }
 HRESULT WINAPI HxOpenFormMgr(LPMAPISESSION, LPVOID*) {
-  return MAPI_E_NO_SUPPORT;
+  return Unsupported("MAPIOpenFormMgr");
 }
 HRESULT WINAPI HxRTFSync(LPMESSAGE, ULONG, WINBOOL*) {
-  return MAPI_E_NO_SUPPORT;
+  return Unsupported("RTFSync");
 }
 HRESULT WINAPI HxWrapCompressedRTFStream(LPSTREAM, ULONG, LPSTREAM*) {
-  return MAPI_E_NO_SUPPORT;
+  return Unsupported("WrapCompressedRTFStream");
 }
 HRESULT WINAPI HxOpenLocalFormContainer(LPVOID*) {
-  return MAPI_E_NO_SUPPORT;
+  return Unsupported("MAPIOpenLocalFormContainer");
 }
 
 }  // extern "C"

@@ -37,26 +37,27 @@ HRESULT CMapiForWDS::BrowseFolder(const std::wstring& folder_url, std::wstring& 
   ComPtr<IMAPIFolder> folder;
   HRESULT hr = OpenContainer(tokens.back(), parsed.IsStore(), &folder);
   if (FAILED(hr)) return hr;
+  // Lists that are cut short are not handed out.
+  std::vector<std::wstring> listed;
+  std::vector<FILETIME> listed_times;
   if (!parsed.IsStore()) {
-    hr = GetFolderContents(false, folder.Get(), names, times);
+    hr = GetFolderContents(false, folder.Get(), listed, listed_times);
     if (FAILED(hr)) {
       ZK_LOG(L"CMapiForWDS::BrowseFolder() - GetFolderContents for messages failed with [0x%08lX]", hr);
-      names.clear();
-      times.clear();
       return hr;
     }
   }
-  const size_t messages = names.size();
-  hr = GetFolderContents(true, folder.Get(), names, times);
+  const size_t messages = listed.size();
+  hr = GetFolderContents(true, folder.Get(), listed, listed_times);
   if (FAILED(hr)) {
     ZK_LOG(L"CMapiForWDS::BrowseFolder() - GetFolderContents for sub-folders failed with [0x%08lX]", hr);
-    names.clear();
-    times.clear();
     return hr;
   }
   FILETIME vault_time = {};
   GetLastModifiedFileTime(tokens.size() > kVaultToken ? tokens[kVaultToken] : std::wstring(), &vault_time);
-  times.insert(times.end(), names.size() - messages, vault_time);
+  listed_times.insert(listed_times.end(), listed.size() - messages, vault_time);
+  names.swap(listed);
+  times.swap(listed_times);
   return GetFolderPath(folder.Get(), path);
 }
 

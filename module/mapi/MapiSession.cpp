@@ -43,14 +43,15 @@ class HelperTable {
   template <class Before, class Each>
   void Clean(Before&& before, Each&& each) {
     CriticalSection::Guard guard(lock_);
-    const auto map = map_.exchange(std::make_shared<const Map>());
+    const auto map = map_.exchange(empty_);
     before(map->size());
     for (const auto& [key, object] : *map) each(key, object);
   }
 
  private:
   CriticalSection lock_;
-  std::atomic<std::shared_ptr<const Map>> map_ = std::make_shared<const Map>();
+  const std::shared_ptr<const Map> empty_ = std::make_shared<const Map>();  // emptying must not need memory
+  std::atomic<std::shared_ptr<const Map>> map_ = empty_;
 };
 
 HelperTable& Helpers() {
@@ -107,16 +108,22 @@ CMapiForWDS* CMapiForWDS::GetMapiObj(std::wstring item_url) {
       L"[0x%lX].",
       key.c_str(), logging::Address(object));
   if (object) return object;
-  object = new CMapiForWDS;
+  // What throws leaves nobody who knows of the object; a step that fails is another matter.
+  const auto abandon = [](CMapiForWDS* unfinished) {
+    unfinished->Teardown();
+    delete unfinished;
+  };
+  std::unique_ptr<CMapiForWDS, decltype(abandon)> made(new CMapiForWDS, abandon);
+  object = made.get();
   ZK_LOG(L"CMapiForWDS::GetMapiObj() - Created a new MAPI helper object at address [0x%lX] for file name %s",
          logging::Address(object), key.c_str());
   const HRESULT hr = object->Setup(item_url);
   ZK_LOG(L"CMapiForWDS::GetMapiObj() - Call to CMapiForWDS::Setup() returned with value [0x%08lX]. URL is :%s", hr,
          item_url.c_str());
   // Neither kept nor torn down: whatever the set-up had opened stays open, and the next request builds another.
-  if (FAILED(hr)) return nullptr;
-  Helpers().Store(key, object);
-  return object;
+  if (SUCCEEDED(hr)) Helpers().Store(key, object);
+  made.release();
+  return SUCCEEDED(hr) ? object : nullptr;
 }
 
 void CMapiForWDS::CleanMapiObjs() {
@@ -302,7 +309,7 @@ HRESULT CMapiForWDS::AddService() {
     ZK_LOG(L"CMapiForWDS::AddService() - Property tag not correct [0x%08lX]", uid.Value.err);
     return uid.Value.err;
   }
-  if (PROP_TYPE(uid.ulPropTag) != PT_BINARY || uid.Value.bin.cb < sizeof(service_uid_)) return E_FAIL;
+  if (!Carries(uid, PR_SERVICE_UID) || uid.Value.bin.cb < sizeof(service_uid_)) return E_FAIL;
   memcpy(&service_uid_, uid.Value.bin.lpb, sizeof(service_uid_));
   ++service_count_;
   return S_OK;
@@ -361,7 +368,7 @@ HRESULT CMapiForWDS::CacheStoreEntryID() {
     ZK_LOG(L"CMapiForWDS::OpenPST() - Property tag not correct, error is [0x%08lX]", id.Value.err);
     return id.Value.err;
   }
-  if (PROP_TYPE(id.ulPropTag) != PT_BINARY) {
+  if (!Carries(id, PR_ENTRYID)) {
     ZK_LOG(L"CMapiForWDS::OpenPST() - Property tag not as expected");
     return E_FAIL;
   }

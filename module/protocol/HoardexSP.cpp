@@ -128,8 +128,12 @@ STDMETHODIMP CHoardexSP::CloseAccessor(IUrlAccessor* accessor) {
 }
 
 STDMETHODIMP CHoardexSP::ShutDown() {
-  ZK_GUARD(L"CHoardexSP::ShutDown()", [&]() -> HRESULT {
+  // Whatever becomes of the folder, the sessions end: nobody asks a second time.
+  boundary::Guard(kLogSource, __LINE__, L"CHoardexSP::ShutDown()", [&]() -> HRESULT {
     DeleteAppDataFolder();
+    return S_OK;
+  });
+  ZK_GUARD(L"CHoardexSP::ShutDown()", [&]() -> HRESULT {
     CMapiForWDS::CleanMapiObjs();
     ZK_LOG(L"CHoardexSP::ShutDown() - Done");
     return S_OK;

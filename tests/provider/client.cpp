@@ -29,10 +29,6 @@ Library Load() {
   Resolve(m, "MAPIAdminProfiles", library.AdminProfiles);
   Resolve(m, "ScDupPropset", library.DupPropset);
   Resolve(m, "PpropFindProp", library.FindProp);
-  Resolve(m, "HoardexMapiLiveObjects", library.LiveObjects);
-  Resolve(m, "HoardexMapiLiveBuffers", library.LiveBuffers);
-  Resolve(m, "HoardexMapiFailCall", library.FailCall);
-  Resolve(m, "HoardexMapiCallsEntered", library.CallsEntered);
   return library;
 }
 
@@ -113,15 +109,14 @@ std::vector<std::uint8_t> OpenStore::EntryIdOf(std::uint32_t nid) const {
 }
 
 void ProviderTest::SetUp() {
-  Mapi().FailCall(nullptr, 0, S_OK);
-  objects_ = Mapi().LiveObjects();
-  buffers_ = Mapi().LiveBuffers();
+  Mapi();
+  ProviderFaults::Clear();
+  before_ = ProviderFaults::Count();
 }
 
 void ProviderTest::TearDown() {
-  Mapi().FailCall(nullptr, 0, S_OK);
-  EXPECT_EQ(Mapi().LiveObjects(), objects_) << "an object outlived its last reference";
-  EXPECT_EQ(Mapi().LiveBuffers(), buffers_) << "a buffer was not freed";
+  ProviderFaults::Clear();
+  EXPECT_EQ(ProviderFaults::Count(), before_) << "something outlived its last reference, or was not freed";
 }
 
 std::wstring SampleFolder() {

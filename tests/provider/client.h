@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "provider/mapi.h"
+#include "tests/support/provider_faults.h"
 
 namespace test {
 
@@ -28,10 +29,6 @@ struct Library {
   HRESULT(WINAPI* AdminProfiles)(ULONG, LPPROFADMIN*);
   SCODE(WINAPI* DupPropset)(int, LPSPropValue, LPALLOCATEBUFFER, LPSPropValue*);
   LPSPropValue(WINAPI* FindProp)(LPSPropValue, ULONG, ULONG);
-  long(WINAPI* LiveObjects)();
-  long(WINAPI* LiveBuffers)();
-  void(WINAPI* FailCall)(const char*, long, HRESULT);
-  long(WINAPI* CallsEntered)();
 };
 const Library& Mapi();
 
@@ -130,7 +127,7 @@ class ProviderTest : public testing::Test {
   void TearDown() override;
 
  private:
-  long objects_ = 0, buffers_ = 0;
+  ProviderFaults::Alive before_;
 };
 
 // The folder of sample stores as a path of this platform; empty when there is none.

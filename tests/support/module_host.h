@@ -10,6 +10,7 @@
 #include <iterator>
 #include <string>
 
+#include "tests/support/provider_faults.h"
 #include "tests/support/scratch_registry.h"
 
 class ModuleHost {
@@ -37,8 +38,8 @@ class ModuleHost {
   }
 
   // MAPI objects and buffers that are alive; the provider stays loaded once the module has loaded it.
-  static long LiveObjects() { return Ask("HoardexMapiLiveObjects"); }
-  static long LiveBuffers() { return Ask("HoardexMapiLiveBuffers"); }
+  static long LiveObjects() { return ProviderFaults::Count().objects(); }
+  static long LiveBuffers() { return ProviderFaults::Count().buffers; }
 
   // Both lie in the build tree; ctest runs a test in the folder of its own executable.
   static std::wstring ModulePath() { return BuildFolder() + L"module\\HoardexPH.dll"; }
@@ -54,13 +55,6 @@ class ModuleHost {
   }
 
  private:
-  static long Ask(const char* name) {
-    const HMODULE provider = GetModuleHandleW(ProviderPath().c_str());
-    const FARPROC address = provider ? GetProcAddress(provider, name) : nullptr;
-    long(WINAPI * ask)();
-    memcpy(&ask, &address, sizeof(ask));
-    return ask ? ask() : -1;
-  }
   template <class Function>
   bool Find(const char* name, Function& function) const {
     const FARPROC address = module_ ? GetProcAddress(module_, name) : nullptr;

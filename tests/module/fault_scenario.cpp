@@ -1,0 +1,346 @@
+#include "tests/module/fault_scenario.h"
+
+#include <gtest/gtest.h>
+#include <wrl/client.h>
+
+#include <filterr.h>
+
+#include <fstream>
+#include <iterator>
+#include <new>
+#include <set>
+
+#include "module/core/Boundary.h"
+#include "module/core/HoardexURL.h"
+#include "module/mapi/MapiForWDS.h"
+#include "module/protocol/HoardexSP.h"
+#include "vault/writer.h"
+
+namespace faults {
+namespace {
+
+namespace fs = std::filesystem;
+using Microsoft::WRL::ComPtr;
+
+constexpr wchar_t kLogSource[] = L".\\FaultTest";
+constexpr wchar_t kShellFolders[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Explorer\\User Shell Folders";
+constexpr wchar_t kProfiles[] = L"Software\\Trelmo\\Hoardex\\Profiles";
+
+// The filter of a file type: no chunks of its own.
+class NoChunks final : public IFilter, public IPersistStream {
+ public:
+  STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
+    *object = nullptr;
+    if (iid == IID_IFilter || iid == IID_IUnknown) *object = static_cast<IFilter*>(this);
+    if (iid == IID_IPersistStream) *object = static_cast<IPersistStream*>(this);
+    if (*object) AddRef();
+    return *object ? S_OK : E_NOINTERFACE;
+  }
+  STDMETHODIMP_(ULONG) AddRef() override { return ++references_; }
+  STDMETHODIMP_(ULONG) Release() override {
+    const ULONG left = --references_;
+    if (!left) delete this;
+    return left;
+  }
+  STDMETHODIMP GetClassID(CLSID*) override { return E_NOTIMPL; }
+  STDMETHODIMP IsDirty() override { return S_FALSE; }
+  STDMETHODIMP Save(IStream*, BOOL) override { return E_NOTIMPL; }
+  STDMETHODIMP GetSizeMax(ULARGE_INTEGER*) override { return E_NOTIMPL; }
+  STDMETHODIMP Load(IStream* stream) override { return stream ? S_OK : E_POINTER; }
+  STDMETHODIMP_(SCODE) Init(ULONG, ULONG, const FULLPROPSPEC*, ULONG*) override { return S_OK; }
+  STDMETHODIMP_(SCODE) GetChunk(STAT_CHUNK*) override { return FILTER_E_END_OF_CHUNKS; }
+  STDMETHODIMP_(SCODE) GetText(ULONG*, WCHAR*) override { return FILTER_E_NO_TEXT; }
+  STDMETHODIMP_(SCODE) GetValue(PROPVARIANT**) override { return FILTER_E_NO_VALUES; }
+  STDMETHODIMP_(SCODE) BindRegion(FILTERREGION, REFIID, void**) override { return E_NOTIMPL; }
+
+ private:
+  ULONG references_ = 1;
+};
+
+class Site final : public IProtocolHandlerSite {
+ public:
+  STDMETHODIMP QueryInterface(REFIID, void**) override { return E_NOINTERFACE; }
+  STDMETHODIMP_(ULONG) AddRef() override { return 2; }
+  STDMETHODIMP_(ULONG) Release() override { return 1; }
+  STDMETHODIMP GetFilter(CLSID*, LPCWSTR, LPCWSTR extension, IFilter** filter) override {
+    const Inside outside(false);
+    *filter = !wcscmp(extension, L"txt") ? new NoChunks : nullptr;
+    return *filter ? S_OK : E_FAIL;
+  }
+};
+
+// Runs an operation as the module's own interfaces do.
+template <class Body>
+HRESULT InModule(Body&& body) {
+  const Inside inside(true);
+  return boundary::Guard(kLogSource, __LINE__, L"FaultTest", body);
+}
+// Calls an interface, which must let no exception out.
+template <class Body>
+auto Calling(Body&& body) {
+  const Inside inside(true);
+  return body();
+}
+
+Operation OperationOf(const CHoardexURL& url) {
+  return url.IsStore()       ? Operation::kTop
+         : url.IsContainer() ? Operation::kFolder
+         : url.IsMessage()   ? Operation::kMessage
+                             : Operation::kAttachment;
+}
+
+std::wstring Describe(const PROPVARIANT* value) {
+  if (!value) return L"none";
+  std::wstring text = std::to_wstring(value->vt) + L" ";
+  if (value->vt == VT_LPWSTR) text += value->pwszVal;
+  if (value->vt == (VT_VECTOR | VT_VARIANT)) text += value->capropvar.pElems[0].pwszVal;
+  return text;
+}
+
+// Reads one item to the end. Returns the links that it gave.
+std::vector<std::wstring> ReadItem(ISearchProtocol* protocol, const std::wstring& url,
+                                   std::vector<std::wstring>& given) {
+  std::vector<std::wstring> links;
+  AUTHENTICATION_INFO authentication = {};
+  INCREMENTAL_ACCESS_INFO incremental = {};
+  ITEM_INFO info = {};
+  ComPtr<IUrlAccessor> accessor;
+  const HRESULT made =
+      Calling([&] { return protocol->CreateAccessor(url.c_str(), &authentication, &incremental, &info, &accessor); });
+  given.push_back(url + L" " + std::to_wstring(made));
+  if (made != S_OK) return links;
+  ComPtr<IFilter> filter;
+  ULONG flags = 0;
+  if (Calling([&] { return accessor->BindToFilter(&filter); }) == S_OK &&
+      Calling([&] { return filter->Init(0, 0, nullptr, &flags); }) == S_OK) {
+    STAT_CHUNK stat = {};
+    for (int i = 0; i < 200 && Calling([&] { return filter->GetChunk(&stat); }) == S_OK; ++i) {
+      std::wstring line = std::to_wstring(stat.attribute.psProperty.propid) + L" ";
+      if (stat.flags == CHUNK_TEXT) {
+        wchar_t text[101];
+        ULONG count = 100;
+        while (SUCCEEDED(Calling([&] { return filter->GetText(&count, text); }))) {
+          line.append(text, count);
+          count = 100;
+        }
+      } else {
+        PROPVARIANT* value = nullptr;
+        if (FAILED(Calling([&] { return filter->GetValue(&value); }))) value = nullptr;
+        line += Describe(value);
+        if (value && value->vt == (VT_VECTOR | VT_VARIANT)) links.push_back(value->capropvar.pElems[0].pwszVal);
+        if (value) PropVariantClear(value);
+        CoTaskMemFree(value);
+      }
+      given.push_back(std::move(line));
+    }
+  }
+  Calling([&] {
+    filter.Reset();
+    protocol->CloseAccessor(accessor.Get());
+    accessor.Reset();
+    return 0;
+  });
+  return links;
+}
+
+}  // namespace
+
+Scene& Scene::Get() {
+  static Scene scene;
+  return scene;
+}
+
+Scene::Scene() {
+  wchar_t path[MAX_PATH] = {};
+  GetTempPathW(MAX_PATH, path);
+  folder_ = fs::path(path) / (L"HoardexFaults" + std::to_wstring(GetCurrentProcessId()));
+  for (const wchar_t* name : {L"Local", L"Roaming", L"Vault"}) fs::create_directories(folder_ / name);
+  // Log and temporary files of this process alone.
+  ScratchRegistry::SetString(HKEY_CURRENT_USER, kShellFolders, L"Local AppData", (folder_ / L"Local").wstring());
+  ScratchRegistry::SetString(HKEY_CURRENT_USER, kShellFolders, L"AppData", (folder_ / L"Roaming").wstring());
+  ScratchRegistry::SetString(HKEY_CURRENT_USER, L"SOFTWARE\\Trelmo\\Zarnak\\Client\\Vault", L"HXRootDirectory",
+                             folder_.wstring());
+  log_ = folder_ / L"Local" / L"HoardexFaults.log";
+  CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+  // <build>/tests/<folder>/<test>.exe
+  GetModuleFileNameW(nullptr, path, MAX_PATH);
+  const fs::path provider =
+      fs::path(path).parent_path().parent_path().parent_path() / L"provider" / L"HoardexMapiChecked.dll";
+  ScratchRegistry::SetString(HKEY_LOCAL_MACHINE, L"Software\\Clients\\Mail\\Microsoft Outlook", L"DLLPathEx",
+                             provider.wstring());
+  g_MapiLoader.Load();
+  if (!g_MapiLoader.IsLoaded()) throw std::runtime_error(g_MapiLoader.LastError());
+  OpenLog();
+  WriteStore();
+  vault_url_ = url::Root(L"S-1-5-21-1") + store_.wstring();
+  // What is there is found by reading it.
+  std::set<std::wstring> known;
+  steps_.push_back({Operation::kSession, vault_url_});
+  for (const std::wstring& line : Crawl()) {
+    const std::wstring item = line.substr(0, line.rfind(L' '));
+    const CHoardexURL parsed(item);
+    if (!parsed.IsRoot() && parsed.kind() != CHoardexURL::kUnknown && known.insert(item).second)
+      steps_.push_back({OperationOf(parsed), item});
+  }
+  steps_.push_back({Operation::kClean, {}});
+}
+
+Scene::~Scene() {
+  g_Log.~SCLog();
+  new (&g_Log) SCLog(L"no such folder\\none.log");
+  // One by one, and no further than what is known to be there.
+  for (const fs::path& file : {log_, store_}) DeleteFileW(file.c_str());
+  for (const wchar_t* name : {L"Local", L"Roaming", L"Vault"}) RemoveDirectoryW((folder_ / name).c_str());
+  RemoveDirectoryW(folder_.c_str());
+}
+
+void Scene::OpenLog() {
+  g_Log.~SCLog();
+  DeleteFileW(log_.c_str());
+  new (&g_Log) SCLog(log_.filename().c_str());
+  log_read_ = 0;
+}
+
+void Scene::WriteStore() {
+  vault::StoreBuilder store("items");
+  const auto time = vault::FileTime(2024, 5, 1);
+  const auto add = [&](vault::FolderBuilder& folder, const char* subject) -> vault::MessageBuilder& {
+    return folder.AddMessage("IPM.Note")
+        .Subject(subject)
+        .From("Ann", "ann@example.com")
+        .To("Bob", "bob@example.org")
+        .SubmitTime(time)
+        .Body("Some text.");
+  };
+  auto& inbox = store.top().AddFolder("Inbox");
+  auto& mail = add(inbox, "A file and a message");
+  mail.AttachFile("first.txt", "content of the first").Time(0x3008, time);
+  mail.AttachMessage("IPM.Note").Subject("Embedded").Body("Inside");
+  add(inbox, "Nothing attached");
+  inbox.AddHidden("IPM.Configuration").Subject("Hidden");
+  inbox.AddFolder("Deeper").AddMessage("IPM.Contact").Subject("Card").Text(0x3001, "Ann Smith");
+  add(store.deleted_items(), "Deleted");
+  store_ = folder_ / L"Vault" / L"items.db";
+  store.Write(store_);
+}
+
+std::vector<StepResult> Scene::RunSteps() {
+  std::vector<StepResult> results;
+  CMapiForWDS* mapi = nullptr;
+  for (const Step& step : steps_) {
+    StepResult& result = results.emplace_back();
+    if (step.operation == Operation::kClean) {
+      result.result = InModule([] {
+        CMapiForWDS::CleanMapiObjs();
+        return S_OK;
+      });
+    } else if (step.operation == Operation::kSession) {
+      result.result = InModule([&] {
+        mapi = CMapiForWDS::GetMapiObj(step.url);
+        return mapi ? S_OK : E_FAIL;
+      });
+    } else if (!mapi) {
+      continue;
+    } else if (step.operation == Operation::kMessage) {
+      ComPtr<IMessage> message;
+      result.result = InModule([&] { return mapi->GetMsgFromURL(step.url, &message); });
+      EXPECT_EQ(SUCCEEDED(result.result), message != nullptr);
+    } else if (step.operation == Operation::kAttachment) {
+      ComPtr<IStream> stream;
+      result.result = InModule([&] { return mapi->GetStreamFromAttachmentURL(step.url, &stream); });
+      EXPECT_EQ(SUCCEEDED(result.result), stream != nullptr);
+    } else {
+      std::vector<FILETIME> times;
+      result.result = InModule([&] { return mapi->BrowseFolder(step.url, result.path, result.names, times); });
+      EXPECT_EQ(result.names.size(), times.size());
+    }
+    result.last_call = ProviderFaults::CallsEntered();
+  }
+  return results;
+}
+
+std::vector<std::wstring> Scene::Crawl() {
+  std::vector<std::wstring> given;
+  Site site;
+  ComPtr<ISearchProtocol> protocol;
+  void* made = nullptr;
+  if (FAILED(Calling([&] { return CreateHoardexSP(nullptr, __uuidof(ISearchProtocol), &made); }))) return given;
+  *protocol.ReleaseAndGetAddressOf() = static_cast<ISearchProtocol*>(made);
+  TIMEOUT_INFO timeouts = {};
+  PROXY_INFO proxy = {};
+  Calling([&] { return protocol->Init(&timeouts, &site, &proxy); });
+  std::vector<std::wstring> pending = {url::Root(L"S-1-5-21-1")};
+  std::set<std::wstring> seen;
+  while (!pending.empty()) {
+    const std::wstring url = pending.back();
+    pending.pop_back();
+    if (!seen.insert(url).second) continue;
+    const auto links = ReadItem(protocol.Get(), url, given);
+    pending.insert(pending.end(), links.rbegin(), links.rend());
+  }
+  Calling([&] { return protocol->ShutDown(); });
+  return given;
+}
+
+void Scene::LeaveStaleProfile() {
+  HKEY key;
+  const std::wstring path = std::wstring(kProfiles) + L"\\ZK_HX_10_1_2_3_4";
+  if (RegCreateKeyExW(HKEY_CURRENT_USER, path.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr) ==
+      ERROR_SUCCESS)
+    RegCloseKey(key);
+}
+
+std::vector<std::string> Scene::NewLogLines() {
+  std::vector<std::string> lines;
+  std::ifstream file(log_, std::ios::binary);
+  file.seekg(log_read_);
+  const std::string text(std::istreambuf_iterator<char>(file), {});
+  file.close();  // or it could not be deleted
+  log_read_ += static_cast<std::streamoff>(text.size());
+  for (size_t at = 0; at < text.size();) {
+    const size_t end = std::min(text.find('\n', at), text.size()), mark = text.find("):", at);
+    // "[...] Source(12):text " with the runtime's line ending.
+    if (mark < end) {
+      std::string line = text.substr(mark + 2, end - mark - 2);
+      while (!line.empty() && (line.back() == '\r' || line.back() == ' ')) line.pop_back();
+      lines.push_back(std::move(line));
+    }
+    at = end + 1;
+  }
+  if (log_read_ > SCLog::kRewindAt / 2) OpenLog();  // before it starts over in the middle of a run
+  return lines;
+}
+
+size_t Scene::TemporaryFiles() const {
+  const fs::path folder = folder_ / L"Roaming" / url::kScheme;
+  std::error_code none;
+  return static_cast<size_t>(std::distance(fs::directory_iterator(folder, none), {}));
+}
+
+bool Scene::LogIsFree() {
+  const auto log = [](LPVOID) -> DWORD {
+    ZK_LOG(L"Another thread");
+    return 0;
+  };
+  const HANDLE thread = CreateThread(nullptr, 0, log, nullptr, 0, nullptr);
+  const bool done = WaitForSingleObject(thread, 10'000) == WAIT_OBJECT_0;
+  CloseHandle(thread);
+  return done;
+}
+
+void Invariants::Check(const Left& left, long profiles, bool exact) const {
+  const ProviderFaults::Alive now = ProviderFaults::Count();
+  const auto within = [exact](long alive, long most) { return exact ? alive == most : alive >= 0 && alive <= most; };
+  const bool only_left = within(now.sessions - before_.sessions, left.sessions) &&
+                         within(now.service_admins - before_.service_admins, left.service_admins) &&
+                         within(now.buffers - before_.buffers, left.buffers) &&
+                         now.objects() - now.sessions - now.service_admins ==
+                             before_.objects() - before_.sessions - before_.service_admins &&
+                         now.row_sets == before_.row_sets && now.store_files <= 1 &&
+                         now.open_profiles - before_.open_profiles <= left.sessions;
+  EXPECT_TRUE(only_left) << now << "; before, " << before_;
+  EXPECT_TRUE(within(now.profiles, profiles)) << now << "; expected, " << profiles;
+  EXPECT_EQ(Scene::Get().TemporaryFiles(), 0u);
+}
+
+}  // namespace faults
