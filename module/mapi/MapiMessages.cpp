@@ -30,6 +30,11 @@ constexpr auto kDigits = [] {
 }();
 static_assert(kDigits.size() == 55);
 
+// Ignoring case, of every script.
+bool SameName(const wchar_t* shown, const std::wstring& wanted) {
+  return CompareStringOrdinal(shown, -1, wanted.c_str(), -1, TRUE) == CSTR_EQUAL;
+}
+
 BYTE Digit(char c) {
   return c >= '0' && c <= 'f' ? kDigits[static_cast<size_t>(c - '0')] : kNoDigit;
 }
@@ -166,8 +171,7 @@ HRESULT CMapiForWDS::GetStreamFromAttachmentURL(const std::wstring& attachment_u
   const SPropValue* number = nullptr;
   for (ULONG i = 0; i < rows.rows() && !number; ++i) {
     const SPropValue* shown = rows.cell(i, 0, PR_DISPLAY_NAME_W);
-    if (shown && shown->Value.lpszW && *shown->Value.lpszW && !_wcsicmp(shown->Value.lpszW, name.c_str()))
-      number = rows.cell(i, 1, PR_ATTACH_NUM);
+    if (shown && *shown->Value.lpszW && SameName(shown->Value.lpszW, name)) number = rows.cell(i, 1, PR_ATTACH_NUM);
   }
   if (!number) return E_FAIL;
   ComPtr<IAttach> attachment;

@@ -60,6 +60,13 @@ HelperTable& Helpers() {
   return *table;
 }
 
+// Held while a temporary profile exists: the clean-up of one session would delete the profile that another is about to
+// log on to.
+CriticalSection& ProfileLock() {
+  static CriticalSection* lock = new CriticalSection;  // never destroyed, like the table
+  return *lock;
+}
+
 LPTSTR Ansi(const char* text) {
   return reinterpret_cast<LPTSTR>(const_cast<char*>(text));
 }
@@ -205,6 +212,7 @@ HRESULT CMapiForWDS::CreateMapiSession() {
     ZK_LOG(L"CMapiForWDS::CreateMapiSession() - MAPIAdminProfiles failed [0x%08lX]", hr);
     return hr;
   }
+  const CriticalSection::Guard guard(ProfileLock());
   ZK_LOG(L"CMapiForWDS::CreateMapiSession() - Calling DeleteOldProfiles");
   hr = DeleteOldProfiles(admin.Get());
   ZK_LOG(L"CMapiForWDS::CreateMapiSession() - Called DeleteOldProfiles");

@@ -58,7 +58,9 @@ class Scene {
   std::vector<std::wstring> Crawl();
 
   const std::vector<Step>& steps() const { return steps_; }
+  // Of the store; others may be put beside it.
   const std::filesystem::path& store() const { return store_; }
+  static std::wstring UrlOf(const std::filesystem::path& store);
 
   // A profile that a process left behind is there before each run, and must go.
   void LeaveStaleProfile();

@@ -1,0 +1,203 @@
+// Life of a vault session beyond the plain case: who shares it, what it cleans up, where it stops, and how it goes
+// down.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <thread>
+
+#include "module/core/SCLog.h"
+#include "module/core/Text.h"
+#include "module/mapi/MapiForWDS.h"
+#include "tests/module/fault_expectations.h"
+
+// The one class that may look inside.
+struct MapiForWDSTest {
+  // Sets an object up and takes it down again. The calls that the way down made, in order.
+  static std::vector<std::string> CallsOfTeardown(const std::wstring& url, const char* failing) {
+    auto* object = new CMapiForWDS;
+    if (failing) ProviderFaults::Fail(failing, 1, E_OUTOFMEMORY);
+    EXPECT_EQ(FAILED(object->Setup(url)), failing != nullptr);
+    ProviderFaults::Clear();
+    object->Teardown();
+    delete object;
+    std::vector<std::string> calls;
+    for (long n = 1; n <= ProviderFaults::CallsEntered(); ++n) calls.push_back(ProviderFaults::CallName(n));
+    return calls;
+  }
+};
+
+namespace faults {
+namespace {
+
+namespace fs = std::filesystem;
+
+class Session : public testing::Test {
+ protected:
+  void SetUp() override {
+    ProviderFaults::Clear();
+    scene_.NewLogLines();
+    before_ = ProviderFaults::Count();
+  }
+  void TearDown() override {
+    ProviderFaults::Clear();
+    CMapiForWDS::CleanMapiObjs();
+    EXPECT_EQ(ProviderFaults::Count(), before_);
+  }
+  static size_t SubFolders(CMapiForWDS* mapi, const std::wstring& url) {
+    std::wstring path;
+    std::vector<std::wstring> names;
+    std::vector<FILETIME> times;
+    return mapi && mapi->BrowseFolder(url, path, names, times) == S_OK ? names.size() : 0;
+  }
+  // The store under another name, gone at the end.
+  class Copy {
+   public:
+    explicit Copy(const std::wstring& name) : path(Scene::Get().store().parent_path() / name) {
+      CopyFileW(Scene::Get().store().c_str(), path.c_str(), FALSE);
+    }
+    ~Copy() {
+      CMapiForWDS::CleanMapiObjs();
+      EXPECT_TRUE(DeleteFileW(path.c_str()));
+    }
+    const fs::path path;
+  };
+  static void MakeProfile(const wchar_t* name) {
+    HKEY key = nullptr;
+    const std::wstring path = std::wstring(L"Software\\Trelmo\\Hoardex\\Profiles\\") + name;
+    RegCreateKeyExW(HKEY_CURRENT_USER, path.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr);
+    RegCloseKey(key);
+  }
+  // Whether it was there; it is not afterwards.
+  static bool TakeProfile(const wchar_t* name) {
+    const std::wstring path = std::wstring(L"Software\\Trelmo\\Hoardex\\Profiles\\") + name;
+    return RegDeleteKeyW(HKEY_CURRENT_USER, path.c_str()) == ERROR_SUCCESS;
+  }
+
+  Scene& scene_ = Scene::Get();
+  const std::wstring url_ = Scene::UrlOf(Scene::Get().store());
+  ProviderFaults::Alive before_;
+};
+
+TEST_F(Session, IsSharedByAllSpellingsOfThePath) {
+  std::wstring upper = url_;
+  const size_t path = upper.find(L"default/") + 8;
+  CharUpperBuffW(upper.data() + path, static_cast<DWORD>(upper.size() - path));
+  CMapiForWDS* mapi = CMapiForWDS::GetMapiObj(url_);
+  ASSERT_NE(mapi, nullptr);
+  EXPECT_EQ(CMapiForWDS::GetMapiObj(upper), mapi);
+  EXPECT_EQ(CMapiForWDS::GetMapiObj(url_ + L"/0011AA/"), mapi);
+  EXPECT_EQ(ProviderFaults::Count().sessions, before_.sessions + 1);
+  CMapiForWDS::CleanMapiObjs();
+  EXPECT_NE(CMapiForWDS::GetMapiObj(upper), nullptr) << "a new one after the old ones are gone";
+  EXPECT_EQ(ProviderFaults::Count().sessions, before_.sessions + 1);
+}
+
+TEST_F(Session, WorksForEveryThreadThatAsksFirst) {
+  for (int round = 0; round < 10; ++round) {
+    constexpr size_t kThreads = 8;
+    CMapiForWDS* got[kThreads] = {};
+    size_t listed[kThreads] = {};
+    std::vector<std::thread> threads;
+    for (size_t i = 0; i < kThreads; ++i) {
+      threads.emplace_back([&, i] {
+        got[i] = CMapiForWDS::GetMapiObj(url_);
+        listed[i] = SubFolders(got[i], url_);
+      });
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(std::count(got, got + kThreads, nullptr), 0);
+    for (const size_t count : listed) EXPECT_EQ(count, 2u);
+    EXPECT_EQ(ProviderFaults::Count().profiles, 0);
+    CMapiForWDS::CleanMapiObjs();
+    // Those that lost the table's place live on, on purpose, each with its session and store.
+    std::sort(got, got + kThreads);
+    const long others = static_cast<long>(std::unique(got, got + kThreads) - got) - 1;
+    EXPECT_EQ(ProviderFaults::Count().sessions, before_.sessions + others);
+    before_ = ProviderFaults::Count();
+  }
+}
+
+TEST_F(Session, DeletesOnlyProfilesThatItsLikesMade) {
+  const std::pair<const wchar_t*, bool> kProfiles[] = {{L"ZK_HX_10_1_2_3_4", false},
+                                                       {L"ZK_HX_1a2c_1cb8f4e_8d3e1f20_5f3a12_9c2e0b1d4", false},
+                                                       {L"ZK_HX_PH", true},
+                                                       {L"ZK_HX_x", true},
+                                                       {L"ZK_HX_10_1_2_3", true},
+                                                       {L"ZK_HX_10_1_2_3_", true},
+                                                       {L"Outlook", true}};
+  for (const auto& [name, kept] : kProfiles) MakeProfile(name);
+  EXPECT_EQ(SubFolders(CMapiForWDS::GetMapiObj(url_), url_), 2u);
+  for (const auto& [name, kept] : kProfiles) EXPECT_EQ(TakeProfile(name), kept) << text::Narrow(name);
+  EXPECT_TRUE(HasLine(scene_.NewLogLines(), "CMapiForWDS::DeleteOldProfiles - PROFILE Deleted 'ZK_HX_10_1_2_3_4'", 0));
+}
+
+TEST_F(Session, FallsBackToTheOldKindOfService) {
+  ProviderFaults::Fail("IMsgServiceAdmin::CreateMsgService", 1, E_FAIL);
+  EXPECT_EQ(SubFolders(CMapiForWDS::GetMapiObj(url_), url_), 2u);
+  const auto lines = scene_.NewLogLines();
+  EXPECT_TRUE(HasLine(lines, "CMapiForWDS::ConfigurePST() - PR_PST_FILENAME", 0));
+  EXPECT_FALSE(HasLine(lines, "CMapiForWDS::ConfigurePST() - PR_PST_FILENAME_W", 0));
+}
+
+TEST_F(Session, TakesPathsOutsideTheCodePage) {
+  if (GetACP() == CP_UTF8) GTEST_SKIP() << "every path is in this code page";
+  const Copy copy(L"\u65E5\u672C \u0416.db");
+  const std::wstring url = Scene::UrlOf(copy.path);
+  EXPECT_EQ(SubFolders(CMapiForWDS::GetMapiObj(url), url), 2u);
+  CMapiForWDS::CleanMapiObjs();
+  // The old kind of service cannot be told of such a path, and must not open another.
+  scene_.NewLogLines();
+  ProviderFaults::Fail("IMsgServiceAdmin::CreateMsgService", 1, E_FAIL);
+  EXPECT_EQ(CMapiForWDS::GetMapiObj(url), nullptr);
+  const auto lines = scene_.NewLogLines();
+  EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [](const std::string& line) {
+    return line.starts_with("CMapiForWDS::Setup() - OpenPST failed with [0x8");
+  }));
+  before_ = ProviderFaults::Count();  // the set-up that failed keeps its session
+}
+
+TEST_F(Session, RefusesAPathThatHasNoRoom) {
+  const auto url_of_length = [](size_t length) {
+    std::wstring path = L"C:\\";
+    return Scene::UrlOf(path.append(length - 6, L'x') + L".db");
+  };
+  EXPECT_EQ(CMapiForWDS::GetMapiObj(url_of_length(1024)), nullptr);
+  EXPECT_EQ(ProviderFaults::CallsEntered(), 0) << "nothing is opened first";
+  EXPECT_TRUE(HasLine(scene_.NewLogLines(), "CMapiForWDS::Setup() - Vault file path is too long [0x%08lX]",
+                      static_cast<HRESULT>(0x800700CE)));
+  EXPECT_EQ(CMapiForWDS::GetMapiObj(url_of_length(1023)), nullptr) << "there is no such file";
+  EXPECT_GT(ProviderFaults::CallsEntered(), 0);
+  before_ = ProviderFaults::Count();
+}
+
+TEST_F(Session, RefusesAUrlWithoutAVault) {
+  for (const wchar_t* url : {L"", L"zkoffline3x://{S-1-5-21-1}/default/", L"no url"})
+    EXPECT_EQ(CMapiForWDS::GetMapiObj(url), nullptr);
+  EXPECT_EQ(ProviderFaults::CallsEntered(), 0);
+  EXPECT_TRUE(HasLine(scene_.NewLogLines(), "CMapiForWDS::Setup() - ExtractURLTokens failed", 0));
+}
+
+TEST_F(Session, GoesDownInTheOrderThatItCameUp) {
+  using Calls = std::vector<std::string>;
+  const std::string free = "MAPIFreeBuffer", remove = "IMsgServiceAdmin::DeleteMsgService",
+                    logoff = "IMAPISession::Logoff", end = "MAPIUninitialize";
+  const std::pair<const char*, Calls> kStops[] = {
+      {"MAPIInitialize", {}},
+      {"MAPIAdminProfiles", {end}},
+      {"MAPILogonEx", {end}},
+      {"IProfAdmin::AdminServices", {end}},
+      {"IMsgServiceAdmin::GetMsgServiceTable", {logoff, end}},
+      {"IMsgServiceAdmin::ConfigureMsgService", {remove, logoff, end}},
+      {"IMAPISession::GetMsgStoresTable", {remove, logoff, end}},
+      {"IMAPISession::OpenMsgStore", {remove, logoff, end, free}},
+      {nullptr, {free, remove, logoff, end}},
+  };
+  for (const auto& [failing, calls] : kStops) {
+    SCOPED_TRACE(failing ? failing : "no failure");
+    EXPECT_EQ(MapiForWDSTest::CallsOfTeardown(url_, failing), calls);
+    EXPECT_EQ(ProviderFaults::Count(), before_);
+  }
+}
+
+}  // namespace
+}  // namespace faults
