@@ -49,8 +49,9 @@ int Main(int argc, char** argv) {
   app.require_subcommand(1);
   app.set_help_all_flag("--help-all", "Help of all commands");
   app.footer(
-      "The launcher knows more: test (builds and runs all tests), bench FILE… (speed beside other readers) and mkvault "
-      "(makes stores to try it with).");
+      "The launcher knows more: test (builds and runs all tests), bench FILE… (speed beside other readers), fuzz "
+      "(looks "
+      "for input that the readers cannot bear) and mkvault (makes stores to try it with).");
   std::function<int()> command;
   // Read late, so that --help works everywhere.
   const auto environment = [] { return Environment::FromProcess(); };
