@@ -49,7 +49,8 @@ class StoreStream : public WithProperties<StoreStream> {
   StoreStream(const StoreStream&) = delete;
   StoreStream& operator=(const StoreStream&) = delete;
 
-  // The top of the mail subtree, and the "Deleted Items" in it: open from the beginning to Finish. Throw Error afterwards.
+  // The top of the mail subtree, and the "Deleted Items" in it: open from the beginning to Finish. Throw Error
+  // afterwards.
   FolderStream& top();
   FolderStream& deleted_items();
 
