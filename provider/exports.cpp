@@ -64,7 +64,10 @@ LPMALLOC WINAPI HxGetDefaultMalloc() {
 }
 
 HRESULT WINAPI HxInitialize(LPVOID) {
-  return Guarded("MAPIInitialize", [] { ++initialized; });
+  return Guarded("MAPIInitialize", [] {
+    ++initialized;
+    CountLive(Kind::kInitialization, 1);
+  });
 }
 
 void WINAPI HxUninitialize() {
@@ -73,6 +76,7 @@ void WINAPI HxUninitialize() {
     long count = initialized;
     while (count > 0 && !initialized.compare_exchange_weak(count, count - 1)) {
     }
+    if (count > 0) CountLive(Kind::kInitialization, -1);
   });
 }
 

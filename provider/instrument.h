@@ -26,6 +26,7 @@ enum class Kind {
   kRowSet,
   kStoreFile,
   kProfile,
+  kInitialization,
   kCount
 };
 

@@ -58,14 +58,21 @@ void FileWriter::AddNode(const NodeInfo& node) {
 }
 
 FileWriter::Transaction::~Transaction() {
-  file_.in_transaction_ = false;
-  file_.pending_blocks_.clear();
-  file_.pending_nodes_.clear();
+  End();
 }
 
 void FileWriter::Transaction::Commit() {
   for (const BlockEntry& entry : file_.pending_blocks_) file_.blocks_.Add(entry);
   for (const NodeInfo& node : file_.pending_nodes_) file_.nodes_.Add(node);
+  End();
+}
+
+void FileWriter::Transaction::End() {
+  constexpr std::size_t kKept = 4096;  // entries: room that the next message need not ask for again
+  file_.in_transaction_ = false;
+  file_.pending_blocks_.clear();
+  file_.pending_nodes_.clear();
+  if (file_.pending_blocks_.capacity() > kKept) file_.pending_blocks_.shrink_to_fit();
 }
 
 Bid FileWriter::AddList(std::span<const Bid> bids, unsigned level, std::uint64_t total) {

@@ -51,9 +51,11 @@ class FileWriter {
     ~Transaction();
     Transaction(const Transaction&) = delete;
     Transaction& operator=(const Transaction&) = delete;
+    // Ends it; what is added afterwards stands for itself.
     void Commit();
 
    private:
+    void End();
     FileWriter& file_;
   };
 

@@ -119,7 +119,7 @@ NodeInfo ItemWriter::WriteMessage(const MessageBuilder& message, ItemProperties&
   HeapWriter heap(file_, kPropertiesHeap);
   std::uint64_t size = p.Size();
   WriteRecipients(message, p, heap);
-  if (!message.attachments_.empty()) {
+  if (!message.attachments().empty()) {
     size += WriteAttachments(message, heap);
     const std::uint32_t flags = static_cast<std::uint32_t>(p.Int(prop::kMessageFlags)) | kHasAttachments;
     p.Replace(prop::kMessageFlags, PropType::kInt32, flags);
@@ -153,7 +153,7 @@ void ItemWriter::DefaultConversation(ItemProperties& p) const {
 void ItemWriter::WriteRecipients(const MessageBuilder& message, ItemProperties& p, HeapWriter& heap) {
   TableWriter table(file_, StandardTables::Get().recipients);
   std::u16string shown[4];  // by recipient type
-  for (const RecipientBuilder& recipient : message.recipients_) {
+  for (const RecipientBuilder& recipient : message.recipients()) {
     const ItemProperties r(recipient.properties());
     r.AddRow(table, table.row_count());
     const std::int32_t type = r.Int(0x0C15);
@@ -173,7 +173,7 @@ std::uint64_t ItemWriter::WriteAttachments(const MessageBuilder& message, HeapWr
   TableWriter table(file_, StandardTables::Get().attachments);
   std::uint32_t index = kFirstAttachment;
   std::uint64_t total = 0;
-  for (const AttachmentBuilder& attachment : message.attachments_) {
+  for (const AttachmentBuilder& attachment : message.attachments()) {
     ItemProperties p(attachment.properties());
     NodeInfo node = WriteAttachment(attachment, p);
     node.nid = MakeNid(NidType::kAttachment, index++);
@@ -190,7 +190,7 @@ std::uint64_t ItemWriter::WriteAttachments(const MessageBuilder& message, HeapWr
 NodeInfo ItemWriter::WriteAttachment(const AttachmentBuilder& attachment, ItemProperties& p) {
   HeapWriter heap(file_, kPropertiesHeap);
   std::uint64_t size = p.Size();
-  if (attachment.embedded_) size += WriteEmbedded(*attachment.embedded_, p, heap);
+  if (attachment.embedded()) size += WriteEmbedded(*attachment.embedded(), p, heap);
   p.Default(prop::kAttachSize, PropType::kInt32, Size32(size));
   const std::uint32_t root = AddProperties(heap, p.Written(names_));
   return heap.Finish(root);

@@ -123,20 +123,22 @@ Nid FolderStream::State::AddItem(const MessageBuilder& message, NidType type, Ta
   if (!table.HasRoom()) throw Error(ErrorCode::kUnwritable, "the folder has no room for more messages");
   const ItemWriter::Counters before = store.items.counters();
   ItemProperties p(message.properties());
+  FileWriter::Transaction transaction(store.file);
   Nid item = 0;
   try {
-    FileWriter::Transaction transaction(store.file);
     item = store.items.NewNid(type);
     NodeInfo node = store.items.WriteMessage(message, p);
     node.nid = item;
     node.parent = nid;
     store.file.AddNode(node);
-    transaction.Commit();
   } catch (...) {
     store.items.TakeBack(before);
     throw;
   }
-  store.Whole([&] { p.AddRow(table, item); });
+  store.Whole([&] {
+    transaction.Commit();
+    p.AddRow(table, item);
+  });
   if (type == NidType::kMessage && !(p.Int(prop::kMessageFlags) & kRead)) ++unread;
   return item;
 }

@@ -11,17 +11,18 @@
 //   inbox.Close();
 //   store.Finish();
 //
-// Memory: independent of the number of messages in closed folders. Each open folder takes some 50 KB and 10 bytes for
-// each of its messages; a message being written, 4 bytes for each KB of its large values; the rest about 3 MB.
+// Memory: independent of the number of messages in closed folders. Each open folder takes up to 50 KB and 10 bytes for
+// each of its messages; a message being written, 6 bytes for each KB of its large values; the rest about 3 MB.
 // Files: everything goes to a file of another name beside the store (a second one keeps the sorted runs of a large node
 // tree); Finish writes the header last, brings the file to the disk and gives it its name, which replaces a store of
 // that name in one step. Without Finish nothing stays behind.
-// Limits of the format: 4 GB - 1 a value; 2^27 messages, folders included; about 1.7 million messages of usual size in
-// one folder (its table keeps subject, sender and so on in a heap of 65,536 blocks); 32 messages within one another.
+// Limits of the format: 4 GB - 1 a value; 2^27 messages, folders included; about two million messages of usual size in
+// one folder, whose table keeps subject, sender and so on in a heap of 512 MB; 32 messages within one another; 32,767
+// names of properties.
 // Errors: what the format cannot hold is Error(kUnwritable), a source or the store's own file that fails
 // Error(kCannotOpen), or whatever a source throws. After an error in AddMessage or AddHidden the stream goes on as if
-// the call had not been made; only the room that was written stays unused. After any other error, or when the store's
-// own file cannot be written, every further call throws.
+// the call had not been made; only the room that was written stays unused, and new names stay known. After any other
+// error, or when the store's own file cannot be written, every further call throws.
 // Threads: one at a time. The same calls give the same bytes.
 #pragma once
 
@@ -49,7 +50,8 @@ class StoreStream : public WithProperties<StoreStream> {
   StoreStream(const StoreStream&) = delete;
   StoreStream& operator=(const StoreStream&) = delete;
 
-  // The top of the mail subtree, and the "Deleted Items" in it: open from the beginning to Finish. Throw Error afterwards.
+  // The top of the mail subtree, and the "Deleted Items" in it: open from the beginning to Finish. Throw Error
+  // afterwards.
   FolderStream& top();
   FolderStream& deleted_items();
 

@@ -232,24 +232,24 @@ void CopyProperties(const PropertyMap& from, auto& to) {
   }
 }
 
-}  // namespace
-
-void StoreBuilder::Write(const FolderBuilder& folder, FolderStream& to) {
+void WriteFolder(const FolderBuilder& folder, FolderStream& to) {
   CopyProperties(folder.properties(), to);
-  for (const MessageBuilder& message : folder.messages_) to.AddMessage(message);
-  for (const MessageBuilder& message : folder.hidden_) to.AddHidden(message);
-  for (const FolderBuilder& child : folder.folders_) {
+  for (const MessageBuilder& message : folder.messages()) to.AddMessage(message);
+  for (const MessageBuilder& message : folder.hidden()) to.AddHidden(message);
+  for (const FolderBuilder& child : folder.folders()) {
     FolderStream& below = to.OpenFolder({}, {});
-    Write(child, below);
+    WriteFolder(child, below);
     below.Close();
   }
 }
 
+}  // namespace
+
 void StoreBuilder::Write(const std::filesystem::path& path) const {
   StoreStream stream(path, name_, encoding_, uid_);
   CopyProperties(properties(), stream);
-  Write(deleted_, stream.deleted_items());
-  Write(top_, stream.top());
+  WriteFolder(deleted_, stream.deleted_items());
+  WriteFolder(top_, stream.top());
   stream.Finish();
 }
 

@@ -186,10 +186,11 @@ class AttachmentBuilder : public WithProperties<AttachmentBuilder> {
   AttachmentBuilder& MimeType(std::string_view type) { return Text(0x370E, type); }
   // A picture that an HTML body shows by "cid:".
   AttachmentBuilder& Inline(std::string_view content_id) { return Text(0x3712, content_id).Int(0x3714, 4); }
+  // The message that is attached; null for other attachments.
+  const MessageBuilder* embedded() const { return embedded_.get(); }
 
  private:
   friend class MessageBuilder;
-  friend class ItemWriter;
   AttachmentBuilder& Named(std::string_view name);
   std::shared_ptr<MessageBuilder> embedded_;
 };
@@ -227,8 +228,10 @@ class MessageBuilder : public WithProperties<MessageBuilder> {
   // An OLE object: the bytes of its storage, as an object or, where `binary`, as a binary value.
   AttachmentBuilder& AttachOle(std::string_view name, std::span<const std::uint8_t> storage, bool binary = false);
 
+  const std::deque<RecipientBuilder>& recipients() const { return recipients_; }
+  const std::deque<AttachmentBuilder>& attachments() const { return attachments_; }
+
  private:
-  friend class ItemWriter;
   AttachmentBuilder& Attach(AttachMethod method);
   MessageBuilder& AddRecipient(std::int32_t type, std::string_view name, std::string_view email);
   std::deque<RecipientBuilder> recipients_;
@@ -243,8 +246,11 @@ class FolderBuilder : public WithProperties<FolderBuilder> {
   // A hidden message of the associated table.
   MessageBuilder& AddHidden(std::string_view message_class) { return hidden_.emplace_back(message_class); }
 
+  const std::list<FolderBuilder>& folders() const { return folders_; }
+  const std::deque<MessageBuilder>& messages() const { return messages_; }
+  const std::deque<MessageBuilder>& hidden() const { return hidden_; }
+
  private:
-  friend class StoreBuilder;
   std::list<FolderBuilder> folders_;
   std::deque<MessageBuilder> messages_, hidden_;
 };
@@ -261,11 +267,12 @@ class StoreBuilder : public WithProperties<StoreBuilder> {
   // The top of the mail subtree, and the "Deleted Items" in it.
   FolderBuilder& top() { return top_; }
   FolderBuilder& deleted_items() { return deleted_; }
+  const FolderBuilder& top() const { return top_; }
+  const FolderBuilder& deleted_items() const { return deleted_; }
   // Writes the whole store in place of the file, as StoreStream does. Throws Error.
   void Write(const std::filesystem::path& path) const;
 
  private:
-  static void Write(const FolderBuilder& folder, FolderStream& to);
   std::string name_;
   Encoding encoding_;
   Guid uid_{};

@@ -50,6 +50,7 @@ SCLog::~SCLog() {
     fclose(stream_);
     stream_ = nullptr;
   }
+  closed_ = true;
   // The lock stays for the process's end: another static object's destructor may still log.
 }
 
@@ -65,7 +66,7 @@ void SCLog::SetFileLine(const wchar_t* source_path, int line) noexcept {
 void SCLog::Log(int level, const wchar_t* format, ...) noexcept {
   Unlock unlock(lock_);
   if (level > threshold_) return;
-  if (!stream_ && !Open()) return;
+  if (closed_ || (!stream_ && !Open())) return;
   wchar_t message[kMessageChars] = {};
   va_list args;
   va_start(args, format);

@@ -43,6 +43,7 @@ class SCLog {
   int line_ = 0;
   wchar_t path_[1024] = {};
   std::FILE* stream_ = nullptr;
+  bool closed_ = false;  // the separator stands: what comes later is dropped
   int threshold_ = 0;
   HANDLE lock_ = nullptr;
 };

@@ -97,6 +97,12 @@ HRESULT CMapiForWDS::OpenContainer(const std::wstring& token, bool top, LPMAPIFO
   if (!object || type != MAPI_FOLDER) {
     // A folder URL may be forged with a message's identifier; its methods are not a folder's.
     if (object) object->Release();
+    if (top) {
+      ZK_LOG(L"CMapiForWDS::BrowseFolder() - OpenEntry of IPM root folder failed\twith [0x%08lX]",
+             MAPI_E_INVALID_OBJECT);
+      return E_FAIL;
+    }
+    ZK_LOG(L"CMapiForWDS::BrowseFolder() - OpenEntry for folder failed\twith [0x%08lX]", MAPI_E_INVALID_OBJECT);
     return MAPI_E_INVALID_OBJECT;
   }
   *folder = static_cast<LPMAPIFOLDER>(object);
@@ -208,11 +214,13 @@ HRESULT CMapiForWDS::GetFolderPath(LPMAPIFOLDER folder, std::wstring& path) {
     const SPropValue* parent = FindProp(values, count, 2, PR_PARENT_ENTRYID);
     if (!parent) break;
     if (id) {
-      // The store's root folder is its own parent: a folder outside the message tree ends there.
+      // The store's root folder is its own parent: a folder outside the message tree ends there. Only a shortcut, so
+      // that it cannot fail the walk.
       ULONG same = FALSE;
-      hr = store_->CompareEntryIDs(id->Value.bin.cb, EntryId(id->Value.bin), parent->Value.bin.cb,
-                                   EntryId(parent->Value.bin), 0, &same);
-      if (FAILED(hr) || same) break;
+      if (SUCCEEDED(store_->CompareEntryIDs(id->Value.bin.cb, EntryId(id->Value.bin), parent->Value.bin.cb,
+                                            EntryId(parent->Value.bin), 0, &same)) &&
+          same)
+        break;
     }
     ULONG type = 0;
     ComPtr<IUnknown> object;

@@ -60,7 +60,8 @@ SBinary CMapiForWDS::CStringToEntryID(const std::wstring& hex) {
     return id;
   }
   id.lpb = static_cast<BYTE*>(buffer);
-  // One byte a character: what lies outside ASCII is no digit in any code page and ends the conversion.
+  // One byte a character: what lies outside ASCII is no digit and ends the conversion, whatever the code page would
+  // make of it.
   char narrow[kHexBuffer];
   const size_t length = std::min(hex.size(), kHexBuffer - 1);
   for (size_t i = 0; i < length; ++i) narrow[i] = hex[i] < 0x80 ? static_cast<char>(hex[i]) : '?';

@@ -39,6 +39,7 @@ struct HoardexMapiLiveCounts {
   long buffers, row_sets;  // a row set is one of the buffers, as is each of its rows
   long store_files;        // open and mapped
   long open_profiles;      // in use here, deleted or not
+  long initializations;    // MAPIInitialize without its MAPIUninitialize
   long profiles;
 };
 

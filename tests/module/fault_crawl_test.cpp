@@ -32,7 +32,7 @@ class CrawlFaults : public testing::Test {
     EXPECT_FALSE(given.empty());
     // Each item after the fault may build a session of its own, and fail again.
     const long items = plan.from_then_on ? 100 : 1;
-    invariants.ExpectAtMost({items, items, items}, items);
+    invariants.ExpectAtMost({items, items, items, items}, items);
     scene_.NewLogLines();
   }
   void ExpectRecovery() {

@@ -15,7 +15,7 @@ namespace faults {
 inline constexpr HRESULT kTheCode = 1;  // the same
 
 // How far a session had come; what that leaves behind stays, on purpose.
-enum class Stage { kNone, kLoggedOn, kServices, kEntryId };
+enum class Stage { kNone, kInitialized, kLoggedOn, kServices, kEntryId };
 
 struct CallExpectation {
   Operation operation;

@@ -350,9 +350,12 @@ bool Scene::LogIsFree() {
 void Invariants::Check(const Left& left, long profiles, bool exact) const {
   const ProviderFaults::Alive now = ProviderFaults::Count();
   const auto within = [exact](long alive, long most) { return exact ? alive == most : alive >= 0 && alive <= most; };
+  const long started = now.initializations - before_.initializations;
   const bool only_left = within(now.sessions - before_.sessions, left.sessions) &&
                          within(now.service_admins - before_.service_admins, left.service_admins) &&
                          within(now.buffers - before_.buffers, left.buffers) &&
+                         // One that was only said to be done is undone all the same.
+                         (exact ? started == left.initializations : started <= left.initializations) &&
                          now.objects() - now.sessions - now.service_admins ==
                              before_.objects() - before_.sessions - before_.service_admins &&
                          now.row_sets == before_.row_sets && now.store_files <= 1 &&

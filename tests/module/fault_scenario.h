@@ -89,7 +89,7 @@ class Scene {
 class Invariants {
  public:
   struct Left {
-    long sessions = 0, service_admins = 0, buffers = 0;
+    long sessions = 0, service_admins = 0, buffers = 0, initializations = 0;
   };
   Invariants() : before_(ProviderFaults::Count()) {}
   // After a run: all of `left` is still there, and as many profiles.
@@ -101,6 +101,6 @@ class Invariants {
   void Check(const Left& left, long profiles, bool exact) const;
   ProviderFaults::Alive before_;
 };
-inline constexpr Invariants::Left kAnyPartOfASession = {1, 1, 1};
+inline constexpr Invariants::Left kAnyPartOfASession = {1, 1, 1, 1};
 
 }  // namespace faults

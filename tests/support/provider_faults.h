@@ -20,10 +20,10 @@ class ProviderFaults {
     }
     bool operator==(const Alive& other) const { return !memcmp(this, &other, sizeof(*this)); }
     friend std::ostream& operator<<(std::ostream& out, const Alive& alive) {
-      static constexpr const char* kNames[] = {"profile admins", "service admins", "sessions",    "stores",
-                                               "folders",        "messages",       "attachments", "tables",
-                                               "streams",        "address books",  "buffers",     "row sets",
-                                               "store files",    "open profiles",  "profiles"};
+      static constexpr const char* kNames[] = {"profile admins", "service admins", "sessions",        "stores",
+                                               "folders",        "messages",       "attachments",     "tables",
+                                               "streams",        "address books",  "buffers",         "row sets",
+                                               "store files",    "open profiles",  "initializations", "profiles"};
       long counts[sizeof(Alive) / sizeof(long)];
       memcpy(counts, &alive, sizeof(counts));
       out << "alive:";
