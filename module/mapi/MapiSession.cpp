@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <memory>
 #include <unordered_map>
 
@@ -69,6 +70,16 @@ CriticalSection& ProfileLock() {
 
 LPTSTR Ansi(const char* text) {
   return reinterpret_cast<LPTSTR>(const_cast<char*>(text));
+}
+
+// The path in the ANSI code page: exactly, or not at all.
+HRESULT ToCodePage(const std::wstring& path, char (&narrow)[kMaxVaultPath + 1]) {
+  const bool exact = GetACP() == CP_UTF8;  // takes neither flag nor answer
+  BOOL replaced = FALSE;
+  const int length = WideCharToMultiByte(CP_ACP, exact ? 0 : WC_NO_BEST_FIT_CHARS, path.c_str(), -1, narrow,
+                                         static_cast<int>(std::size(narrow)), nullptr, exact ? nullptr : &replaced);
+  if (!length) return GetLastError() == ERROR_INSUFFICIENT_BUFFER ? kPathTooLong : E_INVALIDARG;
+  return replaced ? HRESULT_FROM_WIN32(ERROR_NO_UNICODE_TRANSLATION) : S_OK;
 }
 
 // A call that succeeds but hands nothing out has failed.
@@ -338,9 +349,12 @@ HRESULT CMapiForWDS::ConfigurePST(const std::wstring& path) {
     value.Value.lpszW = wide;
   } else {
     ZK_LOG(L"CMapiForWDS::ConfigurePST() - PR_PST_FILENAME");
-    const std::string shortened = text::Narrow(path);
-    if (shortened.size() > kMaxVaultPath) return kPathTooLong;  // cut, it would name another file
-    strncpy(narrow, shortened.c_str(), kMaxVaultPath);
+    // What is cut, or replaced by what looks alike, would name another file.
+    const HRESULT fits = ToCodePage(path, narrow);
+    if (FAILED(fits)) {
+      ZK_LOG(L"CMapiForWDS::ConfigurePST() - Vault file path cannot be given in the code page [0x%08lX]", fits);
+      return fits;
+    }
     value.ulPropTag = PR_PST_FILENAME_A;
     value.Value.lpszA = narrow;
   }

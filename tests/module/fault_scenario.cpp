@@ -162,12 +162,24 @@ void StayOnOneProcessor() {
   SetProcessAffinityMask(GetCurrentProcess(), masks[GetCurrentProcessId() / 4 % masks.size()]);
 }
 
+// A store that a session kept open could be deleted, but not its folder. Now nobody has it.
+void RemoveEmptyFolders(const fs::path& temporary) {
+  std::error_code none;
+  for (const auto& entry : fs::directory_iterator(temporary, none)) {
+    if (!entry.path().filename().wstring().starts_with(L"HoardexFaults")) continue;
+    if (fs::exists(entry.path() / L"Local", none) || !fs::exists(entry.path() / L"Vault", none)) continue;  // in use
+    RemoveDirectoryW((entry.path() / L"Vault").c_str());
+    RemoveDirectoryW(entry.path().c_str());
+  }
+}
+
 }  // namespace
 
 Scene::Scene() {
   StayOnOneProcessor();
   wchar_t path[MAX_PATH] = {};
   GetTempPathW(MAX_PATH, path);
+  RemoveEmptyFolders(path);
   folder_ = fs::path(path) / (L"HoardexFaults" + std::to_wstring(GetCurrentProcessId()));
   for (const wchar_t* name : {L"Local", L"Roaming", L"Vault"}) fs::create_directories(folder_ / name);
   // Log and temporary files of this process alone.
