@@ -1,4 +1,6 @@
 // What a container holds, and where it stands.
+#include <cstring>
+
 #include "module/core/HoardexURL.h"
 #include "module/core/SCLog.h"
 #include "module/mapi/MapiForWDS.h"
@@ -213,15 +215,10 @@ HRESULT CMapiForWDS::GetFolderPath(LPMAPIFOLDER folder, std::wstring& path) {
       path = path.empty() ? std::wstring(name->Value.lpszW) : std::wstring(name->Value.lpszW) + L"/" + path;
     const SPropValue* parent = FindProp(values, count, 2, PR_PARENT_ENTRYID);
     if (!parent) break;
-    if (id) {
-      // The store's root folder is its own parent: a folder outside the message tree ends there. Only a shortcut, so
-      // that it cannot fail the walk.
-      ULONG same = FALSE;
-      if (SUCCEEDED(store_->CompareEntryIDs(id->Value.bin.cb, EntryId(id->Value.bin), parent->Value.bin.cb,
-                                            EntryId(parent->Value.bin), 0, &same)) &&
-          same)
-        break;
-    }
+    // The store's root folder is its own parent: a folder outside the message tree ends there.
+    if (id && id->Value.bin.cb == parent->Value.bin.cb &&
+        !memcmp(id->Value.bin.lpb, parent->Value.bin.lpb, parent->Value.bin.cb))
+      break;
     ULONG type = 0;
     ComPtr<IUnknown> object;
     hr = store_->OpenEntry(parent->Value.bin.cb, EntryId(parent->Value.bin), nullptr, MAPI_BEST_ACCESS, &type, &object);
