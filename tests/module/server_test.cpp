@@ -19,7 +19,7 @@ constexpr wchar_t kClassText[] = L"{6E2F0B6A-3C41-4D0E-9A57-2B80C164E71D}";
 
 TEST(Module, RefusesToLoadWithoutMapiAndSaysWhy) {
   const ScratchRegistry registry;  // names no mail client
-  const std::string before = ModuleHost::LogText();
+  const ScratchFolders folders;
   SetLastError(0);
   EXPECT_EQ(LoadLibraryW(ModuleHost::ModulePath().c_str()), nullptr);
   EXPECT_EQ(GetLastError(), DWORD{ERROR_DLL_INIT_FAILED});

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "tests/support/provider_faults.h"
+#include "tests/support/scratch_folders.h"
 #include "tests/support/scratch_registry.h"
 
 class ModuleHost {
@@ -71,5 +72,6 @@ class ModuleHost {
   }
 
   ScratchRegistry registry_;
+  ScratchFolders folders_;
   HMODULE module_ = nullptr;
 };
