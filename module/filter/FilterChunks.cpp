@@ -1,12 +1,10 @@
-// Set-up, redirection of an attachment to the filter of its own type, and the chunks of roots, containers and
-// attachments.
+// Set-up, redirection of an attachment to the filter of its own type, and the walk through an item's steps.
 #include <shlwapi.h>
 
 #include "module/core/Boundary.h"
 #include "module/core/Text.h"
 #include "module/core/resource.h"
-#include "module/filter/HoardexFilter.h"
-#include "module/filter/PropertyKeys.h"
+#include "module/filter/ItemSteps.h"
 #include "module/registration/HoardexCommon.h"
 #include "platform/mapi_extra.h"
 
@@ -15,7 +13,6 @@
 namespace {
 
 constexpr wchar_t kLogSource[] = L".\\HoardexFilter";
-constexpr size_t kVaultToken = 3;
 
 }  // namespace
 
@@ -98,20 +95,54 @@ STDMETHODIMP_(SCODE) CHoardexFilter::GetChunk(STAT_CHUNK* stat) {
   ZK_GUARD(L"CHoardexFilter::GetChunk()", [&]() -> HRESULT { return NextChunk(stat); });
 }
 
-HRESULT CHoardexFilter::NextChunk(STAT_CHUNK* stat) {
-  switch (kind_) {
+const ItemSequence* ItemSequence::Of(CHoardexURL::Kind kind) {
+  switch (kind) {
     case CHoardexURL::kRoot:
-      return NextRootChunk(stat);
+      return &ItemSteps::kOfRoot;
     case CHoardexURL::kVaultFile:
     case CHoardexURL::kFolder:
-      return mapi_ ? NextContainerChunk(stat) : End();
+      return &ItemSteps::kOfContainer;
     case CHoardexURL::kMessage:
-      return mapi_ ? NextMessageChunk(stat) : End();
+      return &ItemSteps::kOfMessage;
     case CHoardexURL::kAttachment:
-      return NextAttachmentChunk(stat);
+      return &ItemSteps::kOfAttachment;
     default:
-      return End();
+      return nullptr;
   }
+}
+
+bool ItemSequence::Row::Applies(const CHoardexFilter& filter, const SPropValue** element) const {
+  *element = nullptr;
+  if ((flags & kIfAppointment) && !filter.props(PropertySource::kAppointment)) return false;
+  if (source == PropertySource::kNone) return true;
+  const SPropValue* found = filter.props(source).at(index);
+  if (!found || match != (MatchesTag() ? found->ulPropTag : PROP_TYPE(found->ulPropTag))) return false;
+  if ((flags & kIfNotEmpty) && !(found->Value.lpszW && *found->Value.lpszW)) return false;
+  *element = found;
+  return true;
+}
+
+HRESULT CHoardexFilter::NextChunk(STAT_CHUNK* stat) {
+  using Outcome = ItemSequence::Outcome;
+  const ItemSequence* sequence = ItemSequence::Of(kind_);
+  if (!sequence) return End();
+  Outcome outcome = sequence->enter(*this);
+  int& position = this->*sequence->counter;
+  while (outcome == Outcome::kGive || outcome == Outcome::kSkip) {
+    if (sequence->walks) ++position;
+    if (sequence->traces) ZK_LOG_DETAIL(L"CHoardexFilter::GetChunk() - GetChunk Msg Props Counted [%d]", position);
+    const ItemSequence::Row* row = sequence->At(position);
+    if (!row) return sequence->leave(*this, stat);
+    const SPropValue* element;
+    if (!row->Applies(*this, &element)) continue;
+    outcome = row->rule ? row->rule->prepare(*this) : Outcome::kGive;
+    if (outcome != Outcome::kGive) continue;
+    // Elsewhere the chunk keeps the id that the caller's structure holds.
+    const bool new_id = !(row->flags & kWorkstationId) || IsVistaOrLater();
+    Fill(stat, row->property->key, row->state(), new_id);
+    return S_OK;
+  }
+  return outcome == Outcome::kUntouched ? S_OK : End();
 }
 
 void CHoardexFilter::Fill(STAT_CHUNK* stat, const PROPERTYKEY& key, CHUNKSTATE state, bool new_id) {
@@ -127,119 +158,16 @@ void CHoardexFilter::Fill(STAT_CHUNK* stat, const PROPERTYKEY& key, CHUNKSTATE s
   stat->cwcLenSource = 0;
 }
 
+void CHoardexFilter::ReleaseProperties() {
+  for (PropertySet& set : properties_) set.Release();
+}
+
 HRESULT CHoardexFilter::End() {
   child_urls_.clear();
   child_times_.clear();
   // Nothing of MAPI outlives the sequence: the host may keep the filter until the session is gone.
   message_.Reset();
   body_stream_.Reset();
-  for (PropertySet* set :
-       {&message_props_, &calendar_props_, &task_props_, &contact_props_, &contact_named_props_, &note_props_})
-    set->Release();
+  ReleaseProperties();
   return FILTER_E_END_OF_CHUNKS;
-}
-
-HRESULT CHoardexFilter::NextRootChunk(STAT_CHUNK* stat) {
-  ZK_LOG(L"CHoardexFilter::GetChunk() - Default URL, HXDir is [%s]", url_.c_str());
-  if (root_step_ == 1 || root_step_ == 2) {
-    Fill(stat, root_step_ == 1 ? key::ItemName : key::ItemPathDisplay);
-    return S_OK;
-  }
-  if (root_step_ != 3) return End();
-  if (!links_built_) {
-    EnumAllHXFiles(vault_files_);
-    links_built_ = true;
-  }
-  child_urls_.clear();
-  if (next_vault_file_ >= vault_files_.size()) return End();
-  const std::wstring file = vault_files_[next_vault_file_];
-  child_urls_.push_back(url::Child(url_, file) + L"/");
-  link_index_ = 0;
-  FILETIME time = {};
-  if (!CMapiForWDS::GetLastModifiedFileTime(file, &time)) time = {};
-  child_times_.assign(1, time);
-  ++next_vault_file_;
-  Fill(stat, key::UrlToIndexWithModificationTime);
-  return S_OK;
-}
-
-// Lists the container's children as full URLs and makes its display path. False when it cannot be browsed.
-bool CHoardexFilter::ListChildren() {
-  child_times_.clear();
-  std::wstring folder_path;
-  std::vector<std::wstring> names;
-  if (FAILED(mapi_->BrowseFolder(url_, folder_path, names, child_times_))) return false;
-  std::vector<std::wstring> tokens;
-  if (ExtractURLTokens(url_, tokens) > static_cast<int>(kVaultToken)) {
-    const std::wstring& token = tokens[kVaultToken];
-    const std::wstring vault = token.substr(0, token.size() - (std::size(url::kVaultSuffix) - 1));
-    display_path_ = L"/" + root_name_ + L"/" + vault;
-    if (!folder_path.empty()) display_path_ += L"/" + folder_path;
-    ZK_LOG(L"%s Path:%s tok:%s", L"CHoardexFilter::GetChunk()", display_path_.c_str(), token.c_str());
-  }
-  child_urls_.clear();
-  child_urls_.reserve(names.size());
-  for (const std::wstring& name : names) {
-    std::wstring child = url::Child(url_, name);
-    if (!CHoardexURL(child).IsMessage()) child.push_back(L'/');
-    child_urls_.push_back(std::move(child));
-  }
-  return true;
-}
-
-HRESULT CHoardexFilter::NextContainerChunk(STAT_CHUNK* stat) {
-  if (child_urls_.empty() && !ListChildren()) return End();
-  if (root_step_ == 1 || root_step_ == 2) {
-    Fill(stat, root_step_ == 1 ? key::ItemName : key::ItemPathDisplay);
-    return S_OK;
-  }
-  if (root_step_ != 3) return End();
-  if (++link_index_ < static_cast<int>(child_urls_.size())) {
-    Fill(stat, key::UrlToIndexWithModificationTime);
-    return S_OK;
-  }
-  ++root_step_;
-  return End();
-}
-
-HRESULT CHoardexFilter::NextAttachmentChunk(STAT_CHUNK* stat) {
-  static constexpr const PROPERTYKEY* kSteps[] = {
-      &key::ItemPathDisplay,
-      &key::ItemFolderPathDisplay,
-      &key::ItemFolderPathDisplayNarrow,
-      &key::Kind,
-      &key::FileExtension,
-      &key::FromName,
-      &key::FileName,
-      &key::ItemType,
-      &key::ItemTypeText,
-      &key::IsAttachment,
-      &key::ItemName,
-      &key::Author,
-      &key::ItemDate,
-      &key::ItemFolderPathDisplay,
-  };
-  static constexpr int kExtensionStep = 4;
-
-  const auto policy = CurrentGroupPolicy();
-  if (policy->AttachmentsPrevented()) {
-    ZK_LOG(L"CHoardexFilter::GetChunk() - URL_IS_ATTACHMENT - WDS Group policy is set to ignore all email attachments");
-    return S_OK;
-  }
-  const std::wstring extension = text::Lower(url_.substr(url_.rfind(L'.') + 1));
-  if (policy->Excludes(extension)) {
-    ZK_LOG(
-        L"CHoardexFilter::GetChunk() - URL_IS_ATTACHMENT - WDS Group policy is set to ignore specific attachment of "
-        L"type - %s",
-        extension.c_str());
-    return S_OK;
-  }
-  ++attach_step_;
-  const int step = attach_step_ + 16;
-  if (step < static_cast<int>(std::size(kSteps))) {
-    // Off a workstation of Vista or later, the extension's chunk keeps the id that the caller's structure holds.
-    Fill(stat, *kSteps[step], CHUNK_VALUE, step != kExtensionStep || IsVistaOrLater());
-    return S_OK;
-  }
-  return inner_filter_ ? inner_filter_->GetChunk(stat) : FILTER_E_END_OF_CHUNKS;
 }

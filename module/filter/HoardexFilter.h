@@ -31,6 +31,10 @@ struct PropertySet {
   }
 };
 
+// Where a message's properties come from: one set for what every message has, and for each item type its own.
+enum class PropertySource { kMessage, kAppointment, kTask, kContact, kContactNamed, kNote, kNone };
+inline constexpr size_t kPropertySources = 6;
+
 // What an item is beyond its URL's kind, in the order in which it is tested.
 enum class ItemKind { kAppointment, kTask, kContact, kNote, kEmail };
 
@@ -58,33 +62,29 @@ class CHoardexFilter final : public ComObject<IFilter, IPersistStream> {
   STDMETHODIMP GetSizeMax(ULARGE_INTEGER*) override { return E_NOTIMPL; }
 
  private:
-  friend struct MessageSequence;
-  friend struct AttachmentSequence;
+  friend struct ItemSequence;
+  friend struct ItemSteps;
 
   static constexpr int kMessageStart = -51;
   static constexpr int kAttachStart = -17;
 
   HRESULT Redirect(ULONG flags, ULONG count, const FULLPROPSPEC* attributes, ULONG* out_flags);
 
-  // Chunks (FilterChunks.cpp, MessageSequence.cpp, AttachmentList.cpp)
+  // Chunks (FilterChunks.cpp, and the steps of each item)
   HRESULT NextChunk(STAT_CHUNK* stat);
-  HRESULT NextRootChunk(STAT_CHUNK* stat);
-  HRESULT NextContainerChunk(STAT_CHUNK* stat);
-  HRESULT NextMessageChunk(STAT_CHUNK* stat);
-  HRESULT NextAttachmentChunk(STAT_CHUNK* stat);
   bool ListChildren();
+  bool NextVaultFile();
   bool OpenMessage();
+  bool ReadBody();
   bool ReadAttachmentList();
   void AddAttachmentRow(const TidyRowSet& rows, ULONG i, const GroupPolicy& policy);
   bool IsFilterAvailable(const std::wstring& extension) const;
   HRESULT End();
-  void Fill(STAT_CHUNK* stat, const PROPERTYKEY& key, CHUNKSTATE state = CHUNK_VALUE, bool new_id = true);
+  void ReleaseProperties();
+  void Fill(STAT_CHUNK* stat, const PROPERTYKEY& key, CHUNKSTATE state, bool new_id);
 
   // Values (FilterValues.cpp)
   HRESULT MakeValue(variant::Owner& owner, PROPVARIANT** forwarded);
-  HRESULT MakeMessageValue(PROPVARIANT& value);
-  HRESULT MakeRootValue(PROPVARIANT& value);
-  HRESULT MakeContainerValue(PROPVARIANT& value);
   HRESULT MakeLink(PROPVARIANT& value);
   ItemKind item_kind() const;
 
@@ -93,6 +93,9 @@ class CHoardexFilter final : public ComObject<IFilter, IPersistStream> {
   void KeepSummary(const WCHAR* text, ULONG count);
 
   // Readers of a message's properties (PropertyReaders.cpp)
+  PropertySet& props(PropertySource source) { return properties_[static_cast<size_t>(source)]; }
+  const PropertySet& props(PropertySource source) const { return properties_[static_cast<size_t>(source)]; }
+  HRESULT ReadTags(PropertySource source);
   HRESULT ReadMessageProperties();
   HRESULT ReadCalendarProperties();
   HRESULT ReadTaskProperties();
@@ -126,7 +129,7 @@ class CHoardexFilter final : public ComObject<IFilter, IPersistStream> {
   Microsoft::WRL::ComPtr<IMessage> message_;
   int message_step_ = kMessageStart;
   int root_step_ = 1;
-  PropertySet message_props_, calendar_props_, task_props_, contact_props_, contact_named_props_, note_props_;
+  PropertySet properties_[kPropertySources];
   std::wstring to_addresses_, cc_addresses_, bcc_addresses_, sender_addr_type_;
   bool is_flagged_ = false;
   HRESULT body_result_ = S_OK;

@@ -2,8 +2,8 @@
 #include "module/core/SCLog.h"
 #include "module/core/Text.h"
 #include "module/core/resource.h"
+#include "module/filter/ItemSteps.h"
 #include "module/filter/ItemTypes.h"
-#include "module/filter/MessageSequence.h"
 
 namespace {
 
@@ -13,83 +13,75 @@ std::wstring_view View(const wchar_t* text) {
 
 }  // namespace
 
-HRESULT MessageSequence::Text(CHoardexFilter&, const SPropValue* element, PROPVARIANT& value) {
+HRESULT ItemSteps::Text(CHoardexFilter&, const SPropValue* element, PROPVARIANT& value) {
   return variant::SetString(value, View(element->Value.lpszW));
 }
 
-HRESULT MessageSequence::NarrowText(CHoardexFilter&, const SPropValue* element, PROPVARIANT& value) {
+HRESULT ItemSteps::NarrowText(CHoardexFilter&, const SPropValue* element, PROPVARIANT& value) {
   return variant::SetString(value, text::Widen(element->Value.lpszA));
 }
 
-HRESULT MessageSequence::Time(CHoardexFilter&, const SPropValue* element, PROPVARIANT& value) {
+HRESULT ItemSteps::Time(CHoardexFilter&, const SPropValue* element, PROPVARIANT& value) {
   return variant::SetTime(value, element->Value.ft);
 }
 
-HRESULT MessageSequence::Truth(CHoardexFilter&, const SPropValue* element, PROPVARIANT& value) {
+HRESULT ItemSteps::Truth(CHoardexFilter&, const SPropValue* element, PROPVARIANT& value) {
   return variant::SetBool(value, element->Value.b != 0);
 }
 
-HRESULT MessageSequence::Short(CHoardexFilter&, const SPropValue* element, PROPVARIANT& value) {
+HRESULT ItemSteps::Short(CHoardexFilter&, const SPropValue* element, PROPVARIANT& value) {
   return variant::SetUI2(value, element->Value.l);
 }
 
-HRESULT MessageSequence::Long(CHoardexFilter&, const SPropValue* element, PROPVARIANT& value) {
+HRESULT ItemSteps::Long(CHoardexFilter&, const SPropValue* element, PROPVARIANT& value) {
   return variant::SetI8(value, static_cast<ULONG>(element->Value.l));
 }
 
-HRESULT MessageSequence::Read(CHoardexFilter&, const SPropValue* element, PROPVARIANT& value) {
+HRESULT ItemSteps::Read(CHoardexFilter&, const SPropValue* element, PROPVARIANT& value) {
   return variant::SetBool(value, element->Value.l & MSGFLAG_READ);
 }
 
-HRESULT MessageSequence::Hexadecimal(CHoardexFilter&, const SPropValue* element, PROPVARIANT& value) {
+HRESULT ItemSteps::Hexadecimal(CHoardexFilter&, const SPropValue* element, PROPVARIANT& value) {
   return variant::SetString(value, CMapiForWDS::BinaryToText(element->Value.bin));
 }
 
 // An address of another type than SMTP says which; without a type it stands as it is.
-HRESULT MessageSequence::Address(CHoardexFilter& filter, const SPropValue* element, PROPVARIANT& value) {
+HRESULT ItemSteps::Address(CHoardexFilter& filter, const SPropValue* element, PROPVARIANT& value) {
   const std::wstring_view address = View(element->Value.lpszW);
   const std::wstring& type = filter.sender_addr_type_;
   if (type.empty() || url::EqualIgnoringCase(type, L"SMTP")) return variant::SetString(value, address);
   return variant::SetString(value, (type + L":").append(address));
 }
 
-HRESULT MessageSequence::False(CHoardexFilter&, const SPropValue*, PROPVARIANT& value) {
-  return variant::SetBool(value, false);
-}
-
-HRESULT MessageSequence::RootName(CHoardexFilter& filter, const SPropValue*, PROPVARIANT& value) {
-  return variant::SetString(value, filter.root_name_);
-}
-
-HRESULT MessageSequence::Subject(CHoardexFilter& filter, const SPropValue*, PROPVARIANT& value) {
-  const SPropValue* subject = filter.message_props_.at(5);
+HRESULT ItemSteps::Subject(CHoardexFilter& filter, const SPropValue*, PROPVARIANT& value) {
+  const SPropValue* subject = filter.props(PropertySource::kMessage).at(5);
   if (subject && subject->ulPropTag == PR_SUBJECT_W) return variant::SetString(value, View(subject->Value.lpszW));
   return variant::SetString(value, text::Resource(IDS_NO_SUBJECT));
 }
 
-HRESULT MessageSequence::KindText(CHoardexFilter& filter, const SPropValue*, PROPVARIANT& value) {
+HRESULT ItemSteps::KindText(CHoardexFilter& filter, const SPropValue*, PROPVARIANT& value) {
   return variant::SetString(value, TypeOf(filter.item_kind()).windows_kind);
 }
 
-HRESULT MessageSequence::TypeName(CHoardexFilter& filter, const SPropValue*, PROPVARIANT& value) {
+HRESULT ItemSteps::TypeName(CHoardexFilter& filter, const SPropValue*, PROPVARIANT& value) {
   return variant::SetString(value, TypeOf(filter.item_kind()).name);
 }
 
-HRESULT MessageSequence::TypeText(CHoardexFilter& filter, const SPropValue*, PROPVARIANT& value) {
+HRESULT ItemSteps::TypeText(CHoardexFilter& filter, const SPropValue*, PROPVARIANT& value) {
   std::wstring text;
   filter.GetItemTypeText(text);
   return variant::SetString(value, text);
 }
 
-HRESULT MessageSequence::Flagged(CHoardexFilter& filter, const SPropValue*, PROPVARIANT& value) {
+HRESULT ItemSteps::Flagged(CHoardexFilter& filter, const SPropValue*, PROPVARIANT& value) {
   return variant::SetBool(value, filter.is_flagged_);
 }
 
-HRESULT MessageSequence::HasNames(CHoardexFilter& filter, const SPropValue*, PROPVARIANT& value) {
+HRESULT ItemSteps::HasNames(CHoardexFilter& filter, const SPropValue*, PROPVARIANT& value) {
   return variant::SetBool(value, !filter.attachment_names_.empty());
 }
 
-HRESULT MessageSequence::Link(CHoardexFilter& filter, const SPropValue*, PROPVARIANT& value) {
+HRESULT ItemSteps::NextLink(CHoardexFilter& filter, const SPropValue*, PROPVARIANT& value) {
   // GetChunk comes back to this step for as long as values are taken.
   --filter.message_step_;
   return filter.MakeLink(value);

@@ -1,97 +1,140 @@
-// The Windows properties that the filter emits. Values are those of the Windows SDK's propkey.h.
+// The Windows properties that the filter emits, with the names of the property schema. Values are those of the Windows
+// SDK's propkey.h.
 #pragma once
 
 #include <windows.h>
 
 #include <propsys.h>
 
+struct Property {
+  PROPERTYKEY key;
+  const char* name;  // the canonical one
+};
+
 namespace key {
 
-inline constexpr GUID kMail = {0xE3E0584C, 0xB788, 0x4A5A, {0xBB, 0x20, 0x7F, 0x5A, 0x44, 0xC9, 0xAC, 0xDD}};
-inline constexpr GUID kStorage = {0xB725F130, 0x47EF, 0x101A, {0xA5, 0xF1, 0x02, 0x60, 0x8C, 0x9E, 0xEB, 0xAC}};
-inline constexpr GUID kSummary = {0xF29F85E0, 0x4FF9, 0x1068, {0xAB, 0x91, 0x08, 0x00, 0x2B, 0x27, 0xB3, 0xD9}};
-inline constexpr GUID kDocument = {0xD5CDD502, 0x2E9C, 0x101B, {0x93, 0x97, 0x08, 0x00, 0x2B, 0x2C, 0xF9, 0xAE}};
-inline constexpr GUID kContact = {0x176DC63C, 0x2688, 0x4E89, {0x81, 0x43, 0xA3, 0x47, 0x80, 0x0F, 0x25, 0xE9}};
-inline constexpr GUID kGatherer = {0x0B63E343, 0x9CCC, 0x11D0, {0xBC, 0xDB, 0x00, 0x80, 0x5F, 0xCC, 0xCE, 0x04}};
-inline constexpr GUID kShellDetails = {0x28636AA6, 0x953D, 0x11D2, {0xB5, 0xD6, 0x00, 0xC0, 0x4F, 0xD9, 0x18, 0xD0}};
+// A property of the format identifier whose text is given, without braces.
+consteval Property Make(const char* name, const char* format, DWORD number) {
+  BYTE bytes[16] = {};
+  int digits = 0;
+  for (; *format; ++format) {
+    if (*format == '-') continue;
+    const int digit = *format <= '9' ? *format - '0' : *format - 'A' + 10;
+    BYTE& byte = bytes[digits++ / 2];  // a digit too many is refused here
+    byte = static_cast<BYTE>(byte * 16 + digit);
+  }
+  if (digits != 32) throw "no format identifier";
+  GUID id = {static_cast<ULONG>(bytes[0]) << 24 | bytes[1] << 16 | bytes[2] << 8 | bytes[3],
+             static_cast<USHORT>(bytes[4] << 8 | bytes[5]),
+             static_cast<USHORT>(bytes[6] << 8 | bytes[7]),
+             {}};
+  for (int i = 0; i < 8; ++i) id.Data4[i] = bytes[8 + i];
+  return {{id, number}, name};
+}
 
-// Property number 100 of a format identifier of its own: how most newer properties are keyed.
-#define ZK_KEY(name, l, w1, w2, b1, b2, b3, b4, b5, b6, b7, b8) \
-  inline constexpr PROPERTYKEY name = {{l, w1, w2, {b1, b2, b3, b4, b5, b6, b7, b8}}, 100}
+inline constexpr char kMail[] = "E3E0584C-B788-4A5A-BB20-7F5A44C9ACDD";
+inline constexpr char kStorage[] = "B725F130-47EF-101A-A5F1-02608C9EEBAC";
+inline constexpr char kSummary[] = "F29F85E0-4FF9-1068-AB91-08002B27B3D9";
+inline constexpr char kDocument[] = "D5CDD502-2E9C-101B-9397-08002B2CF9AE";
+inline constexpr char kContact[] = "176DC63C-2688-4E89-8143-A347800F25E9";
+inline constexpr char kGatherer[] = "0B63E343-9CCC-11D0-BCDB-00805FCCCE04";
+inline constexpr char kShellDetails[] = "28636AA6-953D-11D2-B5D6-00C04FD918D0";
 
-ZK_KEY(ItemName, 0x6B8DA074, 0x3B5C, 0x43BC, 0x88, 0x6F, 0x0A, 0x2C, 0xDC, 0xE0, 0x0B, 0x6F);
-ZK_KEY(ItemFolderPathDisplayNarrow, 0xDABD30ED, 0x0043, 0x4789, 0xA7, 0xF8, 0xD0, 0x13, 0xA4, 0x73, 0x66, 0x22);
-ZK_KEY(FileExtension, 0xE4F10A3C, 0x49E6, 0x405D, 0x82, 0x88, 0xA2, 0x3B, 0xD4, 0xEE, 0xAA, 0x6C);
-ZK_KEY(FileName, 0x41CF5AE0, 0xF75A, 0x4806, 0xBD, 0x87, 0x59, 0xC7, 0xD9, 0x24, 0x8E, 0xB9);
-ZK_KEY(IsAttachment, 0xF23F425C, 0x71A1, 0x4FA8, 0x92, 0x2F, 0x67, 0x8E, 0xA4, 0xA6, 0x04, 0x08);
-ZK_KEY(ItemDate, 0xF7DB74B4, 0x4287, 0x4103, 0xAF, 0xBA, 0xF1, 0xB1, 0x3D, 0xCD, 0x75, 0xCF);
-ZK_KEY(NoteColor, 0x4776CAFA, 0xBCE4, 0x4CB1, 0xA2, 0x3E, 0x26, 0x5E, 0x76, 0xD8, 0xEB, 0x11);
-ZK_KEY(ContactFullName, 0x635E9051, 0x50A5, 0x4BA2, 0xB9, 0xDB, 0x4E, 0xD0, 0x56, 0xC7, 0x72, 0x96);
-ZK_KEY(ContactFileAsName, 0xF1A24AA7, 0x9CA7, 0x40F6, 0x89, 0xEC, 0x97, 0xDE, 0xF9, 0xFF, 0xE8, 0xDB);
-ZK_KEY(ContactEmailName, 0xCC6F4F24, 0x6083, 0x4BD4, 0x87, 0x54, 0x67, 0x4D, 0x0D, 0xE8, 0x7A, 0xB8);
-ZK_KEY(ContactEmailAddress, 0xF8FA7FA3, 0xD12B, 0x4785, 0x8A, 0x4E, 0x69, 0x1A, 0x94, 0xF7, 0xA3, 0xE7);
-ZK_KEY(ContactIMAddress, 0xD68DBD8A, 0x3374, 0x4B81, 0x99, 0x72, 0x3E, 0xC3, 0x06, 0x82, 0xDB, 0x3D);
-ZK_KEY(ContactCompanyTelephone, 0x8589E481, 0x6040, 0x473D, 0xB1, 0x71, 0x7F, 0xA8, 0x9C, 0x27, 0x08, 0xED);
-ZK_KEY(ContactAssistantTelephone, 0x9A93244D, 0xA7AD, 0x4FF8, 0x9B, 0x99, 0x45, 0xEE, 0x4C, 0xC0, 0x9A, 0xF6);
-ZK_KEY(ContactDepartment, 0xFC9F7306, 0xFF8F, 0x4D49, 0x9F, 0xB6, 0x3F, 0xFE, 0x5C, 0x09, 0x51, 0xEC);
-ZK_KEY(ContactProfession, 0x7268AF55, 0x1CE4, 0x4F6E, 0xA4, 0x1F, 0xB6, 0xE4, 0xEF, 0x10, 0xE4, 0xA9);
-ZK_KEY(ContactAssistantName, 0xCD102C9C, 0x5540, 0x4A88, 0xA6, 0xF6, 0x64, 0xE4, 0x98, 0x1C, 0x8C, 0xD1);
-ZK_KEY(StartDate, 0x48FD6EC8, 0x8A12, 0x4CDF, 0xA0, 0x3E, 0x4E, 0xC5, 0xA5, 0x11, 0xED, 0xDE);
-ZK_KEY(DueDate, 0x3F8472B5, 0xE0AF, 0x4DB2, 0x80, 0x71, 0xC5, 0x3F, 0xE7, 0x6A, 0xE7, 0xCE);
-ZK_KEY(EndDate, 0xC75FAA05, 0x96FD, 0x49E7, 0x9C, 0xB4, 0x9F, 0x60, 0x10, 0x82, 0xD5, 0x53);
-ZK_KEY(CalendarIsRecurring, 0x315B9C8D, 0x80A9, 0x4EF9, 0xAE, 0x16, 0x8E, 0x74, 0x6D, 0xA5, 0x1D, 0x70);
-ZK_KEY(IsFlaggedComplete, 0xA6F360D2, 0x55F9, 0x48DE, 0xB9, 0x09, 0x62, 0x0E, 0x09, 0x0A, 0x64, 0x7C);
-ZK_KEY(TaskOwner, 0x08C7CC5F, 0x60F2, 0x4494, 0xAD, 0x75, 0x55, 0xE3, 0xE0, 0xB5, 0xAD, 0xD0);
-ZK_KEY(TaskStatus, 0xBE1A72C6, 0x9A1D, 0x46B7, 0xAF, 0xE7, 0xAF, 0xAF, 0x8C, 0xEF, 0x49, 0x99);
-ZK_KEY(CalendarShowTimeAs, 0x5BF396D4, 0x5EB2, 0x466F, 0xBD, 0xE9, 0x2F, 0xB3, 0xF2, 0x36, 0x1D, 0x6E);
-ZK_KEY(CalendarLocation, 0xF6272D18, 0xCECC, 0x40B1, 0xB2, 0x6A, 0x39, 0x11, 0x71, 0x7A, 0xA7, 0xBD);
-ZK_KEY(RequiredAttendeeNames, 0xB33AF30B, 0xF552, 0x4584, 0x93, 0x6C, 0xCB, 0x93, 0xE5, 0xCD, 0xA2, 0x9F);
-ZK_KEY(RequiredAttendeeAddresses, 0x0BA7D6C3, 0x568D, 0x4159, 0xAB, 0x91, 0x78, 0x1A, 0x91, 0xFB, 0x71, 0xE5);
-ZK_KEY(OptionalAttendeeNames, 0x09429607, 0x582D, 0x437F, 0x84, 0xC3, 0xDE, 0x93, 0xA2, 0xB2, 0x4C, 0x3C);
-ZK_KEY(OptionalAttendeeAddresses, 0xD55BAE5A, 0x3892, 0x417A, 0xA6, 0x49, 0xC6, 0xAC, 0x5A, 0xAA, 0xEA, 0xB3);
-ZK_KEY(SenderName, 0x0DA41CFA, 0xD224, 0x4A18, 0xAE, 0x2F, 0x59, 0x61, 0x58, 0xDB, 0x4B, 0x3A);
-ZK_KEY(IsDeleted, 0x5CDA5FC8, 0x33EE, 0x4FF3, 0x90, 0x94, 0xAE, 0x7B, 0xD8, 0x86, 0x8C, 0x4D);
-ZK_KEY(SenderAddress, 0x0BE1C8E7, 0x1981, 0x4676, 0xAE, 0x14, 0xFD, 0xD7, 0x8F, 0x05, 0xA6, 0xE7);
-ZK_KEY(IsFlagged, 0x5DA84765, 0xE3FF, 0x4278, 0x86, 0xB0, 0xA2, 0x79, 0x67, 0xFB, 0xDD, 0x03);
-ZK_KEY(ConversationID, 0xDC8F80BD, 0xAF1E, 0x4289, 0x85, 0xB6, 0x3D, 0xFC, 0x1B, 0x49, 0x39, 0x92);
-ZK_KEY(OrganizerName, 0xAAA660F9, 0x9865, 0x458E, 0xB4, 0x84, 0x01, 0xBC, 0x7F, 0xE3, 0x97, 0x3E);
-ZK_KEY(OrganizerAddress, 0x744C8242, 0x4DF5, 0x456C, 0xAB, 0x9E, 0x01, 0x4E, 0xFB, 0x90, 0x21, 0xE3);
-#undef ZK_KEY
-
-inline constexpr PROPERTYKEY ItemPathDisplay = {kMail, 7};
-inline constexpr PROPERTYKEY ItemFolderPathDisplay = {kMail, 6};
-inline constexpr PROPERTYKEY ItemFolderNameDisplay = {kStorage, 2};
-inline constexpr PROPERTYKEY ItemType = {kShellDetails, 11};
-inline constexpr PROPERTYKEY ItemTypeText = {kStorage, 4};
-inline constexpr PROPERTYKEY Kind = {{0x1E3EE840, 0xBC2B, 0x476C, {0x82, 0x37, 0x2A, 0xCD, 0x1A, 0x83, 0x9B, 0x22}}, 3};
-inline constexpr PROPERTYKEY Author = {kSummary, 4};
-inline constexpr PROPERTYKEY Title = {kSummary, 2};
-inline constexpr PROPERTYKEY Subject = {kSummary, 3};
-inline constexpr PROPERTYKEY UrlToIndexWithModificationTime = {kGatherer, 12};
-inline constexpr PROPERTYKEY Contents = {kStorage, 19};
-inline constexpr PROPERTYKEY AutoSummary = {
-    {0x560C36C0, 0x503A, 0x11CF, {0xBA, 0xA1, 0x00, 0x00, 0x4C, 0x75, 0x2A, 0x9A}}, 2};
-inline constexpr PROPERTYKEY Company = {kDocument, 15};
-inline constexpr PROPERTYKEY Manager = {kDocument, 14};
-inline constexpr PROPERTYKEY JobTitle = {kContact, 6};
-inline constexpr PROPERTYKEY OfficeLocation = {kContact, 7};
-inline constexpr PROPERTYKEY HomeTelephone = {kContact, 20};
-inline constexpr PROPERTYKEY MobileTelephone = {kContact, 35};
-inline constexpr PROPERTYKEY BccAddress = {kMail, 2};
-inline constexpr PROPERTYKEY BccName = {kMail, 3};
-inline constexpr PROPERTYKEY CcAddress = {kMail, 4};
-inline constexpr PROPERTYKEY CcName = {kMail, 5};
-inline constexpr PROPERTYKEY IsRead = {kMail, 10};
-inline constexpr PROPERTYKEY FromAddress = {kMail, 13};
-inline constexpr PROPERTYKEY FromName = {kMail, 14};
-inline constexpr PROPERTYKEY ToAddress = {kMail, 16};
-inline constexpr PROPERTYKEY ToName = {kMail, 17};
-inline constexpr PROPERTYKEY DateSent = {kMail, 19};
-inline constexpr PROPERTYKEY DateReceived = {kMail, 20};
-inline constexpr PROPERTYKEY AttachmentNames = {kMail, 21};
-inline constexpr PROPERTYKEY Size = {kStorage, 12};
-inline constexpr PROPERTYKEY DateCreated = {kStorage, 15};
-inline constexpr PROPERTYKEY HasAttachments = {
-    {0x9C1FCF74, 0x2D97, 0x41BA, {0xB4, 0xAE, 0xCB, 0x2E, 0x36, 0x61, 0xA6, 0xE4}}, 8};
+inline constexpr Property Author = Make("System.Author", kSummary, 4);
+inline constexpr Property CalendarIsRecurring =
+    Make("System.Calendar.IsRecurring", "315B9C8D-80A9-4EF9-AE16-8E746DA51D70", 100);
+inline constexpr Property CalendarLocation =
+    Make("System.Calendar.Location", "F6272D18-CECC-40B1-B26A-3911717AA7BD", 100);
+inline constexpr Property OptionalAttendeeAddresses =
+    Make("System.Calendar.OptionalAttendeeAddresses", "D55BAE5A-3892-417A-A649-C6AC5AAAEAB3", 100);
+inline constexpr Property OptionalAttendeeNames =
+    Make("System.Calendar.OptionalAttendeeNames", "09429607-582D-437F-84C3-DE93A2B24C3C", 100);
+inline constexpr Property OrganizerAddress =
+    Make("System.Calendar.OrganizerAddress", "744C8242-4DF5-456C-AB9E-014EFB9021E3", 100);
+inline constexpr Property OrganizerName =
+    Make("System.Calendar.OrganizerName", "AAA660F9-9865-458E-B484-01BC7FE3973E", 100);
+inline constexpr Property RequiredAttendeeAddresses =
+    Make("System.Calendar.RequiredAttendeeAddresses", "0BA7D6C3-568D-4159-AB91-781A91FB71E5", 100);
+inline constexpr Property RequiredAttendeeNames =
+    Make("System.Calendar.RequiredAttendeeNames", "B33AF30B-F552-4584-936C-CB93E5CDA29F", 100);
+inline constexpr Property CalendarShowTimeAs =
+    Make("System.Calendar.ShowTimeAs", "5BF396D4-5EB2-466F-BDE9-2FB3F2361D6E", 100);
+inline constexpr Property TaskStatus =
+    Make("System.Communication.TaskStatus", "BE1A72C6-9A1D-46B7-AFE7-AFAF8CEF4999", 100);
+inline constexpr Property Company = Make("System.Company", kDocument, 15);
+inline constexpr Property ContactAssistantName =
+    Make("System.Contact.AssistantName", "CD102C9C-5540-4A88-A6F6-64E4981C8CD1", 100);
+inline constexpr Property ContactAssistantTelephone =
+    Make("System.Contact.AssistantTelephone", "9A93244D-A7AD-4FF8-9B99-45EE4CC09AF6", 100);
+inline constexpr Property ContactCompanyTelephone =
+    Make("System.Contact.CompanyMainTelephone", "8589E481-6040-473D-B171-7FA89C2708ED", 100);
+inline constexpr Property ContactDepartment =
+    Make("System.Contact.Department", "FC9F7306-FF8F-4D49-9FB6-3FFE5C0951EC", 100);
+inline constexpr Property ContactEmailAddress =
+    Make("System.Contact.EmailAddress", "F8FA7FA3-D12B-4785-8A4E-691A94F7A3E7", 100);
+inline constexpr Property ContactEmailName =
+    Make("System.Contact.EmailName", "CC6F4F24-6083-4BD4-8754-674D0DE87AB8", 100);
+inline constexpr Property ContactFileAsName =
+    Make("System.Contact.FileAsName", "F1A24AA7-9CA7-40F6-89EC-97DEF9FFE8DB", 100);
+inline constexpr Property ContactFullName =
+    Make("System.Contact.FullName", "635E9051-50A5-4BA2-B9DB-4ED056C77296", 100);
+inline constexpr Property HomeTelephone = Make("System.Contact.HomeTelephone", kContact, 20);
+inline constexpr Property ContactIMAddress =
+    Make("System.Contact.IMAddress", "D68DBD8A-3374-4B81-9972-3EC30682DB3D", 100);
+inline constexpr Property JobTitle = Make("System.Contact.JobTitle", kContact, 6);
+inline constexpr Property MobileTelephone = Make("System.Contact.MobileTelephone", kContact, 35);
+inline constexpr Property OfficeLocation = Make("System.Contact.OfficeLocation", kContact, 7);
+inline constexpr Property ContactProfession =
+    Make("System.Contact.Profession", "7268AF55-1CE4-4F6E-A41F-B6E4EF10E4A9", 100);
+inline constexpr Property DateCreated = Make("System.DateCreated", kStorage, 15);
+inline constexpr Property Manager = Make("System.Document.Manager", kDocument, 14);
+inline constexpr Property DueDate = Make("System.DueDate", "3F8472B5-E0AF-4DB2-8071-C53FE76AE7CE", 100);
+inline constexpr Property EndDate = Make("System.EndDate", "C75FAA05-96FD-49E7-9CB4-9F601082D553", 100);
+inline constexpr Property FileExtension = Make("System.FileExtension", "E4F10A3C-49E6-405D-8288-A23BD4EEAA6C", 100);
+inline constexpr Property FileName = Make("System.FileName", "41CF5AE0-F75A-4806-BD87-59C7D9248EB9", 100);
+inline constexpr Property IsAttachment = Make("System.IsAttachment", "F23F425C-71A1-4FA8-922F-678EA4A60408", 100);
+inline constexpr Property IsDeleted = Make("System.IsDeleted", "5CDA5FC8-33EE-4FF3-9094-AE7BD8868C4D", 100);
+inline constexpr Property IsFlagged = Make("System.IsFlagged", "5DA84765-E3FF-4278-86B0-A27967FBDD03", 100);
+inline constexpr Property IsFlaggedComplete =
+    Make("System.IsFlaggedComplete", "A6F360D2-55F9-48DE-B909-620E090A647C", 100);
+inline constexpr Property IsRead = Make("System.IsRead", kMail, 10);
+inline constexpr Property ItemDate = Make("System.ItemDate", "F7DB74B4-4287-4103-AFBA-F1B13DCD75CF", 100);
+inline constexpr Property ItemFolderNameDisplay = Make("System.ItemFolderNameDisplay", kStorage, 2);
+inline constexpr Property ItemFolderPathDisplay = Make("System.ItemFolderPathDisplay", kMail, 6);
+inline constexpr Property ItemFolderPathDisplayNarrow =
+    Make("System.ItemFolderPathDisplayNarrow", "DABD30ED-0043-4789-A7F8-D013A4736622", 100);
+inline constexpr Property ItemName = Make("System.ItemName", "6B8DA074-3B5C-43BC-886F-0A2CDCE00B6F", 100);
+inline constexpr Property ItemPathDisplay = Make("System.ItemPathDisplay", kMail, 7);
+inline constexpr Property ItemType = Make("System.ItemType", kShellDetails, 11);
+inline constexpr Property ItemTypeText = Make("System.ItemTypeText", kStorage, 4);
+inline constexpr Property Kind = Make("System.Kind", "1E3EE840-BC2B-476C-8237-2ACD1A839B22", 3);
+inline constexpr Property AttachmentNames = Make("System.Message.AttachmentNames", kMail, 21);
+inline constexpr Property BccAddress = Make("System.Message.BccAddress", kMail, 2);
+inline constexpr Property BccName = Make("System.Message.BccName", kMail, 3);
+inline constexpr Property CcAddress = Make("System.Message.CcAddress", kMail, 4);
+inline constexpr Property CcName = Make("System.Message.CcName", kMail, 5);
+inline constexpr Property ConversationID =
+    Make("System.Message.ConversationID", "DC8F80BD-AF1E-4289-85B6-3DFC1B493992", 100);
+inline constexpr Property DateReceived = Make("System.Message.DateReceived", kMail, 20);
+inline constexpr Property DateSent = Make("System.Message.DateSent", kMail, 19);
+inline constexpr Property FromAddress = Make("System.Message.FromAddress", kMail, 13);
+inline constexpr Property FromName = Make("System.Message.FromName", kMail, 14);
+inline constexpr Property HasAttachments =
+    Make("System.Message.HasAttachments", "9C1FCF74-2D97-41BA-B4AE-CB2E3661A6E4", 8);
+inline constexpr Property SenderAddress =
+    Make("System.Message.SenderAddress", "0BE1C8E7-1981-4676-AE14-FDD78F05A6E7", 100);
+inline constexpr Property SenderName = Make("System.Message.SenderName", "0DA41CFA-D224-4A18-AE2F-596158DB4B3A", 100);
+inline constexpr Property ToAddress = Make("System.Message.ToAddress", kMail, 16);
+inline constexpr Property ToName = Make("System.Message.ToName", kMail, 17);
+inline constexpr Property NoteColor = Make("System.Note.Color", "4776CAFA-BCE4-4CB1-A23E-265E76D8EB11", 100);
+inline constexpr Property AutoSummary = Make("System.Search.AutoSummary", "560C36C0-503A-11CF-BAA1-00004C752A9A", 2);
+inline constexpr Property Contents = Make("System.Search.Contents", kStorage, 19);
+inline constexpr Property UrlToIndexWithModificationTime =
+    Make("System.Search.UrlToIndexWithModificationTime", kGatherer, 12);
+inline constexpr Property Size = Make("System.Size", kStorage, 12);
+inline constexpr Property StartDate = Make("System.StartDate", "48FD6EC8-8A12-4CDF-A03E-4EC5A511EDDE", 100);
+inline constexpr Property Subject = Make("System.Subject", kSummary, 3);
+inline constexpr Property TaskOwner = Make("System.Task.Owner", "08C7CC5F-60F2-4494-AD75-55E3E0B5ADD0", 100);
+inline constexpr Property Title = Make("System.Title", kSummary, 2);
 
 }  // namespace key
