@@ -30,6 +30,14 @@ constexpr CopyLines kOleLines = {
     L"CUrlAccessor::Init() - CopyTo for OLE-attachment failed with [0x%08lX]",
     L"CUrlAccessor::Init() - Commit for OLE-attachment failed with [0x%08lX]"};
 
+// Opens a property as an object. A success that hands none out is a failure.
+template <class Object>
+HRESULT Open(IAttach* attachment, ULONG tag, REFIID iid, ComPtr<Object>& object) {
+  const HRESULT hr =
+      attachment->OpenProperty(tag, &iid, 0, 0, reinterpret_cast<LPUNKNOWN*>(object.ReleaseAndGetAddressOf()));
+  return SUCCEEDED(hr) && !object ? E_FAIL : hr;
+}
+
 HRESULT CopyStream(IStream* from, const std::wstring& path, const CopyLines& lines, ULONGLONG* size) {
   STATSTG stat = {};
   HRESULT hr = from->Stat(&stat, STATFLAG_NONAME);
@@ -73,8 +81,7 @@ HRESULT CUrlAccessor::CopyAttachment(IAttach* attachment, LONG method) {
       return CopyOle(attachment);
     case ATTACH_EMBEDDED_MSG: {
       ComPtr<IMessage> embedded;
-      const HRESULT hr = attachment->OpenProperty(PR_ATTACH_DATA_OBJ, &IID_IMessage, 0, 0,
-                                                  reinterpret_cast<LPUNKNOWN*>(embedded.ReleaseAndGetAddressOf()));
+      const HRESULT hr = Open(attachment, PR_ATTACH_DATA_OBJ, IID_IMessage, embedded);
       if (FAILED(hr)) {
         ZK_LOG(L"CUrlAccessor::Init() - OpenProperty embedded-msg-attachment failed with [0x%08lX]", hr);
         return hr;
@@ -89,9 +96,7 @@ HRESULT CUrlAccessor::CopyAttachment(IAttach* attachment, LONG method) {
 
 HRESULT CUrlAccessor::CopyValue(IAttach* attachment) {
   ComPtr<IStream> stream;
-  HRESULT hr = attachment->OpenProperty(PR_ATTACH_DATA_BIN, &IID_IStream, 0, 0,
-                                        reinterpret_cast<LPUNKNOWN*>(stream.ReleaseAndGetAddressOf()));
-  if (SUCCEEDED(hr) && !stream) hr = E_FAIL;
+  const HRESULT hr = Open(attachment, PR_ATTACH_DATA_BIN, IID_IStream, stream);
   if (FAILED(hr)) {
     ZK_LOG(L"CUrlAccessor::Init() - OpenProperty on value-attachment failed with [0x%08lX]", hr);
     return hr;
@@ -100,27 +105,24 @@ HRESULT CUrlAccessor::CopyValue(IAttach* attachment) {
 }
 
 HRESULT CUrlAccessor::CopyOle(IAttach* attachment) {
-  ComPtr<IStream> stream;
-  HRESULT hr = attachment->OpenProperty(PR_ATTACH_DATA_OBJ, &IID_IStreamDocfile, 0, 0,
-                                        reinterpret_cast<LPUNKNOWN*>(stream.ReleaseAndGetAddressOf()));
-  if (FAILED(hr)) {
-    ZK_LOG(L"CUrlAccessor::Init() - OpenProperty with StreamDocFile for OLE-attachment failed with [0x%08lX]", hr);
-    stream.Reset();
-    hr = attachment->OpenProperty(PR_ATTACH_DATA_OBJ, &IID_IStream, 0, 0,
-                                  reinterpret_cast<LPUNKNOWN*>(stream.ReleaseAndGetAddressOf()));
-    if (FAILED(hr))
-      ZK_LOG(L"CUrlAccessor::Init() - OpenProperty with Stream for OLE-attachment failed with [0x%08lX]", hr);
+  static constexpr struct {
+    const IID* iid;
+    logging::Format<HRESULT> failed;
+  } kStreams[] = {
+      {&IID_IStreamDocfile,
+       L"CUrlAccessor::Init() - OpenProperty with StreamDocFile for OLE-attachment failed with [0x%08lX]"},
+      {&IID_IStream, L"CUrlAccessor::Init() - OpenProperty with Stream for OLE-attachment failed with [0x%08lX]"}};
+  for (const auto& kind : kStreams) {
+    ComPtr<IStream> stream;
+    const HRESULT hr = Open(attachment, PR_ATTACH_DATA_OBJ, *kind.iid, stream);
+    if (SUCCEEDED(hr)) return CopyStream(stream.Get(), temporary_file_, kOleLines, &item_size_);
+    ZK_LOG(kind.failed, hr);
   }
-  if (SUCCEEDED(hr) && stream) return CopyStream(stream.Get(), temporary_file_, kOleLines, &item_size_);
   ComPtr<IStorage> storage;
-  hr = attachment->OpenProperty(PR_ATTACH_DATA_OBJ, &IID_IStorage, 0, 0,
-                                reinterpret_cast<LPUNKNOWN*>(storage.ReleaseAndGetAddressOf()));
-  if (SUCCEEDED(hr) && !storage) hr = E_FAIL;
-  if (FAILED(hr)) {
-    ZK_LOG(L"CUrlAccessor::Init() - OpenProperty with Storage for OLE-attachment failed with [0x%08lX]", hr);
-    return hr;
-  }
-  return CopyStorage(storage.Get());
+  const HRESULT hr = Open(attachment, PR_ATTACH_DATA_OBJ, IID_IStorage, storage);
+  if (SUCCEEDED(hr)) return CopyStorage(storage.Get());
+  ZK_LOG(L"CUrlAccessor::Init() - OpenProperty with Storage for OLE-attachment failed with [0x%08lX]", hr);
+  return hr;
 }
 
 HRESULT CUrlAccessor::CopyStorage(IStorage* storage) {

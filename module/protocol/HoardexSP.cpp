@@ -77,21 +77,27 @@ STDMETHODIMP_(ULONG) CHoardexSP::Release() {
   return outer_->Release();
 }
 
+// One step of an operation that never reports a failure: what goes wrong is logged, and the next step is taken.
+#define ZK_STEP(operation, ...)                                       \
+  boundary::Guard(kLogSource, __LINE__, operation, [&]() -> HRESULT { \
+    __VA_ARGS__;                                                      \
+    return S_OK;                                                      \
+  })
+
 STDMETHODIMP CHoardexSP::Init(TIMEOUT_INFO*, IProtocolHandlerSite* site, PROXY_INFO*) {
-  ZK_GUARD(L"CHoardexSP::Init()", [&]() -> HRESULT {
-    ZK_LOG(L"CHoardexSP::Init() - Start");
-    g_Log.ResetThreshold();
-    Microsoft::WRL::ComPtr<IProtocolHandlerSite> kept(site);
-    AcquireSRWLockExclusive(&site_lock_);
-    kept.Swap(site_);
-    ReleaseSRWLockExclusive(&site_lock_);
-    kept.Reset();  // the earlier one, outside the lock
-    DeleteAppDataFolder();
-    DetectWDSGroupPolicy();
-    CMapiForWDS::CleanMapiObjs();
-    ZK_LOG(L"CHoardexSP::Init() - Exit, return hr = [0x%08lX]", S_OK);
-    return S_OK;
-  });
+  constexpr wchar_t kOperation[] = L"CHoardexSP::Init()";
+  ZK_LOG(L"CHoardexSP::Init() - Start");
+  g_Log.ResetThreshold();
+  Microsoft::WRL::ComPtr<IProtocolHandlerSite> kept(site);
+  AcquireSRWLockExclusive(&site_lock_);
+  kept.Swap(site_);
+  ReleaseSRWLockExclusive(&site_lock_);
+  kept.Reset();  // the earlier one, outside the lock
+  ZK_STEP(kOperation, DeleteAppDataFolder());
+  ZK_STEP(kOperation, DetectWDSGroupPolicy());
+  ZK_STEP(kOperation, CMapiForWDS::CleanMapiObjs());
+  ZK_LOG(L"CHoardexSP::Init() - Exit, return hr = [0x%08lX]", S_OK);
+  return S_OK;
 }
 
 STDMETHODIMP CHoardexSP::CreateAccessor(LPCWSTR url, AUTHENTICATION_INFO* authentication,
@@ -118,26 +124,19 @@ STDMETHODIMP CHoardexSP::CreateAccessor(LPCWSTR url, AUTHENTICATION_INFO* authen
 }
 
 STDMETHODIMP CHoardexSP::CloseAccessor(IUrlAccessor* accessor) {
-  ZK_GUARD(L"CHoardexSP::CloseAccessor()", [&]() -> HRESULT {
-    ZK_LOG(L"CHoardexSP::CloseAccessor() - Start");
-    // The host returns only what CreateAccessor gave it.
-    const auto* ours = static_cast<CUrlAccessor*>(accessor);
-    if (ours && ours->has_temporary_file()) DeleteFileW(ours->temporary_file().c_str());
-    return S_OK;
-  });
+  ZK_LOG(L"CHoardexSP::CloseAccessor() - Start");
+  // The host returns only what CreateAccessor gave it.
+  const auto* ours = static_cast<CUrlAccessor*>(accessor);
+  if (ours && ours->has_temporary_file()) DeleteFileW(ours->temporary_file().c_str());
+  return S_OK;
 }
 
 STDMETHODIMP CHoardexSP::ShutDown() {
-  // Whatever becomes of the folder, the sessions end: nobody asks a second time.
-  boundary::Guard(kLogSource, __LINE__, L"CHoardexSP::ShutDown()", [&]() -> HRESULT {
-    DeleteAppDataFolder();
-    return S_OK;
-  });
-  ZK_GUARD(L"CHoardexSP::ShutDown()", [&]() -> HRESULT {
-    CMapiForWDS::CleanMapiObjs();
-    ZK_LOG(L"CHoardexSP::ShutDown() - Done");
-    return S_OK;
-  });
+  constexpr wchar_t kOperation[] = L"CHoardexSP::ShutDown()";
+  ZK_STEP(kOperation, DeleteAppDataFolder());
+  ZK_STEP(kOperation, CMapiForWDS::CleanMapiObjs());
+  ZK_LOG(L"CHoardexSP::ShutDown() - Done");
+  return S_OK;
 }
 
 int CHoardexSP::DeleteAppDataFolder() {
