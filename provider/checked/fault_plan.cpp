@@ -39,7 +39,7 @@ HoardexMapiFaultPlan Enter(const char* operation) {
   const HoardexMapiFaultPlan& plan = state.plan;
   if (!plan.call || (!state.operation.empty() && state.operation != operation)) return {};
   const long number = ++state.matching;
-  if (plan.from_then_on ? number < plan.call : number != plan.call) return {};
+  if (plan.from_then_on ? number < plan.call || (plan.last && number > plan.last) : number != plan.call) return {};
   if (plan.fault != kHoardexMapiAnswer) return plan;
   ++state.given;
   Fail(plan.result, std::string("A test made ") + operation + " fail");

@@ -31,6 +31,7 @@ struct HoardexMapiFaultPlan {
   HRESULT result;
   ULONG column;
   long allocation;  // besides: the n-th block that the provider allocates, for itself or a caller; 0: none
+  long last = 0;    // with from_then_on: the last call that is picked; 0: there is none
 };
 
 // What exists now, in this process; `profiles` are all of the user's.
