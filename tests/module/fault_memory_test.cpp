@@ -115,7 +115,7 @@ TEST_F(MemoryFaults, OfTheModulesOwn) {
   const auto seen = [] { return of_new.seen(); };
   // An object that is not made whole is taken down again: nothing stays.
   DenyEach("new, operations", 500, plan, seen, [&] { return scene_.RunSteps(); }, {});
-  DenyEach("new, crawl", 150, plan, seen, [&] { return scene_.Crawl(); }, {});
+  DenyEach("new, crawl", 2000, plan, seen, [&] { return scene_.Crawl(); }, {});
 }
 
 TEST_F(MemoryFaults, OfCom) {
@@ -127,7 +127,7 @@ TEST_F(MemoryFaults, OfCom) {
     return given;
   };
   DenyEach(
-      "COM, crawl", 140, [](long n) { of_com.Plan(n); }, [] { return of_com.seen(); }, run, {});
+      "COM, crawl", 2000, [](long n) { of_com.Plan(n); }, [] { return of_com.seen(); }, run, {});
 }
 
 TEST_F(MemoryFaults, OfTheProvidersBlocks) {
@@ -135,7 +135,7 @@ TEST_F(MemoryFaults, OfTheProvidersBlocks) {
   DenyEach(
       "blocks, operations", 400, PlanBlocks, seen, [&] { return scene_.RunSteps(); }, kAnyPartOfASession);
   DenyEach(
-      "blocks, crawl", 100, PlanBlocks, seen, [&] { return scene_.Crawl(); }, kAnyPartOfASession);
+      "blocks, crawl", 2000, PlanBlocks, seen, [&] { return scene_.Crawl(); }, kAnyPartOfASession);
 }
 
 }  // namespace

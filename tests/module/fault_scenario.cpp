@@ -97,25 +97,51 @@ std::wstring Describe(const PROPVARIANT* value) {
   return text;
 }
 
-// Reads one item to the end. Returns the links that it gave.
-std::vector<std::wstring> ReadItem(ISearchProtocol* protocol, const std::wstring& url,
-                                   std::vector<std::wstring>& given) {
-  std::vector<std::wstring> links;
+Site& TheSite() {
+  static Site site;
+  return site;
+}
+
+std::wstring KeyOf(const FULLPROPSPEC& attribute) {
+  wchar_t text[32];
+  swprintf(text, std::size(text), L"%08lX/%lu ", attribute.guidPropSet.Data1, attribute.psProperty.propid);
+  return text;
+}
+
+}  // namespace
+
+Host::Host() {
+  void* made = nullptr;
+  if (FAILED(Calling([&] { return CreateHoardexSP(nullptr, __uuidof(ISearchProtocol), &made); }))) return;
+  protocol_ = static_cast<ISearchProtocol*>(made);
+  TIMEOUT_INFO timeouts = {};
+  PROXY_INFO proxy = {};
+  EXPECT_EQ(Calling([&] { return protocol_->Init(&timeouts, &TheSite(), &proxy); }), S_OK);
+}
+
+Host::~Host() {
+  if (!protocol_) return;
+  EXPECT_EQ(Calling([&] { return protocol_->ShutDown(); }), S_OK);
+  protocol_->Release();
+}
+
+std::vector<std::wstring> Host::Read(const std::wstring& url, std::vector<std::wstring>* links) {
+  std::vector<std::wstring> given;
   AUTHENTICATION_INFO authentication = {};
   INCREMENTAL_ACCESS_INFO incremental = {};
   ITEM_INFO info = {};
   ComPtr<IUrlAccessor> accessor;
   const HRESULT made =
-      Calling([&] { return protocol->CreateAccessor(url.c_str(), &authentication, &incremental, &info, &accessor); });
+      Calling([&] { return protocol_->CreateAccessor(url.c_str(), &authentication, &incremental, &info, &accessor); });
   given.push_back(url + L" " + std::to_wstring(made));
-  if (made != S_OK) return links;
+  if (made != S_OK) return given;
   ComPtr<IFilter> filter;
   ULONG flags = 0;
   if (Calling([&] { return accessor->BindToFilter(&filter); }) == S_OK &&
       Calling([&] { return filter->Init(0, 0, nullptr, &flags); }) == S_OK) {
     STAT_CHUNK stat = {};
     for (int i = 0; i < 200 && Calling([&] { return filter->GetChunk(&stat); }) == S_OK; ++i) {
-      std::wstring line = std::to_wstring(stat.attribute.psProperty.propid) + L" ";
+      std::wstring line = KeyOf(stat.attribute);
       if (stat.flags == CHUNK_TEXT) {
         wchar_t text[101];
         ULONG count = 100;
@@ -127,7 +153,8 @@ std::vector<std::wstring> ReadItem(ISearchProtocol* protocol, const std::wstring
         PROPVARIANT* value = nullptr;
         if (FAILED(Calling([&] { return filter->GetValue(&value); }))) value = nullptr;
         line += Describe(value);
-        if (value && value->vt == (VT_VECTOR | VT_VARIANT)) links.push_back(value->capropvar.pElems[0].pwszVal);
+        if (links && value && value->vt == (VT_VECTOR | VT_VARIANT))
+          links->push_back(value->capropvar.pElems[0].pwszVal);
         if (value) PropVariantClear(value);
         CoTaskMemFree(value);
       }
@@ -136,14 +163,12 @@ std::vector<std::wstring> ReadItem(ISearchProtocol* protocol, const std::wstring
   }
   Calling([&] {
     filter.Reset();
-    protocol->CloseAccessor(accessor.Get());
+    protocol_->CloseAccessor(accessor.Get());
     accessor.Reset();
     return 0;
   });
-  return links;
+  return given;
 }
-
-}  // namespace
 
 Scene& Scene::Get() {
   static Scene scene;
@@ -288,24 +313,18 @@ std::vector<StepResult> Scene::RunSteps() {
 
 std::vector<std::wstring> Scene::Crawl() {
   std::vector<std::wstring> given;
-  Site site;
-  ComPtr<ISearchProtocol> protocol;
-  void* made = nullptr;
-  if (FAILED(Calling([&] { return CreateHoardexSP(nullptr, __uuidof(ISearchProtocol), &made); }))) return given;
-  *protocol.ReleaseAndGetAddressOf() = static_cast<ISearchProtocol*>(made);
-  TIMEOUT_INFO timeouts = {};
-  PROXY_INFO proxy = {};
-  Calling([&] { return protocol->Init(&timeouts, &site, &proxy); });
+  Host host;
   std::vector<std::wstring> pending = {url::Root(L"S-1-5-21-1")};
   std::set<std::wstring> seen;
-  while (!pending.empty()) {
+  while (host && !pending.empty()) {
     const std::wstring url = pending.back();
     pending.pop_back();
     if (!seen.insert(url).second) continue;
-    const auto links = ReadItem(protocol.Get(), url, given);
+    std::vector<std::wstring> links;
+    const auto item = host.Read(url, &links);
+    given.insert(given.end(), item.begin(), item.end());
     pending.insert(pending.end(), links.rbegin(), links.rend());
   }
-  Calling([&] { return protocol->ShutDown(); });
   return given;
 }
 

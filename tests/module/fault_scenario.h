@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/searchapi.h"
 #include "tests/support/provider_faults.h"
 #include "tests/support/scratch_registry.h"
 
@@ -44,6 +45,24 @@ struct StepResult {
   bool operator==(const StepResult& other) const {
     return result == other.result && path == other.path && names == other.names;
   }
+};
+
+// A protocol object with a site that knows the filter of one file type. Shut down when it goes.
+class Host {
+ public:
+  Host();
+  ~Host();
+  Host(const Host&) = delete;
+  Host& operator=(const Host&) = delete;
+
+  // One item as an indexer reads it, to its end. First comes what the accessor answered, then a line for each chunk,
+  // which begins with the property's key. `links` gets the links that were given.
+  std::vector<std::wstring> Read(const std::wstring& url, std::vector<std::wstring>* links = nullptr);
+  // False when there was no memory for it.
+  explicit operator bool() const { return protocol_ != nullptr; }
+
+ private:
+  ISearchProtocol* protocol_ = nullptr;
 };
 
 // The process's registry, folders, log, store and MAPI. Made once.

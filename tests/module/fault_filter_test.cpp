@@ -1,0 +1,434 @@
+// One item of each type, with every call to MAPI and its streams that reading it makes failing in turn, and memory
+// running out at every request.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+#include <memory>
+
+#include "platform/mapi_extra.h"
+#include "tests/module/fault_expectations.h"
+#include "tests/module/fault_shortage.h"
+#include "vault/writer.h"
+
+namespace faults {
+namespace {
+
+enum ItemSet : unsigned {
+  kMail = 1,
+  kCard = 2,
+  kMeeting = 4,
+  kTask = 8,
+  kNote = 16,
+  kFile = 32,
+  kObject = 64,
+  kMessages = 31,
+  kAttached = 96,
+};
+
+// The steps that an item of that type has and mail has not, by the first field of their property's key.
+using Keys = std::vector<const wchar_t*>;
+const Keys kNone, kEverything = {L""}, kTyped = {L"635E9051/100", L"D5CDD502/15",  L"F8FA7FA3/100", L"48FD6EC8/100",
+                                                 L"B33AF30B/100", L"0BA7D6C3/100", L"09429607/100", L"D55BAE5A/100",
+                                                 L"744C8242/100", L"3F8472B5/100", L"4776CAFA/100"},
+                  kNamed = {L"F8FA7FA3/100"}, kNamesAndLinks = {L"E3E0584C/21", L"0B63E343/12"};
+
+struct Expectation {
+  unsigned items;
+  const char* call;
+  long nth;  // of the calls of that name
+  HRESULT accessor;
+  const Keys* lost;  // of the chunks
+  std::vector<const char*> lines;
+};
+
+#define ACCESSOR "CUrlAccessor::Init() - "
+#define CHUNK "CHoardexFilter::GetChunk() - "
+#define READ(what) "CHoardexFilter::Read" what "Properties() - "
+#define RECIPIENTS "CHoardexFilter::GetRecipientInfo() - "
+#define NO_CLASS CHUNK "HrGetOneProp for PR_MESSAGE_CLASS failed with [0x%08lX]"
+#define NO_TYPE RECIPIENTS "HrGetOneProp for PR_SENDER_ADDRTYPE failed with [0x%08lX]"
+#define NOT_MADE "CHoardexSP::CreateAccessor() - Init failed with [0x%08lX]"
+
+const Expectation kExpectations[] = {
+    {kMessages, "MAPIAllocateBuffer", 1, E_FAIL, &kEverything, {ACCESSOR "GetMsgFromURL failed hr=80004005"}},
+    {kMessages, "IMsgStore::OpenEntry", 1, kTheCode, &kEverything, {ACCESSOR "GetMsgFromURL failed hr=%s", NOT_MADE}},
+    {kMessages,
+     "IMAPIProp::GetProps",
+     1,
+     kTheCode,
+     &kEverything,
+     {ACCESSOR "GetProps failed with [0x%08lX]", NOT_MADE}},
+    {kMessages,
+     "MAPIAllocateBuffer",
+     2,
+     S_OK,
+     &kEverything,
+     {CHUNK "GetMsgFromURL failed to get IMessage ptr, error [0x80004005]"}},
+    {kMessages,
+     "IMsgStore::OpenEntry",
+     2,
+     S_OK,
+     &kEverything,
+     {CHUNK "GetMsgFromURL failed to get IMessage ptr, error [0x%08lX]"}},
+    {kMessages,
+     "IMAPIProp::GetProps",
+     2,
+     S_OK,
+     &kEverything,
+     {READ("Message") "GetProps for message failed with error [0x%08lX]"}},
+    {kMessages, "HrGetOneProp", 1, S_OK, &kTyped, {NO_CLASS}},
+    {kMessages, "IMAPIProp::GetProps", 3, S_OK, &kTyped, {NO_CLASS}},
+    {kCard,
+     "IMAPIProp::GetProps",
+     4,
+     S_OK,
+     &kTyped,
+     {READ("Contact") "GetProps for (contact) message failed with [0x%08lX]"}},
+    {kCard,
+     "IMAPIProp::GetIDsFromNames",
+     1,
+     S_OK,
+     &kNamed,
+     {READ("Contact") "GetProps on Contact properties succeeded [0x%s]",
+      READ("Contact") "GetIDsFromNames for message (Task) failed with [0x%08lX]"}},
+    {kCard,
+     "IMAPIProp::GetProps",
+     5,
+     S_OK,
+     &kNamed,
+     {READ("Contact") "GetProps for message (Contact item) failed with [0x%08lX]"}},
+    {kMeeting,
+     "IMAPIProp::GetIDsFromNames",
+     1,
+     S_OK,
+     &kTyped,
+     {READ("Calendar") "GetIDsFromNames for message (appointment) failed with [0x%08lX]"}},
+    {kMeeting,
+     "IMAPIProp::GetProps",
+     4,
+     S_OK,
+     &kTyped,
+     {READ("Calendar") "GetProps for message (appointment) failed with [0x%08lX]"}},
+    {kTask,
+     "IMAPIProp::GetIDsFromNames",
+     1,
+     S_OK,
+     &kTyped,
+     {READ("Task") "GetIDsFromNames for message (Task) failed with [0x%08lX]"}},
+    {kTask,
+     "IMAPIProp::GetProps",
+     4,
+     S_OK,
+     &kTyped,
+     {READ("Task") "GetProps for message (Task) failed with [0x%08lX]"}},
+    {kNote,
+     "IMAPIProp::GetIDsFromNames",
+     1,
+     S_OK,
+     &kTyped,
+     {READ("StickyNote") "GetIDsFromNames for message (StickyNote) failed with [0x%08lX]"}},
+    {kNote,
+     "IMAPIProp::GetProps",
+     4,
+     S_OK,
+     &kTyped,
+     {READ("StickyNote") "GetProps for message (StickyNote item) failed with [0x%08lX]"}},
+    {kMessages, "HrGetOneProp", 2, S_OK, &kNone, {NO_TYPE}},
+    {kMail, "IMAPIProp::GetProps", 4, S_OK, &kNone, {NO_TYPE}},
+    {kMeeting | kTask | kNote, "IMAPIProp::GetProps", 5, S_OK, &kNone, {NO_TYPE}},
+    {kCard, "IMAPIProp::GetProps", 6, S_OK, &kNone, {NO_TYPE}},
+    {kMessages,
+     "IMessage::GetRecipientTable",
+     1,
+     S_OK,
+     &kNone,
+     {RECIPIENTS "GetRecipientTable for message failed with [0x%08lX]"}},
+    {kMessages,
+     "IMAPITable::GetRowCount",
+     1,
+     S_OK,
+     &kNone,
+     {RECIPIENTS "GetRowCount on RecipientTable failed with [0x%08lX]"}},
+    {kMessages,
+     "IMAPITable::SetColumns",
+     1,
+     S_OK,
+     &kNone,
+     {RECIPIENTS "GetRowCount on RecipientTable returned 1 rows",
+      RECIPIENTS "SetColumns on RecipientTable failed with [0x%08lX]"}},
+    {kMessages,
+     "IMAPITable::QueryRows",
+     1,
+     S_OK,
+     &kNone,
+     {RECIPIENTS "QueryRows on RecipientTable failed with [0x%08lX]"}},
+    {kMessages,
+     "IMessage::GetAttachmentTable",
+     1,
+     S_OK,
+     &kNamesAndLinks,
+     {CHUNK "GetAttachmentTable for message failed with [0x%08lX]"}},
+    {kMessages,
+     "IMAPITable::GetRowCount",
+     2,
+     S_OK,
+     &kNamesAndLinks,
+     {CHUNK "GetRowCount for attachment table failed with [0x%08lX]"}},
+    {kMessages,
+     "IMAPITable::SetColumns",
+     2,
+     S_OK,
+     &kNamesAndLinks,
+     {CHUNK "SetColumns for attachment table failed with [0x%08lX]"}},
+    {kMessages,
+     "IMAPITable::QueryRows",
+     2,
+     S_OK,
+     &kNamesAndLinks,
+     {CHUNK "QueryRows for attachment table failed with [0x%08lX]"}},
+
+    {kAttached, "MAPIAllocateBuffer", 1, E_FAIL, &kEverything, {ACCESSOR "GetMsgFromURL failed with [0x80004005]"}},
+    {kAttached,
+     "IMsgStore::OpenEntry",
+     1,
+     kTheCode,
+     &kEverything,
+     {ACCESSOR "GetMsgFromURL failed with [0x%08lX]", NOT_MADE}},
+    {kAttached, "IMAPIProp::GetProps", 1, kTheCode, &kEverything, {ACCESSOR "GetProps failed with [0x%08lX]"}},
+    {kAttached,
+     "IMessage::GetAttachmentTable",
+     1,
+     kTheCode,
+     &kEverything,
+     {ACCESSOR "GetAttachmentTable failed with [0x%08lX]"}},
+    {kAttached,
+     "IMAPITable::SetColumns",
+     1,
+     kTheCode,
+     &kEverything,
+     {ACCESSOR "SetColumns for attachment table failed with [0x%08lX]"}},
+    {kAttached, "MAPIAllocateBuffer", 2, E_FAIL, &kEverything, {ACCESSOR "CStringToEntryID failed"}},
+    {kAttached,
+     "IMAPITable::Restrict",
+     1,
+     kTheCode,
+     &kEverything,
+     {ACCESSOR "Restrict for attachment table failed with [0x%08lX]"}},
+    {kAttached,
+     "IMAPITable::GetRowCount",
+     1,
+     kTheCode,
+     &kEverything,
+     {ACCESSOR "GetRowCount for attachment table failed with [0x%08lX]"}},
+    {kAttached,
+     "IMAPITable::QueryRows",
+     1,
+     kTheCode,
+     &kEverything,
+     {ACCESSOR "QueryRows for attachment table failed with [0x%08lX]"}},
+    {kAttached, "IMessage::OpenAttach", 1, kTheCode, &kEverything, {ACCESSOR "OpenAttach failed with [0x%08lX]"}},
+    {kAttached,
+     "IMAPIProp::GetProps",
+     2,
+     kTheCode,
+     &kEverything,
+     {ACCESSOR "GetProps on attachment failed with [0x%08lX]"}},
+    {kFile,
+     "IMAPIProp::OpenProperty",
+     1,
+     kTheCode,
+     &kEverything,
+     {ACCESSOR "OpenProperty on value-attachment failed with [0x%08lX]"}},
+    {kFile, "IStream::Stat", 1, kTheCode, &kEverything, {ACCESSOR "Stat on value-attachment failed with [0x%08lX]"}},
+    {kFile,
+     "IStream::CopyTo",
+     1,
+     kTheCode,
+     &kEverything,
+     {ACCESSOR "CopyTo on value-attachment stream failed with [0x%08lX]"}},
+    // The object is opened as another kind of stream.
+    {kObject,
+     "IMAPIProp::OpenProperty",
+     1,
+     S_OK,
+     &kNone,
+     {ACCESSOR "OpenProperty with StreamDocFile for OLE-attachment failed with [0x%08lX]"}},
+    {kObject, "IStream::Stat", 1, kTheCode, &kEverything, {ACCESSOR "Stat for OLE-attachment failed with [0x%08lX]"}},
+    {kObject,
+     "IStream::CopyTo",
+     1,
+     kTheCode,
+     &kEverything,
+     {ACCESSOR "CopyTo for OLE-attachment failed with [0x%08lX]"}},
+};
+
+const Expectation* ExpectationOf(unsigned item, const std::string& call, long nth) {
+  for (const Expectation& row : kExpectations)
+    if ((row.items & item) && row.call == call && row.nth == nth) return &row;
+  return nullptr;
+}
+
+// The first bytes of a compound file, and no more: enough to be opened as one.
+std::vector<std::uint8_t> CompoundFile() {
+  std::vector<std::uint8_t> bytes(1536);
+  constexpr std::uint8_t kSignature[] = {0xD0, 0xCF, 0x11, 0xE0, 0xA1, 0xB1, 0x1A, 0xE1};
+  std::copy(std::begin(kSignature), std::end(kSignature), bytes.begin());
+  return bytes;
+}
+
+class FilterFaults : public testing::Test {
+ protected:
+  struct Offer {
+    unsigned item;
+    std::wstring url;
+    std::vector<std::wstring> reference;
+    std::vector<std::string> calls;
+  };
+
+  void SetUp() override {
+    ProviderFaults::Clear();
+    path_ = scene_.store().parent_path() / L"offers.db";
+    Write();
+    host_ = std::make_unique<Host>();
+    std::vector<std::wstring> folders, messages, attached;
+    host_->Read(Scene::UrlOf(path_), &folders);
+    for (const std::wstring& folder : folders) host_->Read(folder, &messages);
+    ASSERT_EQ(messages.size(), 5u);
+    for (size_t i = 0; i < messages.size(); ++i) Add(1u << i, messages[i]);
+    host_->Read(messages[0], &attached);
+    ASSERT_EQ(attached.size(), 2u);
+    Add(kFile, attached[0]);
+    Add(kObject, attached[1]);
+    before_ = ProviderFaults::Count();
+    scene_.NewLogLines();
+  }
+  void TearDown() override {
+    host_.reset();
+    EXPECT_EQ(ProviderFaults::Count().objects(), 0);
+    EXPECT_EQ(ProviderFaults::Count().profiles, 0);
+    DeleteFileW(path_.c_str());
+  }
+  void Write() {
+    vault::StoreBuilder store("offers");
+    auto& inbox = store.top().AddFolder("Inbox");
+    const auto time = vault::FileTime(2024, 5, 1);
+    const auto add = [&](const char* message_class) -> vault::MessageBuilder& {
+      auto& message = inbox.AddMessage(message_class).Subject("Any").From("Ann", "ann@example.com");
+      message.To("Bob", "bob@example.org").SubmitTime(time).Body("Some text.");
+      message.AttachFile("first.txt", "content").Time(0x3008, time);
+      return message;
+    };
+    add("IPM.Note").AttachOle("object.txt", CompoundFile()).Time(0x3008, time).Text(0x3703, ".txt");
+    add("IPM.Contact").Text(0x3001, "Ann").Text(0x3A16, "Ltd").Text({vault::kAddressSet, 0x8083}, "ann@example.com");
+    add("IPM.Appointment").Time({vault::kAppointmentSet, 0x820D}, time);
+    add("IPM.Task").Time({vault::kTaskSet, 0x8105}, time);
+    add("IPM.StickyNote").Int({vault::kNoteSet, 0x8B00}, 3);
+    store.Write(path_);
+  }
+  void Add(unsigned item, const std::wstring& url) {
+    Offer& offer = offers_.emplace_back(Offer{item, url, {}, {}});
+    ProviderFaults::Clear();
+    offer.reference = host_->Read(url);
+    EXPECT_GT(offer.reference.size(), 14u);
+    for (long n = 1; n <= ProviderFaults::CallsEntered(); ++n) offer.calls.push_back(ProviderFaults::CallName(n));
+  }
+  // Nothing is left of a reading but the session, and the next is as good as any.
+  void ExpectNothingLeft(const Offer& offer) {
+    EXPECT_EQ(ProviderFaults::Count(), before_);
+    EXPECT_EQ(scene_.TemporaryFiles(), 0u);
+    EXPECT_EQ(host_->Read(offer.url), offer.reference);
+    scene_.NewLogLines();
+  }
+  // The keys of the chunks, without those that are lost.
+  static std::vector<std::wstring> KeysOf(const std::vector<std::wstring>& given, const Keys& lost) {
+    std::vector<std::wstring> keys;
+    for (size_t i = 1; i < given.size(); ++i) {
+      const std::wstring key = given[i].substr(0, given[i].find(L' '));
+      if (std::none_of(lost.begin(), lost.end(), [&](const wchar_t* gone) { return !*gone || key == gone; }))
+        keys.push_back(key);
+    }
+    return keys;
+  }
+
+  Scene& scene_ = Scene::Get();
+  std::filesystem::path path_;
+  std::unique_ptr<Host> host_;
+  std::vector<Offer> offers_;
+  ProviderFaults::Alive before_;
+};
+
+TEST_F(FilterFaults, EachCallFailsAsLaidDown) {
+  size_t made = 0, judged = 0;
+  for (const HRESULT code : {static_cast<HRESULT>(MAPI_E_NETWORK_ERROR), static_cast<HRESULT>(MAPI_E_NOT_FOUND),
+                             static_cast<HRESULT>(E_ACCESSDENIED)}) {
+    for (const Offer& offer : offers_) {
+      std::map<std::string, long> seen;
+      for (size_t n = 0; n < offer.calls.size() && !HasFailure(); ++n, ++made) {
+        const std::string& call = offer.calls[n];
+        const long nth = ++seen[call];
+        SCOPED_TRACE("item " + std::to_string(offer.item) + ", " + call + " " + std::to_string(nth));
+        ProviderFaults::Fail(nullptr, static_cast<long>(n) + 1, code);
+        const auto given = host_->Read(offer.url);
+        EXPECT_GT(ProviderFaults::FaultsGiven(), 0);
+        ProviderFaults::Clear();
+        const auto lines = scene_.NewLogLines();
+        if (const Expectation* expected = ExpectationOf(offer.item, call, nth)) {
+          ++judged;
+          const HRESULT accessor = expected->accessor == kTheCode ? code : expected->accessor;
+          EXPECT_EQ(given[0], offer.url + L" " + std::to_wstring(accessor));
+          EXPECT_EQ(KeysOf(given, {}), KeysOf(offer.reference, *expected->lost));
+          for (const char* line : expected->lines) EXPECT_TRUE(HasLine(lines, line, code)) << line;
+        } else if (!call.starts_with("HrGetOneProp") && !call.starts_with("IMAPIProp::GetProps")) {
+          EXPECT_EQ(given, offer.reference) << "a call that only frees or converts";
+        }
+        ExpectNothingLeft(offer);
+      }
+    }
+  }
+  printf("%zu failures, %zu of them with a laid-down outcome\n", made, judged);
+  EXPECT_GT(judged, 300u);
+}
+
+TEST_F(FilterFaults, AMessageWithoutRecipientsHasNoAddresses) {
+  const HRESULT code = static_cast<HRESULT>(MAPI_E_NO_RECIPIENTS);
+  ProviderFaults::Fail("IMessage::GetRecipientTable", 1, code);
+  const auto given = host_->Read(offers_[0].url);
+  ProviderFaults::Clear();
+  EXPECT_EQ(KeysOf(given, {}), KeysOf(offers_[0].reference, {}));
+  EXPECT_TRUE(HasLine(scene_.NewLogLines(), RECIPIENTS "GetRecipientTable is empty, hr = [0x%08lX]", code));
+  for (const ULONG row : {0, 1}) {
+    ProviderFaults::Set({"IMAPITable::QueryRows", 1, FALSE, kHoardexMapiErrorCell, code, row, 0});
+    const auto without = host_->Read(offers_[0].url);
+    ProviderFaults::Clear();
+    EXPECT_NE(std::find(without.begin(), without.end(), L"E3E0584C/16 31 "), without.end());
+    EXPECT_TRUE(HasLine(scene_.NewLogLines(),
+                        RECIPIENTS "Fail: PropertyTag didn't match with PR_RECIPIENT_TYPE and PR_SMTP_ADDRESS_W", 0));
+  }
+}
+
+TEST_F(FilterFaults, MemoryRunsOutAtEachRequest) {
+  for (const Offer& offer : offers_) {
+    of_new.Plan(0);
+    host_->Read(offer.url);
+    const long news = of_new.seen();
+    ProviderFaults::Clear();
+    host_->Read(offer.url);
+    const long blocks = ProviderFaults::Allocations();
+    for (long n = 1; n <= news + blocks && !HasFailure(); ++n) {
+      SCOPED_TRACE("item " + std::to_string(offer.item) + ", request " + std::to_string(n) + " of " +
+                   std::to_string(news) + " and " + std::to_string(blocks));
+      if (n <= news) of_new.Plan(n);
+      if (n > news) ProviderFaults::Set({nullptr, 0, FALSE, kHoardexMapiAnswer, S_OK, 0, n - news});
+      EXPECT_FALSE(host_->Read(offer.url).empty());
+      EXPECT_GT(n <= news ? of_new.given() : ProviderFaults::FaultsGiven(), 0);
+      of_new.Plan(0);
+      ProviderFaults::Clear();
+      ExpectNothingLeft(offer);
+    }
+    printf("item %u: %ld requests of operator new and %ld blocks denied\n", offer.item, news, blocks);
+  }
+}
+
+}  // namespace
+}  // namespace faults
