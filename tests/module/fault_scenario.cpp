@@ -102,9 +102,11 @@ Site& TheSite() {
   return site;
 }
 
-std::wstring KeyOf(const FULLPROPSPEC& attribute) {
-  wchar_t text[32];
-  swprintf(text, std::size(text), L"%08lX/%lu ", attribute.guidPropSet.Data1, attribute.psProperty.propid);
+std::wstring HeadOf(const STAT_CHUNK& stat) {
+  wchar_t text[48];
+  const FULLPROPSPEC& attribute = stat.attribute;
+  swprintf(text, std::size(text), L"%08lX/%lu #%lu ", attribute.guidPropSet.Data1, attribute.psProperty.propid,
+           stat.idChunk);
   return text;
 }
 
@@ -141,7 +143,7 @@ std::vector<std::wstring> Host::Read(const std::wstring& url, std::vector<std::w
       Calling([&] { return filter->Init(0, 0, nullptr, &flags); }) == S_OK) {
     STAT_CHUNK stat = {};
     for (int i = 0; i < 200 && Calling([&] { return filter->GetChunk(&stat); }) == S_OK; ++i) {
-      std::wstring line = KeyOf(stat.attribute);
+      std::wstring line = HeadOf(stat);
       if (stat.flags == CHUNK_TEXT) {
         wchar_t text[101];
         ULONG count = 100;

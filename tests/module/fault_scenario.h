@@ -56,7 +56,7 @@ class Host {
   Host& operator=(const Host&) = delete;
 
   // One item as an indexer reads it, to its end. First comes what the accessor answered, then a line for each chunk,
-  // which begins with the property's key. `links` gets the links that were given.
+  // which begins with the property's key and the chunk's id. `links` gets the links that were given.
   std::vector<std::wstring> Read(const std::wstring& url, std::vector<std::wstring>* links = nullptr);
   // False when there was no memory for it.
   explicit operator bool() const { return protocol_ != nullptr; }
