@@ -129,6 +129,32 @@ TEST_F(Accessors, CopyAnAttachmentByTheWayItIsStored) {
   EXPECT_EQ(TemporaryFiles(), 0u);
 }
 
+TEST_F(Accessors, SayWhereACopyCannotBeMade) {
+  vault::StoreBuilder store("items");
+  auto& mail = AddMail(store.top().AddFolder("Inbox"));
+  mail.AttachFile("value.txt", "by value").Time(0x3008, kTime);
+  mail.AttachOle("object.txt", CompoundFile(folder_ / "compound.tmp")).Time(0x3008, kTime).Text(0x3703, ".txt");
+  const auto links = AttachmentsOf(store);
+  ASSERT_EQ(links.size(), 2u);
+  std::ofstream(fs::path(TemporaryFolder())) << "a file where the folder should be";
+  const auto expect = [&](const std::wstring& url, const char* line, const HoardexMapiFaultPlan* plan) {
+    NewLog();
+    if (plan) ProviderFaults::Set(*plan);
+    Item item(protocol_.Get(), url);
+    ProviderFaults::Clear();
+    EXPECT_TRUE(FAILED(item.result));
+    EXPECT_NE(NewLog().find(std::string("):CUrlAccessor::Init() - ") + line + " failed with [0x8"), std::string::npos)
+        << line;
+  };
+  expect(links[0], "SHCreateStreamOnFile for value-attachment", nullptr);
+  expect(links[1], "SHCreateStreamOnFile for OLE-attachment", nullptr);
+  HoardexMapiFaultPlan no_streams = {"IMAPIProp::OpenProperty", 1, TRUE, kHoardexMapiAnswer, E_NOINTERFACE, 0, 0, 2};
+  expect(links[1], "StgOpenStorage for OLE-attachment", &no_streams);
+  no_streams.last = 3;
+  expect(links[1], "OpenProperty with Storage for OLE-attachment", &no_streams);
+  fs::remove(TemporaryFolder());
+}
+
 TEST_F(Accessors, AreForExactlyOneAttachment) {
   vault::StoreBuilder store("items");
   auto& mail = AddMail(store.top().AddFolder("Inbox"));
@@ -258,6 +284,38 @@ TEST_F(Protocol, RefusesWhatIsMissing) {
                                         missing == 4 ? nullptr : accessor.ReleaseAndGetAddressOf()),
               E_POINTER);
   }
+}
+
+TEST_F(Protocol, ReadsThePolicyAnewByEachInit) {
+  vault::StoreBuilder store("items");
+  Write(store);
+  const auto lines = [&] {
+    NewLog();
+    Start();
+    return NewLog();
+  };
+  std::string log = lines();
+  EXPECT_TRUE(HasLine(log,
+                      "WDS GroupPolicy registry key not available, errorCode = 2, Key - "
+                      "HKLM\\Software\\Policies\\Microsoft\\Windows\\Windows Search"));
+  EXPECT_TRUE(HasLine(log, "CHoardexSP::DetectWDSGroupPolicy() - Enter"));
+  EXPECT_TRUE(HasLine(log, "CHoardexSP::DetectWDSGroupPolicy() - Exit"));
+  const std::pair<const wchar_t*, const wchar_t*> kValues[] = {{L"ExcludedExtensionsMultiline0", L"DOC"},
+                                                               {L"ExcludedExtensionsMultiline2", L"zip"},
+                                                               {L"ExcludedExtensionsMultiline4", L"txt"}};
+  for (const auto& [name, text] : kValues) ScratchRegistry::SetString(HKEY_LOCAL_MACHINE, kPolicyKey, name, text);
+  log = lines();
+  for (const char* line :
+       {"PreventIndexingEmailAttachments policy is not configured, errorCode = 2",
+        "ExcludedExtensionsMultiline0 policy is set to 'DOC'",
+        "ExcludedExtensionsMultiline1 policy is not configured, errorCode = 2",
+        "ExcludedExtensionsMultiline2 policy is set to 'zip'",
+        "ExcludedExtensionsMultiline3 policy is not configured, errorCode = 2", "strExcludeExtensions = doc;zip;."})
+    EXPECT_TRUE(HasLine(log, line)) << line;
+  SetPolicy(7, L"");
+  log = lines();
+  EXPECT_TRUE(HasLine(log, "PreventIndexingEmailAttachments policy is set to 7"));
+  EXPECT_TRUE(HasLine(log, "strExcludeExtensions = ;zip;."));
 }
 
 TEST_F(Protocol, TurnsTheSlashesOfAVaultsPathAlone) {
