@@ -12,269 +12,15 @@
 #include "module/core/UrlGrammar.h"
 #include "module/registration/HoardexCommon.h"
 #include "platform/mapi_extra.h"
-#include "tests/module/fault_expectations.h"
+#include "tests/module/fault_item_expectations.h"
 #include "tests/module/fault_spy.h"
 #include "vault/writer.h"
 
 namespace faults {
 namespace {
 
-enum ItemSet : unsigned {
-  kMail = 1,
-  kCard = 2,
-  kMeeting = 4,
-  kTask = 8,
-  kNote = 16,
-  kFile = 32,
-  kObject = 64,
-  kMessages = 31,
-  kAttached = 96,
-  kContainer = 128,
-};
-
-// The steps that an item of that type has and mail has not, by the first field of their property's key.
-using Keys = std::vector<const wchar_t*>;
-const Keys kNone, kEverything = {L""}, kTyped = {L"635E9051/100", L"D5CDD502/15",  L"F8FA7FA3/100", L"48FD6EC8/100",
-                                                 L"B33AF30B/100", L"0BA7D6C3/100", L"09429607/100", L"D55BAE5A/100",
-                                                 L"744C8242/100", L"3F8472B5/100", L"4776CAFA/100"},
-                  kNamed = {L"F8FA7FA3/100"}, kNamesAndLinks = {L"E3E0584C/21", L"0B63E343/12"};
-
-struct Expectation {
-  unsigned items;
-  const char* call;
-  long nth;  // of the calls of that name
-  HRESULT accessor;
-  const Keys* lost;  // of the chunks
-  std::vector<const char*> lines;
-};
-
-#define ACCESSOR "CUrlAccessor::Init() - "
-#define CHUNK "CHoardexFilter::GetChunk() - "
-#define READ(what) "CHoardexFilter::Read" what "Properties() - "
-#define VALUE "CHoardexFilter::GetValue() - "
-#define RECIPIENTS "CHoardexFilter::GetRecipientInfo() - "
-#define NO_CLASS CHUNK "HrGetOneProp for PR_MESSAGE_CLASS failed with [0x%08lX]"
-#define NO_TYPE RECIPIENTS "HrGetOneProp for PR_SENDER_ADDRTYPE failed with [0x%08lX]"
-#define NOT_MADE "CHoardexSP::CreateAccessor() - Init failed with [0x%08lX]"
-
-const Expectation kExpectations[] = {
-    {kMessages, "MAPIAllocateBuffer", 1, E_FAIL, &kEverything, {ACCESSOR "GetMsgFromURL failed hr=80004005"}},
-    {kMessages, "IMsgStore::OpenEntry", 1, kTheCode, &kEverything, {ACCESSOR "GetMsgFromURL failed hr=%s", NOT_MADE}},
-    {kMessages,
-     "IMAPIProp::GetProps",
-     1,
-     kTheCode,
-     &kEverything,
-     {ACCESSOR "GetProps failed with [0x%08lX]", NOT_MADE}},
-    {kMessages,
-     "MAPIAllocateBuffer",
-     2,
-     S_OK,
-     &kEverything,
-     {CHUNK "GetMsgFromURL failed to get IMessage ptr, error [0x80004005]"}},
-    {kMessages,
-     "IMsgStore::OpenEntry",
-     2,
-     S_OK,
-     &kEverything,
-     {CHUNK "GetMsgFromURL failed to get IMessage ptr, error [0x%08lX]"}},
-    {kMessages,
-     "IMAPIProp::GetProps",
-     2,
-     S_OK,
-     &kEverything,
-     {READ("Message") "GetProps for message failed with error [0x%08lX]"}},
-    {kMessages, "HrGetOneProp", 1, S_OK, &kTyped, {NO_CLASS}},
-    {kMessages, "IMAPIProp::GetProps", 3, S_OK, &kTyped, {NO_CLASS}},
-    {kCard,
-     "IMAPIProp::GetProps",
-     4,
-     S_OK,
-     &kTyped,
-     {READ("Contact") "GetProps for (contact) message failed with [0x%08lX]"}},
-    {kCard,
-     "IMAPIProp::GetIDsFromNames",
-     1,
-     S_OK,
-     &kNamed,
-     {READ("Contact") "GetProps on Contact properties succeeded [0x%s]",
-      READ("Contact") "GetIDsFromNames for message (Task) failed with [0x%08lX]"}},
-    {kCard,
-     "IMAPIProp::GetProps",
-     5,
-     S_OK,
-     &kNamed,
-     {READ("Contact") "GetProps for message (Contact item) failed with [0x%08lX]"}},
-    {kMeeting,
-     "IMAPIProp::GetIDsFromNames",
-     1,
-     S_OK,
-     &kTyped,
-     {READ("Calendar") "GetIDsFromNames for message (appointment) failed with [0x%08lX]"}},
-    {kMeeting,
-     "IMAPIProp::GetProps",
-     4,
-     S_OK,
-     &kTyped,
-     {READ("Calendar") "GetProps for message (appointment) failed with [0x%08lX]"}},
-    {kTask,
-     "IMAPIProp::GetIDsFromNames",
-     1,
-     S_OK,
-     &kTyped,
-     {READ("Task") "GetIDsFromNames for message (Task) failed with [0x%08lX]"}},
-    {kTask,
-     "IMAPIProp::GetProps",
-     4,
-     S_OK,
-     &kTyped,
-     {READ("Task") "GetProps for message (Task) failed with [0x%08lX]"}},
-    {kNote,
-     "IMAPIProp::GetIDsFromNames",
-     1,
-     S_OK,
-     &kTyped,
-     {READ("StickyNote") "GetIDsFromNames for message (StickyNote) failed with [0x%08lX]"}},
-    {kNote,
-     "IMAPIProp::GetProps",
-     4,
-     S_OK,
-     &kTyped,
-     {READ("StickyNote") "GetProps for message (StickyNote item) failed with [0x%08lX]"}},
-    {kMessages, "HrGetOneProp", 2, S_OK, &kNone, {NO_TYPE}},
-    {kMail, "IMAPIProp::GetProps", 4, S_OK, &kNone, {NO_TYPE}},
-    {kMeeting | kTask | kNote, "IMAPIProp::GetProps", 5, S_OK, &kNone, {NO_TYPE}},
-    {kCard, "IMAPIProp::GetProps", 6, S_OK, &kNone, {NO_TYPE}},
-    {kMessages,
-     "IMessage::GetRecipientTable",
-     1,
-     S_OK,
-     &kNone,
-     {RECIPIENTS "GetRecipientTable for message failed with [0x%08lX]"}},
-    {kMessages,
-     "IMAPITable::GetRowCount",
-     1,
-     S_OK,
-     &kNone,
-     {RECIPIENTS "GetRowCount on RecipientTable failed with [0x%08lX]"}},
-    {kMessages,
-     "IMAPITable::SetColumns",
-     1,
-     S_OK,
-     &kNone,
-     {RECIPIENTS "GetRowCount on RecipientTable returned 1 rows",
-      RECIPIENTS "SetColumns on RecipientTable failed with [0x%08lX]"}},
-    {kMessages,
-     "IMAPITable::QueryRows",
-     1,
-     S_OK,
-     &kNone,
-     {RECIPIENTS "QueryRows on RecipientTable failed with [0x%08lX]"}},
-    {kMessages,
-     "IMessage::GetAttachmentTable",
-     1,
-     S_OK,
-     &kNamesAndLinks,
-     {CHUNK "GetAttachmentTable for message failed with [0x%08lX]"}},
-    {kMessages,
-     "IMAPITable::GetRowCount",
-     2,
-     S_OK,
-     &kNamesAndLinks,
-     {CHUNK "GetRowCount for attachment table failed with [0x%08lX]"}},
-    {kMessages,
-     "IMAPITable::SetColumns",
-     2,
-     S_OK,
-     &kNamesAndLinks,
-     {CHUNK "SetColumns for attachment table failed with [0x%08lX]"}},
-    {kMessages,
-     "IMAPITable::QueryRows",
-     2,
-     S_OK,
-     &kNamesAndLinks,
-     {CHUNK "QueryRows for attachment table failed with [0x%08lX]"}},
-
-    {kAttached, "MAPIAllocateBuffer", 1, E_FAIL, &kEverything, {ACCESSOR "GetMsgFromURL failed with [0x80004005]"}},
-    {kAttached,
-     "IMsgStore::OpenEntry",
-     1,
-     kTheCode,
-     &kEverything,
-     {ACCESSOR "GetMsgFromURL failed with [0x%08lX]", NOT_MADE}},
-    {kAttached, "IMAPIProp::GetProps", 1, kTheCode, &kEverything, {ACCESSOR "GetProps failed with [0x%08lX]"}},
-    {kAttached,
-     "IMessage::GetAttachmentTable",
-     1,
-     kTheCode,
-     &kEverything,
-     {ACCESSOR "GetAttachmentTable failed with [0x%08lX]"}},
-    {kAttached,
-     "IMAPITable::SetColumns",
-     1,
-     kTheCode,
-     &kEverything,
-     {ACCESSOR "SetColumns for attachment table failed with [0x%08lX]"}},
-    {kAttached, "MAPIAllocateBuffer", 2, E_FAIL, &kEverything, {ACCESSOR "CStringToEntryID failed"}},
-    {kAttached,
-     "IMAPITable::Restrict",
-     1,
-     kTheCode,
-     &kEverything,
-     {ACCESSOR "Restrict for attachment table failed with [0x%08lX]"}},
-    {kAttached,
-     "IMAPITable::GetRowCount",
-     1,
-     kTheCode,
-     &kEverything,
-     {ACCESSOR "GetRowCount for attachment table failed with [0x%08lX]"}},
-    {kAttached,
-     "IMAPITable::QueryRows",
-     1,
-     kTheCode,
-     &kEverything,
-     {ACCESSOR "QueryRows for attachment table failed with [0x%08lX]"}},
-    {kAttached, "IMessage::OpenAttach", 1, kTheCode, &kEverything, {ACCESSOR "OpenAttach failed with [0x%08lX]"}},
-    {kAttached,
-     "IMAPIProp::GetProps",
-     2,
-     kTheCode,
-     &kEverything,
-     {ACCESSOR "GetProps on attachment failed with [0x%08lX]"}},
-    {kFile,
-     "IMAPIProp::OpenProperty",
-     1,
-     kTheCode,
-     &kEverything,
-     {ACCESSOR "OpenProperty on value-attachment failed with [0x%08lX]"}},
-    {kFile, "IStream::Stat", 1, kTheCode, &kEverything, {ACCESSOR "Stat on value-attachment failed with [0x%08lX]"}},
-    {kFile,
-     "IStream::CopyTo",
-     1,
-     kTheCode,
-     &kEverything,
-     {ACCESSOR "CopyTo on value-attachment stream failed with [0x%08lX]"}},
-    // The object is opened as another kind of stream.
-    {kObject,
-     "IMAPIProp::OpenProperty",
-     1,
-     S_OK,
-     &kNone,
-     {ACCESSOR "OpenProperty with StreamDocFile for OLE-attachment failed with [0x%08lX]"}},
-    {kObject, "IStream::Stat", 1, kTheCode, &kEverything, {ACCESSOR "Stat for OLE-attachment failed with [0x%08lX]"}},
-    {kObject,
-     "IStream::CopyTo",
-     1,
-     kTheCode,
-     &kEverything,
-     {ACCESSOR "CopyTo for OLE-attachment failed with [0x%08lX]"}},
-};
-
-const Expectation* ExpectationOf(unsigned item, const std::string& call, long nth) {
-  for (const Expectation& row : kExpectations)
-    if ((row.items & item) && row.call == call && row.nth == nth) return &row;
-  return nullptr;
-}
+constexpr char kRecipients[] = "CHoardexFilter::GetRecipientInfo() - ";
+constexpr char kValue[] = "CHoardexFilter::GetValue() - ";
 
 // The first bytes of a compound file, and no more: enough to be opened as one.
 std::vector<std::uint8_t> CompoundFile() {
@@ -403,7 +149,7 @@ TEST_F(FilterFaults, EachCallFailsAsLaidDown) {
         EXPECT_GT(ProviderFaults::FaultsGiven(), 0);
         ProviderFaults::Clear();
         const auto lines = scene_.NewLogLines();
-        if (const Expectation* expected = ExpectationOf(offer.item, call, nth)) {
+        if (const ItemExpectation* expected = ExpectationOf(offer.item, call, nth)) {
           ++judged;
           const HRESULT accessor = expected->accessor == kTheCode ? code : expected->accessor;
           EXPECT_EQ(given[0], offer.url + L" " + std::to_wstring(accessor));
@@ -426,14 +172,16 @@ TEST_F(FilterFaults, AMessageWithoutRecipientsHasNoAddresses) {
   const auto given = host_->Read(First(kMail).url);
   ProviderFaults::Clear();
   EXPECT_EQ(KeysOf(given, {}), KeysOf(First(kMail).reference, {}));
-  EXPECT_TRUE(HasLine(scene_.NewLogLines(), RECIPIENTS "GetRecipientTable is empty, hr = [0x%08lX]", code));
+  EXPECT_TRUE(
+      HasLine(scene_.NewLogLines(), std::string(kRecipients) + "GetRecipientTable is empty, hr = [0x%08lX]", code));
   for (const ULONG row : {0, 1}) {
     ProviderFaults::Set({"IMAPITable::QueryRows", 1, FALSE, kHoardexMapiErrorCell, code, row, 0});
     const auto without = host_->Read(First(kMail).url);
     ProviderFaults::Clear();
     EXPECT_EQ(ValueOf(without, L"E3E0584C/16"), L"31 ");
-    EXPECT_TRUE(HasLine(scene_.NewLogLines(),
-                        RECIPIENTS "Fail: PropertyTag didn't match with PR_RECIPIENT_TYPE and PR_SMTP_ADDRESS_W", 0));
+    EXPECT_TRUE(HasLine(
+        scene_.NewLogLines(),
+        std::string(kRecipients) + "Fail: PropertyTag didn't match with PR_RECIPIENT_TYPE and PR_SMTP_ADDRESS_W", 0));
   }
 }
 
@@ -492,7 +240,7 @@ TEST_F(FilterFaults, MemoryRunsOutAtEachRequest) {
         if (!strcmp(memory.of, "COM")) {
           const auto lines = scene_.NewLogLines();
           told.insert(lines.begin(), lines.end());
-          const auto failed = std::count(lines.begin(), lines.end(), VALUE "Failed with [0x8007000E]");
+          const auto failed = std::count(lines.begin(), lines.end(), std::string(kValue) + "Failed with [0x8007000E]");
           EXPECT_TRUE(failed == 0 || failed == 2) << "before and after the clean-up";
           EXPECT_TRUE(failed == 2 || offer.item == kContainer);
         }
@@ -509,7 +257,8 @@ TEST_F(FilterFaults, MemoryRunsOutAtEachRequest) {
         "CoTaskMemAlloc failed for attachment title", "CoTaskMemAlloc failed for DirLink"})
     EXPECT_TRUE(told.count(std::string("CHoardexFilter::GetValue() -") + (*line == '\t' ? "" : " ") + line)) << line;
   for (const int step : {-18, -17, 19})  // in an item's first, second and last step
-    EXPECT_TRUE(told.count(VALUE "CoTaskMemAlloc failed for message property no. [" + std::to_string(step) + "]"));
+    EXPECT_TRUE(told.count(std::string(kValue) + "CoTaskMemAlloc failed for message property no. [" +
+                           std::to_string(step) + "]"));
 }
 
 }  // namespace

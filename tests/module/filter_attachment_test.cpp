@@ -75,6 +75,8 @@ TEST_F(Attachments, LeaveTheChunkUntouchedWhereThePolicyPreventsThem) {
   vault::StoreBuilder store("items");
   AddMail(store.top().AddFolder("Inbox")).AttachFile("a.txt", "x").Time(0x3008, kTime);
   const std::wstring message = MessagesOf(Write(store)).at(0), attachment = Links(Read(message)).at(0);
+  SetPolicy(2, L"");
+  EXPECT_EQ(Links(Read(message)).size(), 1u) << "only 1 prevents";
   SetPolicy(1, L"");
   NewLog();
   Item item(protocol_.Get(), message);

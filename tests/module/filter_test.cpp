@@ -226,38 +226,6 @@ TEST_F(Filter, HandsAnAttachmentToTheFilterOfItsTypeAndCleansUp) {
   EXPECT_FALSE(fs::exists(TemporaryFolder()));
 }
 
-TEST_F(Filter, ObeysThePolicyOnAttachments) {
-  vault::StoreBuilder store("items");
-  auto& mail = AddMail(store.top().AddFolder("Inbox")).Body("Body");
-  for (const char* name : {"a.txt", "b.doc"}) mail.AttachFile(name, "x").Time(0x3008, vault::FileTime(2024, 5, 1));
-  const std::wstring message = MessagesOf(Write(store)).at(0);
-  const std::wstring attachment = Links(Read(message)).at(0);
-
-  ScratchRegistry::SetString(HKEY_LOCAL_MACHINE, kPolicyKey, L"ExcludedExtensionsMultiline0", L".DOC");
-  ScratchRegistry::SetString(HKEY_LOCAL_MACHINE, kPolicyKey, L"ExcludedExtensionsMultiline2", L"zip");
-  Start();
-  EXPECT_EQ(Text(Read(message), kMail, 21), L"a.txt;");
-
-  ScratchRegistry::SetDword(HKEY_LOCAL_MACHINE, kPolicyKey, L"PreventIndexingEmailAttachments", 2);
-  Start();
-  EXPECT_EQ(Links(Read(message)).size(), 1u) << "only 1 prevents";
-
-  ScratchRegistry::SetDword(HKEY_LOCAL_MACHINE, kPolicyKey, L"PreventIndexingEmailAttachments", 1);
-  Start();
-  const auto chunks = Read(message);
-  EXPECT_EQ(std::count_if(chunks.begin(), chunks.end(), [](const Chunk& c) { return c.pid == 0; }), 3);
-  EXPECT_EQ(Find(chunks, 0xF23F425C, 100), nullptr);
-  EXPECT_TRUE(Links(chunks).empty());
-  Item item(protocol_.Get(), attachment);
-  ASSERT_EQ(item.result, S_OK);
-  ASSERT_EQ(item.Bind(), S_OK);
-  for (int call = 0; call < 30; ++call) {
-    STAT_CHUNK stat = {};
-    EXPECT_EQ(item.filter->GetChunk(&stat), S_OK);
-    EXPECT_EQ(stat.idChunk, 0u) << "the structure is left alone";
-  }
-}
-
 TEST_F(Filter, AnswersAsAnAccessorMust) {
   vault::StoreBuilder store("items");
   AddMail(store.top().AddFolder("Inbox"));
