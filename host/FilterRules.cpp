@@ -56,7 +56,6 @@ constexpr Waiver kWaivers[] = {
     {Rule::kTextTerminator, kMessageItem, false, "a body is terminated even where that falls past the caller's count"},
     {Rule::kValueOnce, kAll, false, "a value is made anew on every call; roots and containers go on to the next one"},
     {Rule::kValuesOver, kAll, false, "a value is made anew on every call, so values are never used up"},
-    {Rule::kValueOfText, kMessageItem, false, "the body has no value: the call answers without one, and logs it"},
     {Rule::kTextOfValue, kContainers | kMessageItem | kBareAttachmentItem, false,
      "GetText looks at the body alone: without one, it is at its end"},
     {Rule::kAttributes, kAll, false, "all that an item has is given; the index takes what it wants"},
