@@ -49,7 +49,7 @@ class Checker {
     InitInTheMiddle();
     LeaveArgumentsOut();
     InitUnloaded();
-    if (for_thread_) CheckThreads(for_thread_, result_.reading, caps_, result_.tally);
+    if (for_thread_ && plain().ending == Ending::kEnd) CheckThreads(for_thread_, result_.reading, caps_, result_.tally);
     return std::move(result_);
   }
 
