@@ -149,16 +149,16 @@ CLSID RegisteredFilter(const std::wstring& file) {
 }
 
 Json RulesJson(const RuleTally& tally, unsigned kind, bool barred) {
-  Json rules = Json::object();
+  Json rules = Json::array();
   for (int i = 0; i < static_cast<int>(Rule::kCount); ++i) {
     const Rule rule = static_cast<Rule>(i);
     const RuleTally::Count& count = tally[rule];
-    if (!count.checked) continue;
-    Json entry = {{"text", InfoOf(rule).text}, {"checked", count.checked}, {"broken", count.broken}};
+    Json entry = {
+        {"rule", InfoOf(rule).name}, {"text", InfoOf(rule).text}, {"checked", count.checked}, {"broken", count.broken}};
     if (count.broken) entry["seen"] = count.seen;
     if (InfoOf(rule).only_warning) entry["warning"] = true;
     if (const char* reason = WaiverOf(rule, kind, barred)) entry["waiver"] = reason;
-    rules[InfoOf(rule).name] = std::move(entry);
+    rules.push_back(std::move(entry));
   }
   return rules;
 }
@@ -231,7 +231,7 @@ Json CheckFile(const std::string& file, const std::string& clsid_text) {
 
 bool Conforms(const Json& record) {
   if (record.contains("error")) return false;
-  for (const auto& [name, rule] : record["rules"].items())
+  for (const Json& rule : record["rules"])
     if (rule["broken"] != 0 && !rule.contains("waiver") && !rule.contains("warning")) return false;
   return true;
 }

@@ -14,8 +14,8 @@ class ItemChecker {
  public:
   explicit ItemChecker(Session& session) : session_(session) {}
 
-  // {"url","kind","type","chunks","rules":{name:{"checked","broken","seen","waived"}}}, or "error". Threads are tried
-  // at the first item of every kind: each of them opens the vault anew.
+  // {"url","kind","type","chunks","rules":[{"rule","text","checked","broken","seen","warning","waiver"}]}, or "error".
+  // Threads are tried at the first item of every kind: each of them opens the vault anew.
   Json Check(const std::string& url);
 
  private:

@@ -108,6 +108,27 @@ int Main(int argc, char** argv) {
       ->capture_default_str();
   dump_command->callback([&] { command = [&] { return RunDump(environment(), dump); }; });
 
+  WhyArguments why;
+  auto* why_command = app.add_subcommand("why", "Say what became of one item, and why something is not found");
+  why_command->add_option("URL", why.item, "The item's URL, as search or index prints it; or its exact subject")
+      ->required();
+  why_command->add_flag("--json", why.json, "As JSON");
+  why_command->callback([&] { command = [&] { return RunWhy(environment(), why); }; });
+
+  CheckArguments check;
+  auto* check_command = app.add_subcommand("check", "Check filters against the rules that every filter must keep");
+  auto* check_urls = check_command->add_option("URL", check.urls,
+                                               "Items to check; without, one of every kind and class in every vault");
+  auto* check_all = check_command->add_flag("--all", check.all, "Every item of every vault");
+  auto* check_demo = check_command->add_flag("--demo", check.demo, "The demonstration vault");
+  auto* check_class = check_command->add_option("--clsid", check.clsid, "The filter of this class, {…}");
+  auto* check_file = check_command->add_option(
+      "--file", check.file, "The filter of this file's type, or the class of --clsid over this file");
+  for (auto* other : {check_class, check_file}) other->excludes(check_urls)->excludes(check_all)->excludes(check_demo);
+  check_urls->excludes(check_all)->excludes(check_demo);
+  check_command->add_flag("--json", check.json, "The result as JSON");
+  check_command->callback([&] { command = [&] { return RunCheck(environment(), check); }; });
+
   bool vaults_json = false;
   std::vector<std::string> added, removed;
   auto* vaults_command = app.add_subcommand("vaults", "List, add or remove vaults");

@@ -237,6 +237,17 @@ void VaultFolder::ClearTemporary() {
   for (const fs::path& path : stale) fs::remove(path, error);
 }
 
+fs::path MakeDemo(const Environment& environment) {
+  if (fs::exists(environment.demo_file())) return environment.demo_file();
+  fs::path partial = environment.demo_file();
+  partial += ".part";
+  const Captured made = RunAndCapture({environment.Require(environment.mkvault), "--demo", partial.string()});
+  if (made.status != 0)
+    throw CommandError(kExitFailed, "The demonstration vault could not be made: " + OneLine(made.out));
+  fs::rename(partial, environment.demo_file());
+  return environment.demo_file();
+}
+
 std::vector<fs::path> ExpandFolders(const std::vector<std::string>& arguments) {
   std::vector<fs::path> files;
   for (const std::string& argument : arguments) {

@@ -68,6 +68,9 @@ class VaultFolder {
   const Environment& environment_;
 };
 
+// The demonstration store, made when it is not there. Throws CommandError.
+std::filesystem::path MakeDemo(const Environment& environment);
+
 // Every .pst and .db file of folders (not of their sub-folders), the files as they are; in a fixed order.
 std::vector<std::filesystem::path> ExpandFolders(const std::vector<std::string>& arguments);
 
