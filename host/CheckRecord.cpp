@@ -8,32 +8,13 @@
 #include "host/BuiltInFilter.h"
 #include "host/FilterCheck.h"
 #include "host/FilterRules.h"
+#include "host/Policy.h"
 #include "host/Text.h"
 
 using Microsoft::WRL::ComPtr;
 
 namespace host {
 namespace {
-
-constexpr wchar_t kPolicyKey[] = L"Software\\Policies\\Microsoft\\Windows\\Windows Search";
-
-bool AttachmentsBarred(std::wstring_view extension) {
-  DWORD prevented = 0, size = sizeof(prevented);
-  if (!RegGetValueW(HKEY_LOCAL_MACHINE, kPolicyKey, L"PreventIndexingEmailAttachments", RRF_RT_REG_DWORD, nullptr,
-                    &prevented, &size) &&
-      prevented == 1)
-    return true;
-  if (extension.empty()) return false;
-  std::wstring excluded;
-  for (int i = 0; i < 4; ++i) {
-    wchar_t text[4096];
-    size = sizeof(text);
-    const std::wstring name = L"ExcludedExtensionsMultiline" + std::to_wstring(i);
-    if (!RegGetValueW(HKEY_LOCAL_MACHINE, kPolicyKey, name.c_str(), RRF_RT_REG_SZ, nullptr, text, &size))
-      excluded += std::wstring(text) + L";";
-  }
-  return StrStrIW(excluded.c_str(), std::wstring(extension).c_str()) != nullptr;
-}
 
 std::wstring ExtensionOf(std::wstring_view name) {
   const size_t dot = name.rfind(L'.'), slash = name.find_last_of(L"/\\");
@@ -200,7 +181,7 @@ Json ItemChecker::Check(const std::string& url) {
     };
   const CheckResult result = CheckFilter(source, for_thread);
   const bool attachment = kind == kAttachmentItem || kind == kBareAttachmentItem;
-  const bool barred = AttachmentsBarred(attachment ? ExtensionOf(FromUtf8(url)) : L"");
+  const bool barred = ReadAttachmentPolicy().Bars(attachment ? ExtensionOf(FromUtf8(url)) : L"");
   Fill(record, result, kind, barred);
   if (result.failed_step) tried_.erase(NameOfKind(kind));
   return record;

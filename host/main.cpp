@@ -11,6 +11,8 @@
 #include <vector>
 
 #include "host/CheckRecord.h"
+#include "host/ModuleLog.h"
+#include "host/Policy.h"
 #include "host/Session.h"
 #include "host/Text.h"
 
@@ -19,9 +21,11 @@ namespace {
 constexpr char kUsage[] =
     "HoardexHost reads items of the user's vaults through the search protocol handler.\n"
     "\n"
-    "  HoardexHost serve [--chunks]     answer requests from standard input, one JSON object a line:\n"
+    "  HoardexHost serve [--chunks] [--log]\n"
+    "                                   answer requests from standard input, one JSON object a line:\n"
     "                                   {\"roots\":true} or {\"url\":\"...\"}\n"
-    "  HoardexHost item URL [--chunks]  print the record of one item\n"
+    "  HoardexHost item URL [--chunks] [--log]\n"
+    "                                   print the record of one item; --log adds what the module logged meanwhile\n"
     "  HoardexHost roots                print the search roots\n"
     "  HoardexHost check URL...         check the filters of these items against the rules of filters\n"
     "  HoardexHost check [--clsid {C}] [--file F]\n"
@@ -110,7 +114,7 @@ std::vector<std::string> Arguments() {
 struct Options {
   std::string command;
   std::vector<std::string> urls;
-  bool chunks = false, check = false, files = false;
+  bool chunks = false, log = false, check = false, files = false;
   std::string file, clsid;
 };
 
@@ -118,6 +122,7 @@ struct Options {
 std::optional<Options> Parse(std::vector<std::string> words) {
   Options options;
   options.chunks = std::erase(words, "--chunks") > 0;
+  options.log = std::erase(words, "--log") > 0;
   options.check = std::erase(words, "--check") > 0;
   options.files = std::erase(words, "--files") > 0;
   bool other = false;
@@ -154,7 +159,15 @@ int Run(const Options& options) {
   }
   host::ItemChecker checker(session);
   const Reader check = [&](const std::string& url) { return checker.Check(url); };
-  const Reader read = [&](const std::string& url) { return session.Read(url, options.chunks); };
+  const Reader read = [&](const std::string& url) {
+    if (!options.log) return session.Read(url, options.chunks);
+    const host::ModuleLog log;
+    host::Json record = session.Read(url, options.chunks);
+    record["log"] = log.Lines();
+    const host::AttachmentPolicy policy = host::ReadAttachmentPolicy();
+    record["policy"] = {{"prevented", policy.prevented}, {"excluded", host::ToUtf8(policy.excluded)}};
+    return record;
+  };
   if (options.command == "check") return CheckEach(options.urls, check);
   if (options.command == "serve") return Serve(session.RootUrl(), options.check ? check : read);
   if (options.command == "roots") return WriteLine({{"roots", host::Json::array({session.RootUrl()})}}) ? 0 : 1;
