@@ -49,7 +49,12 @@ struct Waiver {
   const char* reason;
 };
 constexpr char kUntouched[] = "where policy bars attachments, a chunk of theirs is answered with S_OK and left alone";
+// The first that fits counts.
 constexpr Waiver kWaivers[] = {
+    {Rule::kChunkIds, kMessageItem | kAttachments, true, kUntouched},
+    {Rule::kChunkResults, kMessageItem | kAttachments, true, kUntouched},
+    {Rule::kChunksEnd, kAttachments, true, kUntouched},
+    {Rule::kChunksOver, kAttachments, true, kUntouched},
     {Rule::kChunkIds, kAttachmentItem, false, "the chunks of the content keep the ids of the type's own filter"},
     {Rule::kChunkSource, kAll, false, "the source of a chunk is left at zero: chunks are whole, none is an excerpt"},
     {Rule::kChunksOver, kMessageItem, false, "after its end the message starts again, with ids that go on"},
@@ -63,10 +68,6 @@ constexpr Waiver kWaivers[] = {
     {Rule::kInitFlags, kContainers | kMessageItem | kBareAttachmentItem, false, "Init leaves its flags as they are"},
     {Rule::kInitArguments, kContainers | kMessageItem | kBareAttachmentItem, false, "Init looks at no attributes"},
     {Rule::kBreaks, kAll, false, "every chunk has no break: values are apart anyway, and there is one text"},
-    {Rule::kChunkIds, kMessageItem | kAttachments, true, kUntouched},
-    {Rule::kChunkResults, kMessageItem | kAttachments, true, kUntouched},
-    {Rule::kChunksEnd, kAttachments, true, kUntouched},
-    {Rule::kChunksOver, kAttachments, true, kUntouched},
 };
 
 constexpr struct {

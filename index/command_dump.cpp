@@ -118,13 +118,13 @@ std::string ValueText(const json& value) {
 
 void PrintItem(const json& json_record) {
   const Record record = Record::FromJson(json_record);
-  Table head({"url", OneLine(record.url)});
+  Table head({"url", OneLine(record.url)}, Table::Numbers::kLeft);
   head.Add({"kind", OneLine(json_record.value("kind", std::string("unknown")))});
   if (record.size) head.Add({"size", Grouped(*record.size)});
   if (!record.modified.empty()) head.Add({"modified", OneLine(record.modified)});
   Print(head.Text() + "\n");
 
-  Table table({"chunk", "property", "value"});
+  Table table({"chunk", "property", "value"}, Table::Numbers::kLeft);
   const auto chunks = json_record.find("chunks");
   if (chunks != json_record.end() && chunks->is_array()) {
     for (const json& chunk : *chunks) {
