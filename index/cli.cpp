@@ -59,7 +59,7 @@ std::string CommandTrouble(const CLI::App& app, const std::vector<std::string>& 
 }
 
 std::string NotEmpty(const std::string& name) {
-  return name.empty() ? "The name is empty." : "";
+  return name.empty() ? "The name is empty" : "";
 }
 
 }  // namespace
