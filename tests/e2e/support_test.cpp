@@ -92,6 +92,17 @@ TEST_F(Support, OtherFiltersHaveNoWaivers) {
   EXPECT_EQ(Rule(none, "opens")["result"], "failed") << none;
 }
 
+// The group policy that keeps attachments out, while it lives.
+struct BarredAttachments {
+  BarredAttachments() : result(Registry("add", " /v PreventIndexingEmailAttachments /t REG_DWORD /d 1")) {}
+  ~BarredAttachments() { EXPECT_EQ(Registry("delete", ""), 0); }
+  static int Registry(const std::string& verb, const std::string& value) {
+    const std::string line = "wine reg " + verb + " '" + kPolicyKey + "'" + value + " /f </dev/null >e2e.tool 2>&1";
+    return std::system(line.c_str());
+  }
+  const int result;
+};
+
 TEST_F(Support, WhySaysWhatIsLeftOut) {
   ASSERT_EQ(System::Run({"index", "--demo"}).code, 0);
   const auto why = [](const std::string& item) { return Json::parse(System::Run({"why", "--json", item}).output); };
@@ -109,15 +120,11 @@ TEST_F(Support, WhySaysWhatIsLeftOut) {
   EXPECT_TRUE(absent.contains("error"));
   EXPECT_FALSE(absent["left_out"].empty());
 
-  const auto registry = [](const std::string& words) {
-    return std::system(("wine reg " + words + " /f </dev/null >e2e.tool 2>&1").c_str());
-  };
-  const std::string key = "'" + std::string(kPolicyKey) + "'";
-  ASSERT_EQ(registry("add " + key + " /v PreventIndexingEmailAttachments /t REG_DWORD /d 1"), 0);
+  const BarredAttachments policy;
+  ASSERT_EQ(policy.result, 0);
   const Json barred = why("Photo of the harbour");
   EXPECT_THAT(barred["left_out"].get<std::vector<std::string>>(), Contains(HasSubstr("policy")));
   EXPECT_EQ(Failures(Check({"--demo"})), "") << "what policy changes is waived, too";
-  EXPECT_EQ(registry("delete " + key), 0);
 }
 
 // What independent readers count in a store.
