@@ -75,6 +75,7 @@ void AddVaults(const Environment& environment, const std::vector<fs::path>& file
 std::vector<Import> BringMail(const Environment& environment, const std::vector<fs::path>& named,
                               std::vector<fs::path>& files, std::vector<Refusal>& refusals, Progress& progress) {
   Imports imports(environment);
+  imports.Sweep();
   std::vector<Import> all;
   const auto bring = [&](const fs::path& source) -> const Import& {
     progress.Say("converting " + OneLine(source.filename().string()));
@@ -85,17 +86,23 @@ std::vector<Import> BringMail(const Environment& environment, const std::vector<
   for (const fs::path& source : named) {
     if (Interrupted()) break;
     const Import& import = bring(source);
-    if (!import.store.empty() && fs::exists(import.store)) {
-      files.push_back(import.store);
-      continue;
-    }
+    if (Interrupted()) break;
+    if (!import.store.empty() && fs::exists(import.store)) continue;
     std::fprintf(stderr, "hoardex: %s is refused: %s\n", OneLine(source.string()).c_str(), import.error.c_str());
     refusals.push_back({source.string(), import.error});
   }
   for (const Import& known : imports.List()) {
     const auto same = [&](const Import& import) { return import.store == known.store; };
-    if (!Interrupted() && std::none_of(all.begin(), all.end(), same)) bring(known.source);
+    if (Interrupted() || std::any_of(all.begin(), all.end(), same)) continue;
+    if (known.source.empty()) {
+      all.push_back(known);
+    } else {
+      bring(known.source);
+    }
   }
+  // Also a store whose vault somebody took away by hand comes back: vaults remove forgets it.
+  for (const Import& import : all)
+    if (!import.store.empty() && fs::exists(import.store)) files.push_back(import.store);
   return all;
 }
 
@@ -126,9 +133,12 @@ void PrintLosses(const VaultReport& report) {
   const std::string name = report.vault.name;
   if (!report.vault.present || !report.info.opens)
     Print(name + ": " + report.info.error + " What was indexed of it before stays.\n");
-  if (!report.import.error.empty())
+  if (!report.import.error.empty() && report.import.source.empty()) {
+    Print(name + ": " + report.import.error + "\n");
+  } else if (!report.import.error.empty()) {
     Print(name + ": the mail in " + OneLine(report.import.source.string()) +
           " could not be brought up to date: " + report.import.error + "\n");
+  }
   for (size_t i = 0; i < report.import.left_out.size() && i < kShownFailures; ++i)
     Print(name + ": left out " + OneLine(report.import.left_out[i].file) + ": " +
           OneLine(report.import.left_out[i].reason) + "\n");
@@ -233,11 +243,8 @@ int RunIndex(const Environment& environment, const IndexArguments& arguments) {
   std::vector<std::string> stores;
   std::vector<fs::path> mail;
   for (const std::string& argument : arguments.files) {
-    if (Imports::IsMail(argument)) {
-      mail.emplace_back(argument);
-    } else {
-      stores.push_back(argument);
-    }
+    if (Imports::IsMail(argument)) mail.emplace_back(argument);
+    if (Imports::IsStores(argument)) stores.push_back(argument);
   }
   std::vector<fs::path> files = ExpandFolders(stores);
   VaultFolder folder(environment);
@@ -260,8 +267,8 @@ int RunIndex(const Environment& environment, const IndexArguments& arguments) {
   Store store(environment.index_file(), Database::Mode::kCreate);
   Progress progress;
   std::vector<Refusal> refusals;
+  const size_t named = files.size() + mail.size();
   const std::vector<Import> imports = BringMail(environment, mail, files, refusals, progress);
-  const size_t named = files.size() + refusals.size();
   AddVaults(environment, files, store, progress, arguments.json, refusals);
   if (!refusals.empty() && refusals.size() == named) {
     if (arguments.json) Print(ReportJson({}, refusals).dump(2, ' ', false, json::error_handler_t::replace) + "\n");

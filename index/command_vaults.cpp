@@ -44,18 +44,20 @@ int RunVaultsAdd(const Environment& environment, const std::vector<std::string>&
   HomeLock lock(environment);
   VaultFolder folder(environment);
   Imports imports(environment);
-  int64_t refused = 0, taken = 0;
+  int64_t refused = 0, taken = 0, left_out = 0;
+  imports.Sweep();
   const auto refuse = [&](const std::filesystem::path& file, const std::string& reason) {
     ++refused;
     std::fprintf(stderr, "hoardex: %s is refused: %s\n", OneLine(file.string()).c_str(), OneLine(reason).c_str());
   };
   std::vector<std::string> stores;
   for (const std::string& file : files) {
-    if (!Imports::IsMail(file)) {
-      stores.push_back(file);
-      continue;
-    }
+    if (Imports::IsStores(file)) stores.push_back(file);
+    if (!Imports::IsMail(file)) continue;
     const Import import = imports.Bring(file);
+    for (const LeftOut& loss : import.left_out)
+      std::fprintf(stderr, "hoardex: left out %s: %s\n", OneLine(loss.file).c_str(), OneLine(loss.reason).c_str());
+    left_out += static_cast<int64_t>(import.left_out.size());
     if (import.error.empty()) {
       stores.push_back(import.store.string());
     } else {
@@ -74,7 +76,7 @@ int RunVaultsAdd(const Environment& environment, const std::vector<std::string>&
   }
   if (taken > 0) Print("hoardex index brings them into the index.\n");
   if (refused == 0 && taken == 0) throw CommandError(kExitUsage, "There is no store (.pst or .db) in what was named.");
-  return refused == 0 ? kExitOk : taken > 0 ? kExitPartly : kExitFailed;
+  return refused == 0 && left_out == 0 ? kExitOk : taken > 0 ? kExitPartly : kExitFailed;
 }
 
 int RunVaultsRemove(const Environment& environment, const std::vector<std::string>& names) {

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sched.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -43,8 +44,12 @@ int FirstCore() {
 }
 
 // Runs in the child between fork and exec: system calls only.
-[[noreturn]] void BecomeProgram(char* const* argv, int in, int out, int err, int core, int report) {
+[[noreturn]] void BecomeProgram(char* const* argv, int in, int out, int err, int core, int report, pid_t tied_to) {
   setpgid(0, 0);
+  if (tied_to) {
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
+    if (getppid() != tied_to) _exit(127);
+  }
   if (core >= 0) {
     cpu_set_t one;
     CPU_ZERO(&one);
@@ -75,7 +80,7 @@ void FileDescriptor::Close() {
   if (fd_ >= 0) close(std::exchange(fd_, -1));
 }
 
-Child Spawn(const std::vector<std::string>& argv, const std::filesystem::path& error_log, Core core) {
+Child Spawn(const std::vector<std::string>& argv, const std::filesystem::path& error_log, Core core, Life life) {
   if (argv.empty()) ThrowErrno("an empty command cannot be started", EINVAL);
   std::vector<char*> arguments;
   for (const std::string& argument : argv) arguments.push_back(const_cast<char*>(argument.c_str()));
@@ -88,10 +93,11 @@ Child Spawn(const std::vector<std::string>& argv, const std::filesystem::path& e
   const int pinned = core == Core::kFirst ? FirstCore() : -1;
 
   Child child;
+  const pid_t tied_to = life == Life::kTied ? getpid() : 0;
   child.pid = fork();
   if (child.pid < 0) ThrowErrno("a process could not be started");
   if (child.pid == 0)
-    BecomeProgram(arguments.data(), in.read.get(), out.write.get(), err.get(), pinned, report.write.get());
+    BecomeProgram(arguments.data(), in.read.get(), out.write.get(), err.get(), pinned, report.write.get(), tied_to);
   setpgid(child.pid, child.pid);
   report.write.Close();
   int error = 0;
@@ -124,7 +130,7 @@ std::string DescribeExit(int status) {
 }
 
 Captured RunAndCapture(const std::vector<std::string>& argv) {
-  Child child = Spawn(argv, {}, Core::kAny);
+  Child child = Spawn(argv, {}, Core::kAny, Life::kTied);
   child.in.Close();
   Captured captured;
   std::array<char, 65536> buffer;
@@ -132,7 +138,7 @@ Captured RunAndCapture(const std::vector<std::string>& argv) {
     const ssize_t got = read(child.out.get(), buffer.data(), buffer.size());
     if (got < 0 && errno == EINTR) {
       // Its own process group does not get the terminal's signal.
-      if (Interrupted()) kill(child.pid, SIGKILL);
+      if (Interrupted()) kill(child.pid, SIGTERM);
       continue;
     }
     if (got <= 0) break;

@@ -170,6 +170,22 @@ TEST_F(WholePath, FollowsMailThatLiesInFiles) {
   EXPECT_EQ(hits("pangolins"), 0u);
   EXPECT_EQ(hits("wombats"), 1u);
   EXPECT_EQ(hits("aardvarks"), 1u);
+  // What another process left, or put in the place of the store, does not last.
+  const fs::path store = System::home() / "imported/mail source.db",
+                 notes = System::home() / "imported/mail source.json";
+  ASSERT_TRUE(fs::exists(store)) << "the store has its source's name";
+  fs::copy_file(store, System::home() / "imported/.converting-1");
+  std::ofstream(store, std::ios::trunc) << "another store";
+  run = System::Run({"index"});
+  EXPECT_EQ(run.code, 3) << run.output << run.errors;
+  EXPECT_FALSE(fs::exists(System::home() / "imported/.converting-1"));
+  EXPECT_EQ(hits("wombats"), 1u);
+  std::ofstream(notes, std::ios::trunc) << "{\"source\": 5";
+  run = System::Run({"index"});
+  EXPECT_EQ(run.code, 3) << run.output << run.errors;
+  EXPECT_NE(run.output.find("name the mail again"), std::string::npos) << run.output;
+  EXPECT_EQ(System::Run({"index", source}).code, 3);
+  EXPECT_EQ(hits("wombats"), 1u);
   // Gone for a while: what was indexed stays.
   fs::rename(source, source.string() + ".away");
   run = System::Run({"index"});

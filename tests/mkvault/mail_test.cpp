@@ -3,12 +3,15 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <fstream>
 #include <functional>
 
 #include "tests/support/store_walk.h"
+#include "tools/mkvault/mailbox.h"
+#include "tools/mkvault/supervised.h"
 #include "vault/store.h"
 #include "vault/writer.h"
 
@@ -33,7 +36,8 @@ class Mail : public testing::Test {
     return path;
   }
   mkvault::MailImport Import(const fs::path& source) {
-    const auto result = mkvault::ImportMail(mkvault::FindMail(source), file_, {"Mail", vault::MakeStoreUid("x"), {}});
+    const auto result =
+        mkvault::ImportMail(mkvault::FindMail(source), file_, {"Mail", vault::MakeStoreUid("x"), {}}, options_);
     store_ = vault::Store::Open(file_);
     EXPECT_THAT(test::WalkStore(*store_).errors, IsEmpty());
     return result;
@@ -89,6 +93,7 @@ class Mail : public testing::Test {
   const fs::path folder_ = fs::temp_directory_path() / ("mkvault-mail-" + std::to_string(::getpid()));
   const fs::path source_ = folder_ / "source", file_ = folder_ / "out.db";
   std::shared_ptr<const vault::Store> store_;
+  mkvault::ImportOptions options_;
 };
 
 TEST_F(Mail, HeadersBecomeProperties) {
@@ -227,6 +232,64 @@ TEST_F(Mail, SourcesBecomeFolders) {
   EXPECT_EQ(mkvault::StampOf(mkvault::FindMail(source_)), before);
   Put("loose/18", letter("one more"));
   EXPECT_NE(mkvault::StampOf(mkvault::FindMail(source_)), before);
+}
+
+TEST_F(Mail, BoundariesOfMessagesAreThoseOfTheirFormat) {
+  const std::string envelope = "From ann@example.com Tue Mar  5 08:30:00 2019\n",
+                    head = "From: a@example.com\nSubject: ";
+  Put("box.mbox", "\n" + envelope + head + "one\n\nDear Bob,\n\nFrom here on it is fun.\nSubject: none\n\n" + envelope +
+                      head + "two\r\n\r\nlast line without an end");
+  const std::string apple = head + "three\n\nfrom a phone\n";
+  Put("4.emlx", std::to_string(apple.size()) + "\n" + apple + "<?xml version=\"1.0\"?><plist/>\n");
+  Put("letter", "From my window I see the sea.\n");
+  fs::create_directory_symlink(source_ / "..", source_ / "up");
+  const auto mail = mkvault::FindMail(source_);
+  EXPECT_GE(mail.others, 1u);
+  EXPECT_TRUE(mkvault::IsPartOf(mail, source_ / "up" / "source" / "4.emlx"));
+  EXPECT_FALSE(mkvault::IsPartOf(mail, file_));
+  const auto result = Import(source_);
+  EXPECT_THAT(result.losses, IsEmpty());
+  EXPECT_THAT(Listing(), UnorderedElementsAre("Mail: three", "box: one", "box: two"));
+  const auto message = Only();
+  EXPECT_THAT(Text(message.properties(), 0x1000), testing::StrEq("from a phone\r\n"));
+  for (const char* line : {"From a b 8:30 2019", "From - Tue Mar 05 08:30:00 2019"})
+    EXPECT_TRUE(mkvault::IsEnvelope(line));
+  for (const char* line : {"From 2019 on", "From: a 08:30 2019", "From 10:30 to 11:45", "From ", ""})
+    EXPECT_FALSE(mkvault::IsEnvelope(line)) << line;
+}
+
+TEST_F(Mail, AMessageThatEndsTheReaderCostsItselfOnly) {
+  for (const char* name : {"1.eml", "2.eml", "3.eml"}) Put(name, std::string("Subject: ") + name + "\n\ntext\n");
+  std::ofstream(file_) << "old";
+  const auto run = [&](const mkvault::ImportOptions& options) {
+    return mkvault::RunSupervised(
+        file_,
+        [&](const fs::path& out, const mkvault::ImportOptions& told) -> mkvault::Said {
+          mkvault::ImportOptions deadly = told;
+          deadly.at = [&](mkvault::MailPlace place) {
+            told.at(place);
+            if (place.file == 1) kill(getpid(), SIGKILL);
+          };
+          const auto result =
+              mkvault::ImportMail(mkvault::FindMail(source_), out, {"Mail", vault::MakeStoreUid("x"), {}}, deadly);
+          return {0, std::to_string(result.messages) + " and " + std::to_string(result.losses.size())};
+        },
+        options);
+  };
+  auto outcome = run({});
+  EXPECT_EQ(outcome.signal, SIGKILL);
+  EXPECT_FALSE(outcome.interrupted);
+  EXPECT_EQ(outcome.place, (mkvault::MailPlace{1, 0}));
+  std::string content;
+  std::ifstream(file_) >> content;
+  EXPECT_EQ(content, "old") << "a run that fails leaves what was there";
+  mkvault::ImportOptions wiser;
+  wiser.skipped.insert(outcome.place);
+  outcome = run(wiser);
+  EXPECT_EQ(outcome.said.text, "2 and 1");
+  store_ = vault::Store::Open(file_);
+  EXPECT_THAT(Listing(), ElementsAre("Mail: 1.eml", "Mail: 3.eml"));
+  EXPECT_EQ(std::distance(fs::directory_iterator(folder_), fs::directory_iterator()), 2) << "rubbish beside the store";
 }
 
 }  // namespace

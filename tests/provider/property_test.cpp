@@ -258,48 +258,6 @@ TEST_F(Properties, ManyThreadsReadOneMessage) {
   EXPECT_EQ(wrong, 0);
 }
 
-// A caller that loads a MAPI library at run time takes it only whole.
-TEST_F(ProviderTest, ExportsEveryNameThatLoadersLookUp) {
-  for (const char* name : {"MAPIAllocateBuffer",
-                           "MAPIAllocateMore",
-                           "MAPIFreeBuffer",
-                           "HrGetOneProp",
-                           "FreeProws",
-                           "PpropFindProp",
-                           "ScDupPropset",
-                           "ScCountProps",
-                           "ScCopyProps",
-                           "OpenIMsgOnIStg",
-                           "MAPIGetDefaultMalloc",
-                           "CloseIMsgSession",
-                           "OpenIMsgSession",
-                           "HrQueryAllRows",
-                           "HrSetOneProp",
-                           "FreePadrlist",
-                           "LPropCompareProp",
-                           "WrapStoreEntryID",
-                           "CreateIProp",
-                           "CreateTable",
-                           "HrValidateParameters",
-                           "BuildDisplayTable",
-                           "HrValidateIPMSubtree",
-                           "HrDispatchNotifications",
-                           "UlRelease",
-                           "HexFromBin",
-                           "MAPIInitialize",
-                           "MAPIUninitialize",
-                           "OpenTnefStreamEx",
-                           "OpenStreamOnFile",
-                           "MAPIOpenFormMgr",
-                           "RTFSync",
-                           "WrapCompressedRTFStream",
-                           "MAPILogonEx",
-                           "MAPIAdminProfiles",
-                           "MAPIOpenLocalFormContainer"}) {
-    EXPECT_NE(GetProcAddress(Mapi().module, name), nullptr) << name;
-  }
-}
-
 TEST_F(ProviderTest, BuffersHangTogether) {
   void *root = nullptr, *part = nullptr, *deeper = nullptr;
   const long before = ProviderFaults::Count().buffers;

@@ -3,7 +3,9 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 
+#include "tools/mkvault/mailbox.h"
 #include "tools/mkvault/mime_message.h"
 #include "vault/error.h"
 #include "vault/store_stream.h"
@@ -42,7 +44,8 @@ bool ReadStatus(GMimeMessage* message, MailFlags& flags) {
 
 class Importer {
  public:
-  Importer(vault::StoreStream& store, MailImport& result) : store_(store), result_(result) {}
+  Importer(vault::StoreStream& store, MailImport& result, const ImportOptions& options)
+      : store_(store), result_(result), options_(options) {}
 
   void AddFolder(const MailFolder& mail, vault::FolderStream& folder) {
     for (const MailFile& file : mail.files) AddFile(file, folder);
@@ -70,6 +73,12 @@ class Importer {
 
  private:
   void AddFile(const MailFile& file, vault::FolderStream& folder) {
+    place_.message = 0;
+    AddMessages(file, folder);
+    ++place_.file;
+  }
+
+  void AddMessages(const MailFile& file, vault::FolderStream& folder) {
     GError* error = nullptr;
     const Owned<GMimeStream> stream(g_mime_stream_file_open(file.path.c_str(), "r", &error));
     if (!stream) {
@@ -77,44 +86,61 @@ class Importer {
       g_clear_error(&error);
       return;
     }
+    std::vector<MessageSpan> spans = {{0, -1}};
+    if (file.form == MailFile::Form::kMailbox) spans = SplitMailbox(file.path);
+    if (file.form == MailFile::Form::kAppleMail) spans = {AppleMessage(file.path)};
+    for (const MessageSpan& span : spans) {
+      AddMessage(file, Owned<GMimeStream>(g_mime_stream_substream(stream.get(), span.begin, span.end)), folder);
+      ++place_.message;
+    }
+  }
+
+  // The length stands in the first line.
+  static MessageSpan AppleMessage(const std::filesystem::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::int64_t length = 0;
+    in >> length;
+    in.ignore(256, '\n');
+    const std::int64_t begin = in ? static_cast<std::int64_t>(in.tellg()) : 0;
+    return {begin, length > 0 ? begin + length : -1};
+  }
+
+  void AddMessage(const MailFile& file, Owned<GMimeStream> stream, vault::FolderStream& folder) {
+    const std::string which =
+        file.form == MailFile::Form::kMailbox ? "Its message " + std::to_string(place_.message + 1) : "It";
+    if (options_.skipped.contains(place_)) return Lose(file, which + " ended the program that reads it.");
+    options_.at(place_);
     const Owned<GMimeParser> parser(g_mime_parser_new_with_stream(stream.get()));
-    g_mime_parser_set_format(parser.get(), file.mailbox ? GMIME_FORMAT_MBOX : GMIME_FORMAT_MESSAGE);
-    std::uint64_t number = 0;
-    do {
-      ++number;
-      const Owned<GMimeMessage> message(g_mime_parser_construct_message(parser.get(), ParserOptions()));
-      if (!message || g_mime_header_list_get_count(g_mime_object_get_header_list(GMIME_OBJECT(message.get()))) == 0) {
-        // The parser sees the end of a mailbox only when it reads on.
-        if (number > 1 && g_mime_parser_eos(parser.get())) return;
-        Lose(file,
-             file.mailbox ? "Its message " + std::to_string(number) + " has no headers." : "It is no mail message.");
-        if (!message) return;
-        continue;
-      }
-      MailFlags flags = file.flags;
-      if (file.mailbox && ReadStatus(message.get(), flags)) continue;
-      try {
-        folder.AddMessage(FromMime(message.get(), flags, file.modified));
-        ++result_.messages;
-      } catch (const vault::Error& failure) {
-        if (failure.code() != vault::ErrorCode::kUnwritable) throw;
-        Lose(file, failure.what());
-      }
-    } while (file.mailbox && !g_mime_parser_eos(parser.get()));
+    const Owned<GMimeMessage> message(g_mime_parser_construct_message(parser.get(), ParserOptions()));
+    if (!message || g_mime_header_list_get_count(g_mime_object_get_header_list(GMIME_OBJECT(message.get()))) == 0)
+      return Lose(file, which + (file.form == MailFile::Form::kMailbox ? " has no headers." : " is no mail message."));
+    MailFlags flags = file.flags;
+    if (file.form == MailFile::Form::kMailbox && ReadStatus(message.get(), flags)) return;
+    try {
+      folder.AddMessage(FromMime(message.get(), flags, file.modified));
+      ++result_.messages;
+    } catch (const vault::Error& failure) {
+      if (failure.code() != vault::ErrorCode::kUnwritable) throw;
+      Lose(file, failure.what());
+    }
   }
 
   void Lose(const MailFile& file, std::string reason) { result_.losses.push_back({file.path, std::move(reason)}); }
 
   vault::StoreStream& store_;
   MailImport& result_;
+  const ImportOptions& options_;
+  MailPlace place_;
 };
 
 }  // namespace
 
-MailImport ImportMail(const MailFolder& mail, const std::filesystem::path& path, const StoreIdentity& identity) {
+MailImport ImportMail(const MailSource& mail, const std::filesystem::path& path, const StoreIdentity& identity,
+                      const ImportOptions& options) {
   MailImport result;
+  result.losses = mail.losses;
   vault::StoreStream store(path, identity.name, identity.encoding, identity.uid);
-  Importer(store, result).AddTop(mail);
+  Importer(store, result, options).AddTop(mail.top);
   store.Finish();
   return result;
 }

@@ -2,6 +2,7 @@
 
 #include <glib.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
@@ -9,7 +10,10 @@
 #include <cstring>
 #include <fstream>
 #include <memory>
+#include <set>
 #include <system_error>
+
+#include "tools/mkvault/mailbox.h"
 
 namespace mkvault {
 namespace {
@@ -38,17 +42,32 @@ std::string Head(const fs::path& file) {
   return std::string(head, static_cast<std::size_t>(in.gcount()));
 }
 
-bool IsMailbox(const fs::path& file) {
-  return Head(file).starts_with("From ");
+std::string_view FirstLine(std::string_view head) {
+  while (!head.empty() && (head.front() == '\r' || head.front() == '\n')) head.remove_prefix(1);
+  return head.substr(0, head.find_first_of("\r\n"));
+}
+
+bool IsMailbox(std::string_view head) {
+  return IsEnvelope(FirstLine(head));
 }
 
 // Whether the text begins with a header field ("Name: value", a blank line not before it).
-bool IsMessage(const fs::path& file) {
-  const std::string head = Head(file);
+bool IsMessage(std::string_view head) {
+  constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
+  if (head.starts_with(kByteOrderMark)) head.remove_prefix(kByteOrderMark.size());
   const auto end = std::find_if(head.begin(), head.end(), [](char c) {
     return c == ':' || std::isspace(static_cast<unsigned char>(c)) || !std::isprint(static_cast<unsigned char>(c));
   });
   return end != head.begin() && end != head.end() && *end == ':';
+}
+
+// Whether it begins with a line that is a number, and goes on as a message.
+bool IsAppleMail(std::string_view head) {
+  const std::string_view line = FirstLine(head);
+  const std::string_view digits = line.substr(0, line.find_last_not_of(' ') + 1);
+  if (digits.empty() || digits.find_first_not_of("0123456789") != digits.npos) return false;
+  const std::size_t rest = head.find('\n');
+  return rest != head.npos && IsMessage(head.substr(rest + 1));
 }
 
 bool HasMailName(const fs::path& file) {
@@ -65,42 +84,29 @@ bool IsMaildir(const fs::path& folder) {
   return fs::is_directory(folder / "cur", error) && fs::is_directory(folder / "new", error);
 }
 
-MailFile Describe(const fs::path& path, bool mailbox) {
+MailFile Describe(const fs::path& path, MailFile::Form form) {
   MailFile file;
   file.path = path;
-  file.mailbox = mailbox;
+  file.form = form;
   struct stat status = {};
   if (stat(path.c_str(), &status) == 0) {
     file.size = static_cast<std::uint64_t>(status.st_size);
-    file.modified = (status.st_mtim.tv_sec + kUnixEpoch) * 10'000'000 + status.st_mtim.tv_nsec / 100;
+    constexpr std::int64_t kLastSecond = 253'402'300'799;  // of the year 9999
+    const std::int64_t seconds = status.st_mtim.tv_sec;
+    if (seconds > -kUnixEpoch && seconds <= kLastSecond)
+      file.modified = (seconds + kUnixEpoch) * 10'000'000 + status.st_mtim.tv_nsec / 100;
   }
   return file;
 }
 
 // "…:2,FLAGS", or ";2,FLAGS" where ":" cannot stand in a name.
-MailFlags FlagsOf(const fs::path& path, bool seen_before) {
+MailFlags FlagsOf(const fs::path& path) {
   const std::string name = path.filename().string();
   std::size_t at = name.rfind(":2,");
   if (at == std::string::npos) at = name.rfind(";2,");
   const std::string letters = at == std::string::npos ? std::string() : name.substr(at + 3);
   const auto has = [&](char letter) { return letters.find(letter) != std::string::npos; };
-  return {!has('S') && !(at == std::string::npos && seen_before), has('R'), has('P'), has('F'), has('D')};
-}
-
-// Entries of a folder by name. Throws SourceError.
-std::vector<fs::directory_entry> Entries(const fs::path& folder) {
-  std::error_code error;
-  std::vector<fs::directory_entry> entries;
-  fs::directory_iterator it(folder, error);
-  for (; !error && it != fs::directory_iterator(); it.increment(error)) entries.push_back(*it);
-  if (error) throw SourceError("The folder " + folder.string() + " cannot be read: " + error.message() + ".");
-  std::sort(entries.begin(), entries.end(), [](const auto& a, const auto& b) { return a.path() < b.path(); });
-  return entries;
-}
-
-bool IsPlainFolder(const fs::directory_entry& entry) {
-  std::error_code error;
-  return !entry.is_symlink(error) && entry.is_directory(error);
+  return {!has('S'), has('R'), has('P'), has('F'), has('D')};
 }
 
 MailFolder& Subfolder(MailFolder& parent, const std::string& name) {
@@ -110,54 +116,102 @@ MailFolder& Subfolder(MailFolder& parent, const std::string& name) {
   return parent.folders.back();
 }
 
-void ReadMaildir(const fs::path& folder, MailFolder& out) {
-  for (const char* part : {"cur", "new"}) {
-    for (const auto& entry : Entries(folder / part)) {
-      std::error_code error;
-      if (entry.path().filename().string().starts_with(".") || !entry.is_regular_file(error)) continue;
-      MailFile file = Describe(entry.path(), false);
-      file.flags = FlagsOf(entry.path(), false);
-      out.files.push_back(std::move(file));
-    }
-  }
-}
+class SourceReader {
+ public:
+  explicit SourceReader(MailSource& source) : source_(source) {}
 
-void ReadFolder(const fs::path& folder, MailFolder& out, int depth) {
-  if (depth > kDeepest) throw SourceError("The folder " + folder.string() + " lies too deep.");
-  const bool maildir = IsMaildir(folder);
-  if (maildir) ReadMaildir(folder, out);
-  for (const auto& entry : Entries(folder)) {
-    const fs::path& path = entry.path();
-    const std::string name = path.filename().string();
-    if (IsPlainFolder(entry)) {
-      if (maildir && (name == "cur" || name == "new" || name == "tmp")) continue;
-      if (maildir && name.starts_with(".") && IsMaildir(path)) {
-        // ".Projects.2024": a subfolder of a subfolder, all in one directory.
-        MailFolder* target = &out;
-        std::size_t begin = 1;
-        while (begin <= name.size()) {
-          const std::size_t dot = std::min(name.find('.', begin), name.size());
-          if (dot > begin) target = &Subfolder(*target, DecodeImapName(name.substr(begin, dot - begin)));
-          begin = dot + 1;
+  void ReadFolder(const fs::path& folder, MailFolder& out, int depth) {
+    if (depth > kDeepest) return Lose(folder, "It lies too deep.");
+    if (!IsNew(folder)) return;
+    const bool maildir = IsMaildir(folder);
+    if (maildir) ReadMaildir(folder, out);
+    for (const auto& entry : Entries(folder)) {
+      const fs::path& path = entry.path();
+      const std::string name = path.filename().string();
+      std::error_code error;
+      if (entry.is_directory(error)) {
+        if (maildir && (name == "cur" || name == "new" || name == "tmp")) continue;
+        if (maildir && name.starts_with(".") && IsMaildir(path)) {
+          ReadSubMaildir(path, name, out);
+        } else if (!name.starts_with(".")) {
+          // "Inbox.sbd" holds the subfolders of the mailbox "Inbox".
+          ReadFolder(path, Subfolder(out, Utf8(path.extension() == ".sbd" ? path.stem().string() : name)), depth + 1);
         }
-        ReadMaildir(path, *target);
         continue;
       }
-      if (name.starts_with(".")) continue;
-      // "Inbox.sbd" holds the subfolders of the mailbox "Inbox".
-      ReadFolder(path, Subfolder(out, Utf8(path.extension() == ".sbd" ? path.stem().string() : name)), depth + 1);
-      continue;
-    }
-    std::error_code error;
-    if (maildir || name.starts_with(".") || !entry.is_regular_file(error)) continue;
-    if (IsMailbox(path)) {
-      const bool suffixed = path.extension() == ".mbox" || path.extension() == ".mbx";
-      Subfolder(out, Utf8(suffixed ? path.stem().string() : name)).files.push_back(Describe(path, true));
-    } else if (HasMailName(path)) {
-      out.files.push_back(Describe(path, false));
+      if (maildir || name.starts_with(".")) continue;
+      if (!entry.is_regular_file(error)) {
+        ++source_.others;
+        continue;
+      }
+      ReadFile(path, out);
     }
   }
-}
+
+ private:
+  void ReadFile(const fs::path& path, MailFolder& out) {
+    if (access(path.c_str(), R_OK) != 0) {
+      Lose(path, std::string("It cannot be read: ") + std::strerror(errno) + ".");
+      return;
+    }
+    const std::string head = Head(path), name = path.filename().string();
+    if (IsMailbox(head)) {
+      const bool suffixed = path.extension() == ".mbox" || path.extension() == ".mbx";
+      Subfolder(out, Utf8(suffixed ? path.stem().string() : name))
+          .files.push_back(Describe(path, MailFile::Form::kMailbox));
+    } else if (HasMailName(path)) {
+      out.files.push_back(Describe(path, IsAppleMail(head) ? MailFile::Form::kAppleMail : MailFile::Form::kMessage));
+    } else {
+      ++source_.others;
+    }
+  }
+
+  void ReadMaildir(const fs::path& folder, MailFolder& out) {
+    for (const char* part : {"cur", "new"}) {
+      for (const auto& entry : Entries(folder / part)) {
+        std::error_code error;
+        if (entry.path().filename().string().starts_with(".") || !entry.is_regular_file(error)) continue;
+        MailFile file = Describe(entry.path(), MailFile::Form::kMessage);
+        file.flags = FlagsOf(entry.path());
+        out.files.push_back(std::move(file));
+      }
+    }
+  }
+
+  // ".Projects.2024": a subfolder of a subfolder, all in one directory.
+  void ReadSubMaildir(const fs::path& path, const std::string& name, MailFolder& out) {
+    if (!IsNew(path)) return;
+    MailFolder* target = &out;
+    for (std::size_t begin = 1; begin <= name.size();) {
+      const std::size_t dot = std::min(name.find('.', begin), name.size());
+      if (dot > begin) target = &Subfolder(*target, DecodeImapName(name.substr(begin, dot - begin)));
+      begin = dot + 1;
+    }
+    ReadMaildir(path, *target);
+  }
+
+  // Entries of a folder by name.
+  std::vector<fs::directory_entry> Entries(const fs::path& folder) {
+    std::error_code error;
+    std::vector<fs::directory_entry> entries;
+    fs::directory_iterator it(folder, error);
+    for (; !error && it != fs::directory_iterator(); it.increment(error)) entries.push_back(*it);
+    if (error) Lose(folder, "It cannot be read: " + error.message() + ".");
+    std::sort(entries.begin(), entries.end(), [](const auto& a, const auto& b) { return a.path() < b.path(); });
+    return entries;
+  }
+
+  // Links may lead to a folder twice, or round in a circle.
+  bool IsNew(const fs::path& folder) {
+    struct stat status = {};
+    return stat(folder.c_str(), &status) != 0 || seen_.insert({status.st_dev, status.st_ino}).second;
+  }
+
+  void Lose(const fs::path& path, std::string reason) { source_.losses.push_back({path, std::move(reason)}); }
+
+  MailSource& source_;
+  std::set<std::pair<dev_t, ino_t>> seen_;
+};
 
 // Takes out folders without any mail.
 void Prune(MailFolder& folder) {
@@ -206,32 +260,49 @@ std::size_t MailFolder::FileCount() const {
   return count;
 }
 
-MailFolder FindMail(const fs::path& source) {
-  MailFolder mail;
+MailSource FindMail(const fs::path& source) {
+  MailSource mail;
   std::error_code error;
   const fs::file_status status = fs::status(source, error);
   if (status.type() == fs::file_type::not_found) throw SourceError("There is no such file or folder.");
   if (error) throw SourceError("It cannot be reached: " + error.message() + ".");
+  if (access(source.c_str(), R_OK) != 0)
+    throw SourceError(std::string("It cannot be read: ") + std::strerror(errno) + ".");
   if (fs::is_directory(status)) {
-    ReadFolder(source, mail, 0);
-    Prune(mail);
-    if (mail.FileCount() == 0)
-      throw SourceError("There is no mail in it: neither a maildir nor mailboxes (mbox) nor messages (.eml).");
+    SourceReader(mail).ReadFolder(source, mail.top, 0);
+    Prune(mail.top);
+    if (mail.top.FileCount() == 0)
+      throw SourceError(mail.losses.empty()
+                            ? "There is no mail in it: neither a maildir nor mailboxes (mbox) nor messages (.eml)."
+                            : mail.losses[0].file.string() + ": " + mail.losses[0].reason);
     return mail;
   }
   if (!fs::is_regular_file(status)) throw SourceError("It is not a file.");
-  if (!std::ifstream(source, std::ios::binary))
-    throw SourceError(std::string("It cannot be read: ") + std::strerror(errno) + ".");
-  const bool mailbox = IsMailbox(source);
-  if (!mailbox && !IsMessage(source)) throw SourceError("It is neither a mailbox (mbox) nor a mail message.");
-  mail.files.push_back(Describe(source, mailbox));
+  const std::string head = Head(source);
+  const bool mailbox = IsMailbox(head), apple = IsAppleMail(head);
+  if (!mailbox && !apple && !IsMessage(head)) throw SourceError("It is neither a mailbox (mbox) nor a mail message.");
+  mail.top.files.push_back(Describe(source, mailbox ? MailFile::Form::kMailbox
+                                            : apple ? MailFile::Form::kAppleMail
+                                                    : MailFile::Form::kMessage));
   return mail;
 }
 
-std::string StampOf(const MailFolder& mail) {
+std::string StampOf(const MailSource& source) {
   Stamp stamp;
-  AddTo(stamp, mail);
+  AddTo(stamp, source.top);
+  for (const MailLoss& loss : source.losses) stamp.Add(loss.file.string());
   return stamp.Text();
+}
+
+bool IsPartOf(const MailSource& source, const fs::path& file) {
+  const auto within = [&](const auto& self, const MailFolder& folder) -> bool {
+    std::error_code error;
+    for (const MailFile& mail : folder.files)
+      if (fs::equivalent(mail.path, file, error)) return true;
+    return std::any_of(folder.folders.begin(), folder.folders.end(),
+                       [&](const MailFolder& inner) { return self(self, inner); });
+  };
+  return within(within, source.top);
 }
 
 }  // namespace mkvault

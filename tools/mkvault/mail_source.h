@@ -22,10 +22,15 @@ struct MailFlags {
 };
 
 struct MailFile {
+  enum class Form {
+    kMessage,
+    kMailbox,    // any number of messages, in mbox format
+    kAppleMail,  // .emlx: a line with the message's length, the message, a property list
+  };
   std::filesystem::path path;
-  bool mailbox = false;  // any number of messages, in mbox format
+  Form form = Form::kMessage;
   MailFlags flags;
-  std::int64_t modified = 0;  // file time
+  std::int64_t modified = 0;  // file time; 0 when it is none that can be told
   std::uint64_t size = 0;     // bytes
 };
 
@@ -38,11 +43,25 @@ struct MailFolder {
   std::size_t FileCount() const;
 };
 
-// Looks through the source; in a fixed order, and without following links to folders. Throws SourceError when it is not
-// there, cannot be read, or holds no mail.
-MailFolder FindMail(const std::filesystem::path& source);
+struct MailLoss {
+  std::filesystem::path file;
+  std::string reason;  // a sentence
+};
+
+struct MailSource {
+  MailFolder top;
+  std::vector<MailLoss> losses;  // what could not be looked at
+  std::uint64_t others = 0;      // files that are no mail
+};
+
+// Looks through the source, in a fixed order; links to folders are followed, once to each. What cannot be read is
+// named. Throws SourceError when the source itself is not there or cannot be read, or holds no mail.
+MailSource FindMail(const std::filesystem::path& source);
 
 // 32 hexadecimal digits that change when a file of the source is added, removed or changed.
-std::string StampOf(const MailFolder& mail);
+std::string StampOf(const MailSource& source);
+
+// Whether a file is one of the source's, or the source itself.
+bool IsPartOf(const MailSource& source, const std::filesystem::path& file);
 
 }  // namespace mkvault

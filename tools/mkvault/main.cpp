@@ -2,7 +2,10 @@
 //
 // Exit status: 0 written, 1 failed, 2 usage, 3 written, but something of the source was left out (and is named).
 #include <CLI/CLI.hpp>
+#include <cerrno>
+#include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -10,6 +13,7 @@
 #include "tools/mkvault/demo.h"
 #include "tools/mkvault/generate.h"
 #include "tools/mkvault/mail_import.h"
+#include "tools/mkvault/supervised.h"
 #include "vault/error.h"
 
 namespace {
@@ -18,6 +22,7 @@ namespace fs = std::filesystem;
 using nlohmann::json;
 
 constexpr int kWritten = 0, kFailed = 1, kUsage = 2, kPartly = 3;
+constexpr std::size_t kMostSkipped = 50;  // messages that end the process which reads them
 
 struct Arguments {
   bool demo = false, as_json = false;
@@ -28,36 +33,37 @@ struct Arguments {
   vault::Encoding encoding = vault::Encoding::kPermute;
 };
 
-void PrintJson(const json& value) {
-  std::puts(value.dump(-1, ' ', false, json::error_handler_t::replace).c_str());
+using mkvault::Said;
+
+std::string Line(const json& value) {
+  return value.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
 }
 
-int Demo(const Arguments& arguments) {
+Said Demo(const Arguments& arguments, const fs::path& out) {
   vault::StoreBuilder store("Archive of Jane Miller", arguments.encoding);
   mkvault::AddMail(store);
   mkvault::AddItems(store);
-  store.Write(arguments.out);
-  return kWritten;
+  store.Write(out);
+  return {kWritten, {}};
 }
 
-int Messages(const Arguments& arguments) {
+Said Messages(const Arguments& arguments, const fs::path& out) {
   mkvault::GenerateOptions options = arguments.generate;
   options.messages = static_cast<std::uint64_t>(arguments.messages);
   options.attachments = static_cast<std::uint32_t>(arguments.attachments * 10'000 + 0.5);
   options.encoding = arguments.encoding;
-  mkvault::Generate(arguments.out, options);
-  return kWritten;
+  mkvault::Generate(out, options);
+  return {kWritten, {}};
 }
 
-int Stamp(const Arguments& arguments) {
+Said Stamp(const Arguments& arguments) {
   const auto mail = mkvault::FindMail(arguments.stamp);
-  PrintJson({{"stamp", mkvault::StampOf(mail)}, {"files", mail.FileCount()}});
-  return kWritten;
+  return {kWritten, Line({{"stamp", mkvault::StampOf(mail)}, {"files", mail.top.FileCount()}})};
 }
 
-int From(const Arguments& arguments) {
+Said From(const Arguments& arguments, const mkvault::MailSource& mail, const fs::path& out,
+          const mkvault::ImportOptions& options) {
   const fs::path source = fs::absolute(arguments.from).lexically_normal();
-  const auto mail = mkvault::FindMail(source);
   const std::string stamp = mkvault::StampOf(mail);
   mkvault::StoreIdentity identity;
   const fs::path last = source.has_filename() ? source.filename() : source.parent_path().filename();
@@ -65,28 +71,63 @@ int From(const Arguments& arguments) {
   // Another content gives other identifiers, so that no item of it is taken for one of the store that it replaces.
   identity.uid = vault::MakeStoreUid(source.string() + stamp);
   identity.encoding = arguments.encoding;
-  const auto result = mkvault::ImportMail(mail, arguments.out, identity);
+  const auto result = mkvault::ImportMail(mail, out, identity, options);
+  const int status = result.losses.empty() ? kWritten : kPartly;
   if (arguments.as_json) {
     json losses = json::array();
     for (const auto& loss : result.losses) losses.push_back({{"file", loss.file.string()}, {"reason", loss.reason}});
-    PrintJson(
-        {{"stamp", stamp}, {"messages", result.messages}, {"folders", result.folders}, {"losses", std::move(losses)}});
-  } else {
-    for (const auto& loss : result.losses)
-      std::fprintf(stderr, "mkvault: left out %s: %s\n", loss.file.c_str(), loss.reason.c_str());
-    std::printf("%s: %llu messages in %llu folders\n", arguments.out.c_str(),
-                static_cast<unsigned long long>(result.messages), static_cast<unsigned long long>(result.folders));
+    return {status, Line({{"stamp", stamp},
+                          {"messages", result.messages},
+                          {"folders", result.folders},
+                          {"others", mail.others},
+                          {"losses", std::move(losses)}})};
   }
-  return result.losses.empty() ? kWritten : kPartly;
+  std::string text;
+  for (const auto& loss : result.losses) text += "left out " + loss.file.string() + ": " + loss.reason + "\n";
+  text += arguments.out + ": " + std::to_string(result.messages) + " messages in " + std::to_string(result.folders) +
+          " folders";
+  if (mail.others) text += "; " + std::to_string(mail.others) + " other files are no mail";
+  return {status, text + "\n"};
 }
 
-int Fail(const Arguments& arguments, const std::string& sentence) {
-  if (arguments.as_json) {
-    PrintJson({{"error", sentence}});
-  } else {
-    std::fprintf(stderr, "mkvault: %s\n", sentence.c_str());
+Said Failure(const Arguments& arguments, const std::string& sentence) {
+  if (arguments.as_json) return {kFailed, Line({{"error", sentence}})};
+  std::fprintf(stderr, "mkvault: %s\n", sentence.c_str());
+  return {kFailed, {}};
+}
+
+// Why nothing may be written there; empty when it may.
+std::string Objection(const Arguments& arguments, const mkvault::MailSource& mail) {
+  std::error_code error;
+  const fs::file_status status = fs::status(arguments.out, error);
+  if (fs::exists(status) && !fs::is_regular_file(status)) return "It is not a file, and stays as it is.";
+  if (fs::exists(status) && mkvault::IsPartOf(mail, arguments.out)) return "It is part of the mail to be read.";
+  return {};
+}
+
+Said Make(const Arguments& arguments) {
+  mkvault::MailSource mail;
+  if (!arguments.from.empty()) mail = mkvault::FindMail(fs::absolute(arguments.from).lexically_normal());
+  if (const std::string objection = Objection(arguments, mail); !objection.empty())
+    return Failure(arguments, arguments.out + " cannot be written: " + objection);
+  const auto work = [&](const fs::path& out, const mkvault::ImportOptions& options) -> Said {
+    try {
+      if (arguments.demo) return Demo(arguments, out);
+      if (arguments.messages >= 0) return Messages(arguments, out);
+      return From(arguments, mail, out, options);
+    } catch (const std::exception& error) {
+      return Failure(arguments, error.what());
+    }
+  };
+  mkvault::ImportOptions options;
+  for (;;) {
+    const mkvault::Supervised run = mkvault::RunSupervised(arguments.out, work, options);
+    if (run.interrupted) return {128 + run.signal, {}};
+    if (!run.signal) return run.said;
+    // The same message twice is no cure.
+    if (arguments.from.empty() || options.skipped.size() >= kMostSkipped || !options.skipped.insert(run.place).second)
+      return Failure(arguments, "It was ended by signal " + std::to_string(run.signal) + ".");
   }
-  return kFailed;
 }
 
 }  // namespace
@@ -125,14 +166,20 @@ int main(int argc, char** argv) {
     app.parse(argc, argv);
     if (arguments.stamp.empty() == arguments.out.empty())
       throw CLI::ValidationError("OUT", arguments.out.empty() ? "is required" : "does not go with --stamp");
+    if (!std::isfinite(arguments.attachments)) throw CLI::ValidationError("--attachments", "is no number");
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? kWritten : kUsage;
   }
+  Said said;
   try {
-    if (arguments.demo) return Demo(arguments);
-    if (arguments.messages >= 0) return Messages(arguments);
-    return arguments.from.empty() ? Stamp(arguments) : From(arguments);
+    said = arguments.stamp.empty() ? Make(arguments) : Stamp(arguments);
   } catch (const std::exception& error) {
-    return Fail(arguments, error.what());
+    said = Failure(arguments, error.what());
   }
+  std::fputs(said.text.c_str(), stdout);
+  if (std::fflush(stdout) != 0) {
+    std::fprintf(stderr, "mkvault: what there is to say cannot be written: %s\n", std::strerror(errno));
+    return kFailed;
+  }
+  return said.status;
 }
