@@ -135,12 +135,12 @@ class BuiltInFilter final : public IFilter, public IPersistStream {
       const WindowsCodePages pages;
       parts_.clear();
       if (format_ == Format::kText) {
-        parts_.push_back({kContents, CHUNK_TEXT, DecodePlainText(bytes, pages)});
+        parts_.push_back({kContents, CHUNK_TEXT, DecodePlainText(bytes, pages), true});
       } else {
         const std::u16string html = vault::text::DecodeHtml(bytes, 0, pages);
         std::u16string title = TitleOf(html);
-        if (!title.empty()) parts_.push_back({kTitle, CHUNK_VALUE, std::move(title)});
-        parts_.push_back({kContents, CHUNK_TEXT, vault::text::HtmlToText(html)});
+        if (!title.empty()) parts_.push_back({kTitle, CHUNK_VALUE, std::move(title), true});
+        parts_.push_back({kContents, CHUNK_TEXT, vault::text::HtmlToText(html), true});
       }
       loaded_ = true;
       return S_OK;
@@ -149,18 +149,28 @@ class BuiltInFilter final : public IFilter, public IPersistStream {
     }
   }
 
-  STDMETHODIMP_(SCODE) Init(ULONG, ULONG count, const FULLPROPSPEC* attributes, ULONG* flags) override {
+  // Attributes that are named are the only ones; without any, the flags decide, and the contents come always.
+  STDMETHODIMP_(SCODE) Init(ULONG flags, ULONG count, const FULLPROPSPEC* attributes, ULONG* out_flags) override {
     if (count && !attributes) return E_INVALIDARG;
     if (!loaded_) return E_FAIL;
-    if (flags) *flags = 0;
+    constexpr ULONG kAll = IFILTER_INIT_APPLY_INDEX_ATTRIBUTES | IFILTER_INIT_APPLY_OTHER_ATTRIBUTES;
+    for (Part& part : parts_) {
+      const auto same = [&](const FULLPROPSPEC& wanted) { return IsSame(wanted, part.property); };
+      part.wanted =
+          count ? std::any_of(attributes, attributes + count, same) : part.state == CHUNK_TEXT || (flags & kAll) != 0;
+    }
+    if (out_flags) *out_flags = 0;
     current_ = -1;
+    given_ = 0;
     return S_OK;
   }
   STDMETHODIMP_(SCODE) GetChunk(STAT_CHUNK* stat) override {
     if (!stat) return E_POINTER;
-    if (current_ < static_cast<int>(parts_.size())) ++current_;
+    const int count = static_cast<int>(parts_.size());
+    while (current_ < count && (++current_ == count || !parts_[static_cast<size_t>(current_)].wanted)) {
+    }
     given_ = 0;
-    if (current_ >= static_cast<int>(parts_.size())) return FILTER_E_END_OF_CHUNKS;
+    if (current_ >= count) return FILTER_E_END_OF_CHUNKS;
     *stat = {};
     stat->idChunk = stat->idChunkSource = static_cast<ULONG>(current_ + 1);
     stat->breakType = CHUNK_EOP;
@@ -210,7 +220,12 @@ class BuiltInFilter final : public IFilter, public IPersistStream {
     FULLPROPSPEC property;
     CHUNKSTATE state;
     std::u16string text;
+    bool wanted = true;
   };
+  static bool IsSame(const FULLPROPSPEC& a, const FULLPROPSPEC& b) {
+    return a.guidPropSet == b.guidPropSet && a.psProperty.ulKind == PRSPEC_PROPID &&
+           a.psProperty.propid == b.psProperty.propid;
+  }
   ~BuiltInFilter() = default;
 
   const Part* Current() const {

@@ -41,12 +41,24 @@ class Value {
   PROPVARIANT* value_ = nullptr;
 };
 
-Json LinkOf(const PROPVARIANT& value) {
+// A listing gives a child that has no time of its own the time of the listing: the filter is asked between `begin` and
+// now. Such a time would differ from run to run, and say nothing.
+bool IsTimeOfRun(const FILETIME& time, const FILETIME& begin) {
+  FILETIME now;
+  GetSystemTimeAsFileTime(&now);
+  return CompareFileTime(&time, &begin) >= 0 && CompareFileTime(&time, &now) <= 0;
+}
+
+Json LinkOf(const PROPVARIANT& value, const FILETIME& begin) {
   Json link = Json::object();
   if (value.vt != (VT_VECTOR | VT_VARIANT) || value.capropvar.cElems != 2) return link;
   const PROPVARIANT* elements = value.capropvar.pElems;
   if (elements[0].vt != VT_LPWSTR || !elements[0].pwszVal || !*elements[0].pwszVal) return link;
   link["url"] = ToUtf8(elements[0].pwszVal);
+  if (elements[1].vt == VT_FILETIME && IsTimeOfRun(elements[1].filetime, begin)) {
+    link["undated"] = true;
+    return link;
+  }
   const std::string time = elements[1].vt == VT_FILETIME ? ToIso8601(elements[1].filetime) : std::string();
   if (!time.empty()) link["modified"] = time;
   return link;
@@ -56,7 +68,9 @@ Json LinkOf(const PROPVARIANT& value) {
 class ChunkReader {
  public:
   ChunkReader(IFilter* filter, bool with_chunks, Json& record)
-      : filter_(filter), with_chunks_(with_chunks), record_(record), buffer_(kTextBuffer + 1) {}
+      : filter_(filter), with_chunks_(with_chunks), record_(record), buffer_(kTextBuffer + 1) {
+    GetSystemTimeAsFileTime(&begin_);
+  }
 
   void Run() {
     STAT_CHUNK stat = {};
@@ -128,7 +142,7 @@ class ChunkReader {
     }
     if (!value.get()) return true;
     if (IsLink(stat.attribute)) {
-      Json link = LinkOf(*value.get());
+      Json link = LinkOf(*value.get(), begin_);
       if (with_chunks_) chunk["value"] = link;
       if (!link.empty()) links_.push_back(std::move(link));
       return true;
@@ -143,6 +157,7 @@ class ChunkReader {
   const bool with_chunks_;
   Json& record_;
   std::vector<wchar_t> buffer_;
+  FILETIME begin_;
   Json properties_ = Json::object();
   Json chunks_ = Json::array();
   Json links_ = Json::array();

@@ -75,6 +75,8 @@ std::wstring UserSid() {
   return sid;
 }
 
+}  // namespace
+
 const char* KindOf(std::string_view url) {
   // zkoffline3x://{SID}/default/ path of the vault / folders / message.zkm / key / name
   const size_t root_end = url.find("/default");
@@ -89,8 +91,6 @@ const char* KindOf(std::string_view url) {
   if (message == std::string_view::npos) return "folder";
   return message + 4 == rest.size() ? "message" : "attachment";
 }
-
-}  // namespace
 
 Json ErrorOf(const char* step, HRESULT code) {
   Json error = {{"step", step}, {"code", CodeText(code)}};
@@ -127,12 +127,9 @@ std::string Session::RootUrl() const {
   return sid.empty() ? std::string() : ToUtf8(std::wstring(kScheme) + L"://{" + sid + L"}/default/");
 }
 
-Json Session::Read(const std::string& url, bool with_chunks) {
-  Json record = {{"url", url}, {"kind", KindOf(url)}};
-  if (url.find('\0') != std::string::npos) {  // the protocol takes a terminated string, which would end there
-    record["error"] = ErrorOf("CreateAccessor", E_INVALIDARG);
-    return record;
-  }
+HRESULT Session::CreateAccessor(const std::string& url, IUrlAccessor** accessor) {
+  // The protocol takes a terminated string, which would end there.
+  if (url.find('\0') != std::string::npos) return E_INVALIDARG;
   AUTHENTICATION_INFO authentication = {};
   authentication.dwSize = sizeof(authentication);
   INCREMENTAL_ACCESS_INFO incremental = {};
@@ -141,8 +138,22 @@ Json Session::Read(const std::string& url, bool with_chunks) {
   item.dwSize = sizeof(item);
   item.pcwszApplicationName = L"Windows";
   item.pcwszCatalogName = L"SystemIndex";
+  return protocol_->CreateAccessor(FromUtf8(url).c_str(), &authentication, &incremental, &item, accessor);
+}
+
+void Session::CloseAccessor(IUrlAccessor* accessor) {
+  protocol_->CloseAccessor(accessor);
+}
+
+bool Session::HasFilter(const std::wstring& extension) const {
+  ComPtr<IFilter> filter;
+  return SUCCEEDED(site_->GetFilter(nullptr, nullptr, extension.c_str(), &filter));
+}
+
+Json Session::Read(const std::string& url, bool with_chunks) {
+  Json record = {{"url", url}, {"kind", KindOf(url)}};
   ComPtr<IUrlAccessor> accessor;
-  const HRESULT hr = protocol_->CreateAccessor(FromUtf8(url).c_str(), &authentication, &incremental, &item, &accessor);
+  const HRESULT hr = CreateAccessor(url, &accessor);
   if (FAILED(hr)) {
     record["error"] = ErrorOf("CreateAccessor", hr);
     return record;
@@ -152,7 +163,7 @@ Json Session::Read(const std::string& url, bool with_chunks) {
   } catch (const std::bad_alloc&) {
     record["error"] = ErrorOf("GetChunk", E_OUTOFMEMORY);
   }
-  protocol_->CloseAccessor(accessor.Get());
+  CloseAccessor(accessor.Get());
   return record;
 }
 

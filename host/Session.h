@@ -8,6 +8,7 @@
 
 #include <nlohmann/json.hpp>
 #include <string>
+#include <string_view>
 
 #include "platform/searchapi.h"
 
@@ -26,6 +27,14 @@ class Session {
   // The search root of this user.
   std::string RootUrl() const;
 
+  // An accessor for one URL, and its end. CreateAccessor fails with E_INVALIDARG for a URL that no terminated string
+  // can hold.
+  HRESULT CreateAccessor(const std::string& url, IUrlAccessor** accessor);
+  void CloseAccessor(IUrlAccessor* accessor);
+
+  // Whether the site has a filter for files of this extension (without its dot).
+  bool HasFilter(const std::wstring& extension) const;
+
   // Reads one item: its accessor's answers, then every chunk with its value or text. Never throws for what the item
   // holds: a failure is the record's "error". `with_chunks` lists the chunks in the order in which they came.
   Json Read(const std::string& url, bool with_chunks);
@@ -37,5 +46,8 @@ class Session {
 
 // The record of a step that failed: {"step", "code", "name"}.
 Json ErrorOf(const char* step, HRESULT code);
+
+// "root", "vault", "folder", "message", "attachment" or "unknown", by the grammar of the URL.
+const char* KindOf(std::string_view url);
 
 }  // namespace host

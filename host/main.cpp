@@ -3,11 +3,16 @@
 
 #include <shellapi.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "host/CheckRecord.h"
+#include "host/ModuleLog.h"
+#include "host/Policy.h"
 #include "host/Session.h"
 #include "host/Text.h"
 
@@ -16,10 +21,17 @@ namespace {
 constexpr char kUsage[] =
     "HoardexHost reads items of the user's vaults through the search protocol handler.\n"
     "\n"
-    "  HoardexHost serve [--chunks]     answer requests from standard input, one JSON object a line:\n"
+    "  HoardexHost serve [--chunks] [--log]\n"
+    "                                   answer requests from standard input, one JSON object a line:\n"
     "                                   {\"roots\":true} or {\"url\":\"...\"}\n"
-    "  HoardexHost item URL [--chunks]  print the record of one item\n"
-    "  HoardexHost roots                print the search roots\n";
+    "  HoardexHost item URL [--chunks] [--log]\n"
+    "                                   print the record of one item; --log adds what the module logged meanwhile\n"
+    "  HoardexHost roots                print the search roots\n"
+    "  HoardexHost check URL...         check the filters of these items against the rules of filters\n"
+    "  HoardexHost check [--clsid {C}] [--file F]\n"
+    "                                   check another filter: of this class, or that of the file's type\n"
+    "  HoardexHost serve --check [--files] [--clsid {C}]\n"
+    "                                   answer requests with checks; a url is a file's path with --files\n";
 
 // Lines from a pipe, without the C runtime's translation.
 class LineReader {
@@ -59,22 +71,35 @@ bool WriteLine(const host::Json& record) {
   return true;
 }
 
-host::Json Answer(host::Session& session, const std::string& line, bool with_chunks) {
+// Makes the record of one item.
+using Reader = std::function<host::Json(const std::string& url)>;
+
+host::Json Answer(const std::string& root, const Reader& read, const std::string& line) {
   const host::Json request = host::Json::parse(line, nullptr, false);
   if (request.is_object() && request.value("roots", host::Json()) == true)
-    return {{"roots", host::Json::array({session.RootUrl()})}};
+    return {{"roots", host::Json::array({root})}};
   const host::Json url = request.is_object() ? request.value("url", host::Json()) : host::Json();
   if (!url.is_string()) return {{"error", host::ErrorOf("Request", E_INVALIDARG)}};
-  return session.Read(url.get<std::string>(), with_chunks);
+  return read(url.get<std::string>());
 }
 
-int Serve(host::Session& session, bool with_chunks) {
+int Serve(const std::string& root, const Reader& read) {
   LineReader lines;
   while (const auto line = lines.Next()) {
     if (line->find_first_not_of(" \t\r") == std::string::npos) continue;
-    if (!WriteLine(Answer(session, *line, with_chunks))) break;
+    if (!WriteLine(Answer(root, read, *line))) break;
   }
   return 0;
+}
+
+int CheckEach(const std::vector<std::string>& urls, const Reader& check) {
+  bool all = true;
+  for (const std::string& url : urls) {
+    const host::Json record = check(url);
+    all = all && host::Conforms(record);
+    if (!WriteLine(record)) return 1;
+  }
+  return all ? 0 : 1;
 }
 
 std::vector<std::string> Arguments() {
@@ -86,38 +111,86 @@ std::vector<std::string> Arguments() {
   return arguments;
 }
 
+struct Options {
+  std::string command;
+  std::vector<std::string> urls;
+  bool chunks = false, log = false, check = false, files = false;
+  std::string file, clsid;
+};
+
+// Nothing when the words make no sense.
+std::optional<Options> Parse(std::vector<std::string> words) {
+  Options options;
+  options.chunks = std::erase(words, "--chunks") > 0;
+  options.log = std::erase(words, "--log") > 0;
+  options.check = std::erase(words, "--check") > 0;
+  options.files = std::erase(words, "--files") > 0;
+  bool other = false;
+  for (const auto& [name, value] : {std::pair("--file", &options.file), std::pair("--clsid", &options.clsid)}) {
+    const auto found = std::find(words.begin(), words.end(), name);
+    if (found == words.end()) continue;
+    if (found + 1 == words.end()) return std::nullopt;
+    *value = *(found + 1);
+    words.erase(found, found + 2);
+    other = true;
+  }
+  if (words.empty()) return std::nullopt;
+  options.command = words[0];
+  options.urls.assign(words.begin() + 1, words.end());
+  const size_t count = options.urls.size();
+  const std::string& command = options.command;
+  const bool sense = command == "check"   ? (other ? count == 0 : count > 0)
+                     : command == "item"  ? count == 1
+                     : command == "serve" ? count == 0 && (options.check || (!options.files && !other))
+                                          : command == "roots" && count == 0;
+  return sense ? std::optional(options) : std::nullopt;
+}
+
+int Run(const Options& options) {
+  const Reader check_file = [&](const std::string& file) { return host::CheckFile(file, options.clsid); };
+  if (options.command == "check" && options.urls.empty()) return CheckEach({options.file}, check_file);
+  if (options.command == "serve" && options.files) return Serve("", check_file);
+  host::Session session;
+  const HRESULT hr = session.Open();
+  if (FAILED(hr)) {
+    fprintf(stderr, "HoardexHost: cannot make the protocol handler: %s %s\n", host::CodeText(hr).c_str(),
+            host::CodeName(hr).c_str());
+    return 1;
+  }
+  host::ItemChecker checker(session);
+  const Reader check = [&](const std::string& url) { return checker.Check(url); };
+  const Reader read = [&](const std::string& url) {
+    if (!options.log) return session.Read(url, options.chunks);
+    const host::ModuleLog log;
+    host::Json record = session.Read(url, options.chunks);
+    record["log"] = log.Lines();
+    const host::AttachmentPolicy policy = host::ReadAttachmentPolicy();
+    record["policy"] = {{"prevented", policy.prevented}, {"excluded", host::ToUtf8(policy.excluded)}};
+    return record;
+  };
+  if (options.command == "check") return CheckEach(options.urls, check);
+  if (options.command == "serve") return Serve(session.RootUrl(), options.check ? check : read);
+  if (options.command == "roots") return WriteLine({{"roots", host::Json::array({session.RootUrl()})}}) ? 0 : 1;
+  const host::Json record = read(options.urls[0]);
+  return WriteLine(record) && !record.contains("error") ? 0 : 1;
+}
+
 }  // namespace
 
 int main() {
-  std::vector<std::string> arguments = Arguments();
-  const bool with_chunks = std::erase(arguments, "--chunks") > 0;
-  const std::string command = arguments.empty() ? "" : arguments[0];
-  const size_t expected = command == "item" ? 2 : 1;
-  if ((command != "serve" && command != "item" && command != "roots") || arguments.size() != expected) {
+  const std::optional<Options> options = Parse(Arguments());
+  if (!options) {
     fputs(kUsage, stderr);
     return 2;
   }
   // One thread, so one apartment: the shell's objects, which the filter asks for an attachment's author, then need no
   // second thread and no marshalling.
-  HRESULT hr = CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
-  int result = 1;
-  if (SUCCEEDED(hr)) {
-    host::Session session;
-    hr = session.Open();
-    if (SUCCEEDED(hr)) {
-      if (command == "serve") {
-        result = Serve(session, with_chunks);
-      } else if (command == "roots") {
-        result = WriteLine({{"roots", host::Json::array({session.RootUrl()})}}) ? 0 : 1;
-      } else {
-        const host::Json record = session.Read(arguments[1], with_chunks);
-        result = WriteLine(record) && !record.contains("error") ? 0 : 1;
-      }
-    }
+  const HRESULT hr = CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
+  if (FAILED(hr)) {
+    fprintf(stderr, "HoardexHost: COM does not start: %s\n", host::CodeText(hr).c_str());
+    return 1;
   }
-  if (FAILED(hr))
-    fprintf(stderr, "HoardexHost: cannot make the protocol handler: %s %s\n", host::CodeText(hr).c_str(),
-            host::CodeName(hr).c_str());
+  const int result = Run(*options);
   CoUninitialize();
   return result;
 }

@@ -42,6 +42,26 @@ std::vector<std::string> MarkQueryWords(int argc, char** argv) {
   return words;
 }
 
+// What CLI11 would say of a command line without a command, or with one that is none, tells nobody what is wrong.
+std::string CommandTrouble(const CLI::App& app, const std::vector<std::string>& words) {
+  std::string names;
+  bool found = false;
+  for (const CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; })) {
+    names += (names.empty() ? "" : ", ") + command->get_name();
+    found = found || (!words.empty() && command->get_name() == words.front());
+  }
+  const std::string known = " The commands are " + names + "; hoardex --help tells more.";
+  if (words.empty()) return "Name a command." + known;
+  const std::string& first = words.front();
+  if (first == "-h" || first == "--help" || first == "--help-all" || found) return {};
+  if (first.starts_with("-")) return "There is no option " + first + " before the command." + known;
+  return "There is no command \"" + first + "\"." + known;
+}
+
+std::string NotEmpty(const std::string& name) {
+  return name.empty() ? "The name is empty" : "";
+}
+
 }  // namespace
 
 int Main(int argc, char** argv) {
@@ -58,10 +78,12 @@ int Main(int argc, char** argv) {
 
   IndexArguments index;
   auto* index_command = app.add_subcommand("index", "Bring stores into the index, or the index up to date");
-  index_command->add_option(
-      "FILE", index.files,
-      "Stores (.pst, .db) or folders of them; mail in files: a maildir, a mailbox (mbox), a message (.eml) "
-      "or a folder of these; without, what is there is looked through again");
+  index_command
+      ->add_option(
+          "FILE", index.files,
+          "Stores (.pst, .db) or folders of them; mail in files: a maildir, a mailbox (mbox), a message (.eml) "
+          "or a folder of these; without, what is there is looked through again")
+      ->check(NotEmpty);
   index_command->add_flag("--demo", index.demo, "Index a demonstration vault");
   index_command->add_flag("--retry", index.retry,
                           "Also ask again for unchanged items that ended the protocol host before");
@@ -100,13 +122,34 @@ int Main(int argc, char** argv) {
 
   DumpArguments dump;
   auto* dump_command = app.add_subcommand("dump", "Write every item as a line of JSON, without an index");
-  dump_command->add_option("FILE", dump.files, "Stores or folders of them; without, all vaults");
+  dump_command->add_option("FILE", dump.files, "Stores or folders of them; without, all vaults")->check(NotEmpty);
   dump_command->add_flag("--chunks", dump.chunks, "With the sequence of chunks");
   dump_command
       ->add_option("--timeout", dump.timeout_seconds, "Seconds without any answer before the protocol host is ended")
       ->check(CLI::Range(1, 86400))
       ->capture_default_str();
   dump_command->callback([&] { command = [&] { return RunDump(environment(), dump); }; });
+
+  WhyArguments why;
+  auto* why_command = app.add_subcommand("why", "Say what became of one item, and why something is not found");
+  why_command->add_option("URL", why.item, "The item's URL, as search or index prints it; or its exact subject")
+      ->required();
+  why_command->add_flag("--json", why.json, "As JSON");
+  why_command->callback([&] { command = [&] { return RunWhy(environment(), why); }; });
+
+  CheckArguments check;
+  auto* check_command = app.add_subcommand("check", "Check filters against the rules that every filter must keep");
+  auto* check_urls = check_command->add_option("URL", check.urls,
+                                               "Items to check; without, one of every kind and class in every vault");
+  auto* check_all = check_command->add_flag("--all", check.all, "Every item of every vault");
+  auto* check_demo = check_command->add_flag("--demo", check.demo, "The demonstration vault");
+  auto* check_class = check_command->add_option("--clsid", check.clsid, "The filter of this class, {…}");
+  auto* check_file = check_command->add_option(
+      "--file", check.file, "The filter of this file's type, or the class of --clsid over this file");
+  for (auto* other : {check_class, check_file}) other->excludes(check_urls)->excludes(check_all)->excludes(check_demo);
+  check_urls->excludes(check_all)->excludes(check_demo);
+  check_command->add_flag("--json", check.json, "The result as JSON");
+  check_command->callback([&] { command = [&] { return RunCheck(environment(), check); }; });
 
   bool vaults_json = false;
   std::vector<std::string> added, removed;
@@ -116,7 +159,7 @@ int Main(int argc, char** argv) {
   auto* list_command = vaults_command->add_subcommand("list", "List the vaults");
   list_command->add_flag("--json", vaults_json, "The list as JSON");
   auto* add_command = vaults_command->add_subcommand("add", "Make vaults of stores without indexing them yet");
-  add_command->add_option("FILE", added, "Stores or folders of them, or mail in files")->required();
+  add_command->add_option("FILE", added, "Stores or folders of them, or mail in files")->required()->check(NotEmpty);
   auto* remove_command = vaults_command->add_subcommand("remove", "Forget vaults and their items; the originals stay");
   remove_command->add_option("NAME", removed, "Names of vaults")->required();
   vaults_command->callback([&] {
@@ -127,21 +170,26 @@ int Main(int argc, char** argv) {
     };
   });
 
-  try {
-    auto words = MarkQueryWords(argc, argv);
-    std::reverse(words.begin(), words.end());  // as CLI11 takes them
-    app.parse(words);
-  } catch (const CLI::ParseError& error) {
-    return app.exit(error, std::cout, std::cerr) == 0 ? kExitOk : kExitUsage;
-  }
-
-  InstallSignalHandlers();
-  LeaveFirstCore();
   const auto fail = [](const std::string& sentence, int code) {
     std::fflush(stdout);
     std::fprintf(stderr, "hoardex: %s\n", PrintableText(sentence).c_str());
     return code;
   };
+  auto words = MarkQueryWords(argc, argv);
+  if (const std::string trouble = CommandTrouble(app, words); !trouble.empty()) return fail(trouble, kExitUsage);
+  try {
+    std::reverse(words.begin(), words.end());  // as CLI11 takes them
+    app.parse(words);
+  } catch (const CLI::ParseError& error) {
+    if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success))
+      return app.exit(error, std::cout, std::cerr), kExitOk;
+    std::string command;
+    for (const CLI::App* chosen : app.get_subcommands()) command = chosen->get_name() + " ";
+    return fail(std::string(error.what()) + ". hoardex " + command + "--help tells more.", kExitUsage);
+  }
+
+  InstallSignalHandlers();
+  LeaveFirstCore();
   try {
     const int code = command();
     // A closed output is the reader's choice; a full disk is not.

@@ -8,7 +8,7 @@
 #include <unordered_set>
 
 #include "index/commands.h"
-#include "index/gatherer.h"
+#include "index/host_items.h"
 #include "index/output.h"
 #include "index/record.h"
 #include "index/text.h"
@@ -18,18 +18,6 @@ namespace hoardex {
 namespace {
 
 using nlohmann::json;
-
-GatherOptions HostOptions(const Environment& environment, bool chunks, int64_t timeout_seconds) {
-  if (environment.host_command.empty()) environment.Require("");
-  GatherOptions options;
-  options.command = environment.host_command;
-  if (chunks) options.command.push_back("--chunks");
-  std::error_code error;
-  std::filesystem::create_directories(environment.home, error);
-  if (!error) options.log = environment.host_log();
-  options.answer_timeout = std::chrono::seconds(timeout_seconds);
-  return options;
-}
 
 // The output took no more. That nobody reads it is no failure; that it is full is one.
 struct OutputClosed {
@@ -118,61 +106,6 @@ class DumpSource : public WorkSource {
   std::chrono::steady_clock::time_point shown_ = std::chrono::steady_clock::now();
 };
 
-// Takes the temporary links away however the dump ends.
-struct TemporaryLinks {
-  VaultFolder& folder;
-  ~TemporaryLinks() { folder.ClearTemporary(); }
-};
-
-// The vault names of the files; files that are no vaults get a temporary link.
-std::set<std::string> LinkFiles(const Environment& environment, const std::vector<std::string>& arguments,
-                                VaultFolder& folder, int64_t* refused) {
-  std::set<std::string> names;
-  int number = 0;
-  for (const auto& file : ExpandFolders(arguments)) {
-    std::error_code error;
-    const auto source = std::filesystem::canonical(file, error);
-    std::string reason = error ? "It cannot be reached: " + error.message() + "." : "";
-    bool known = false;
-    for (const Vault& vault : folder.List()) {
-      if (error || !vault.present || !std::filesystem::equivalent(vault.link, source, error)) continue;
-      names.insert(vault.name);
-      known = true;
-    }
-    if (known) continue;
-    if (reason.empty()) {
-      const VaultInfo info = InspectVault(environment, source);
-      if (!info.opens) reason = info.error;
-    }
-    if (reason.empty()) {
-      names.insert(folder.LinkTemporarily(source, ++number).name);
-      continue;
-    }
-    ++*refused;
-    std::fprintf(stderr, "hoardex: %s is refused: %s\n", OneLine(file.string()).c_str(), OneLine(reason).c_str());
-  }
-  return names;
-}
-
-// One item, kept.
-class SingleSource : public WorkSource {
- public:
-  explicit SingleSource(std::string url) : url_(std::move(url)) {}
-  std::optional<WorkItem> Next() override {
-    if (std::exchange(asked_, true)) return std::nullopt;
-    return WorkItem{1, url_};
-  }
-  void Answered(const WorkItem&, json json_record, const std::string&) override { record = std::move(json_record); }
-  void Lost(const WorkItem&, const std::string& reason) override { lost = reason; }
-
-  json record;
-  std::string lost;
-
- private:
-  std::string url_;
-  bool asked_ = false;
-};
-
 std::string ValueText(const json& value) {
   if (value.is_string()) return OneLine(value.get_ref<const std::string&>());
   if (value.is_object() && value.contains("url"))
@@ -185,13 +118,13 @@ std::string ValueText(const json& value) {
 
 void PrintItem(const json& json_record) {
   const Record record = Record::FromJson(json_record);
-  Table head({"url", OneLine(record.url)});
+  Table head({"url", OneLine(record.url)}, Table::Numbers::kLeft);
   head.Add({"kind", OneLine(json_record.value("kind", std::string("unknown")))});
   if (record.size) head.Add({"size", Grouped(*record.size)});
   if (!record.modified.empty()) head.Add({"modified", OneLine(record.modified)});
   Print(head.Text() + "\n");
 
-  Table table({"chunk", "property", "value"});
+  Table table({"chunk", "property", "value"}, Table::Numbers::kLeft);
   const auto chunks = json_record.find("chunks");
   if (chunks != json_record.end() && chunks->is_array()) {
     for (const json& chunk : *chunks) {
@@ -235,7 +168,9 @@ int RunDump(const Environment& environment, const DumpArguments& arguments) {
   } else if (folder.List().empty()) {
     throw CommandError(kExitUsage, "There is no vault yet. Name stores (hoardex dump mail.pst), or index some first.");
   }
-  Gatherer gatherer(HostOptions(environment, arguments.chunks, arguments.timeout_seconds));
+  std::vector<std::string> words;
+  if (arguments.chunks) words.push_back("--chunks");
+  Gatherer gatherer(HostOptions(environment, words, arguments.timeout_seconds));
   const auto roots = gatherer.Roots();
   if (roots.empty()) throw HostError("The protocol host names no search root.");
   DumpSource source(roots.front(), names);
@@ -253,16 +188,16 @@ int RunShow(const Environment& environment, const ShowArguments& arguments) {
   if (KindOfUrl(arguments.url) == ItemKind::kUnknown) {
     throw CommandError(kExitUsage, "That is no item URL; hoardex search prints one below each hit.");
   }
-  Gatherer gatherer(HostOptions(environment, true, 120));
-  SingleSource source(arguments.url);
-  if (gatherer.Run(source) == GatherResult::kInterrupted) return kExitInterrupted;
-  if (!source.lost.empty()) throw CommandError(kExitFailed, "The item cannot be shown: " + source.lost + ".");
+  Gatherer gatherer(HostOptions(environment, {"--chunks"}, kItemTimeout));
+  const ItemAnswer answer = AskItem(gatherer, arguments.url);
+  if (answer.interrupted) return kExitInterrupted;
+  if (!answer.lost.empty()) throw CommandError(kExitFailed, "The item cannot be shown: " + answer.lost + ".");
   if (arguments.json) {
-    Print(source.record.dump(2, ' ', isatty(STDOUT_FILENO), json::error_handler_t::replace) + "\n");
+    Print(answer.record.dump(2, ' ', isatty(STDOUT_FILENO), json::error_handler_t::replace) + "\n");
   } else {
-    PrintItem(source.record);
+    PrintItem(answer.record);
   }
-  const Record record = Record::FromJson(source.record);
+  const Record record = Record::FromJson(answer.record);
   if (!record.error) return kExitOk;
   throw CommandError(kExitFailed, "The item failed: " + record.error->Describe() + ".");
 }

@@ -45,16 +45,6 @@ struct VaultReport {
   }
 };
 
-void MakeDemo(const Environment& environment) {
-  if (fs::exists(environment.demo_file())) return;
-  fs::path partial = environment.demo_file();
-  partial += ".part";
-  const Captured made = RunAndCapture({environment.Require(environment.mkvault), "--demo", partial.string()});
-  if (made.status != 0)
-    throw CommandError(kExitFailed, "The demonstration vault could not be made: " + OneLine(made.out));
-  fs::rename(partial, environment.demo_file());
-}
-
 // The files become vaults; what is refused is added to `refusals` with its reason.
 void AddVaults(const Environment& environment, const std::vector<fs::path>& files, Store& store, Progress& progress,
                bool quiet, std::vector<Refusal>& refusals) {
@@ -271,8 +261,7 @@ int RunIndex(const Environment& environment, const IndexArguments& arguments) {
   HomeLock lock(environment);
   folder.ClearTemporary();
   if (arguments.demo) {
-    MakeDemo(environment);
-    files.push_back(environment.demo_file());
+    files.push_back(MakeDemo(environment));
   }
 
   Store store(environment.index_file(), Database::Mode::kCreate);

@@ -38,6 +38,19 @@ struct DumpArguments {
 };
 int RunDump(const Environment& environment, const DumpArguments& arguments);
 
+struct CheckArguments {
+  std::vector<std::string> urls;
+  bool all = false, demo = false, json = false;
+  std::string clsid, file;
+};
+int RunCheck(const Environment& environment, const CheckArguments& arguments);
+
+struct WhyArguments {
+  std::string item;
+  bool json = false;
+};
+int RunWhy(const Environment& environment, const WhyArguments& arguments);
+
 int RunVaultsList(const Environment& environment, bool json);
 int RunVaultsAdd(const Environment& environment, const std::vector<std::string>& files);
 int RunVaultsRemove(const Environment& environment, const std::vector<std::string>& names);

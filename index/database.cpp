@@ -1,14 +1,54 @@
 #include "index/database.h"
 
 #include <sqlite3.h>
+#include <unistd.h>
 
 #include "index/tokenizer.h"
 
 namespace hoardex {
 namespace {
 
+// What SQLite's words do not say: what to do.
+struct Advice {
+  int code;
+  const char* sentence;
+};
+constexpr Advice kAdvices[] = {
+    {SQLITE_FULL,
+     "the disk is full. What was written before is whole: make room (or name another folder with HOARDEX_HOME), and "
+     "start hoardex index again; it goes on where it was"},
+    {SQLITE_READONLY, "it cannot be written here; name another folder with HOARDEX_HOME"},
+    {SQLITE_BUSY, "another program holds it; is another hoardex at work?"},
+    {SQLITE_CORRUPT, "the file is damaged; delete it and index again, the stores are untouched"},
+    {SQLITE_NOTADB, "the file is no index; delete it and index again, the stores are untouched"},
+};
+
 [[noreturn]] void Fail(sqlite3* db, std::string_view doing) {
+  const int code = db ? sqlite3_errcode(db) & 0xFF : SQLITE_NOMEM;
+  for (const Advice& advice : kAdvices)
+    if (advice.code == code) throw DatabaseError(advice.sentence);
   throw DatabaseError(std::string(db ? sqlite3_errmsg(db) : "out of memory") + " (" + std::string(doing) + ")");
+}
+
+// SQLite needs to write beside an index even to read it, unless it is told that nobody else does. That is so where the
+// folder cannot be written; a write-ahead log that lies there is then left to SQLite.
+bool IsSealed(const std::filesystem::path& file) {
+  const auto folder = file.parent_path().empty() ? std::filesystem::path(".") : file.parent_path();
+  return access(file.c_str(), R_OK) == 0 && (access(file.c_str(), W_OK) != 0 || access(folder.c_str(), W_OK) != 0);
+}
+
+std::string SealedUri(const std::filesystem::path& file) {
+  std::string uri = "file:";
+  for (const char c : std::filesystem::absolute(file).string()) {
+    if (c == '%' || c == '?' || c == '#') {
+      uri += c == '%' ? "%25" : c == '?' ? "%3f" : "%23";
+    } else {
+      uri += c;
+    }
+  }
+  std::error_code error;
+  const bool log = std::filesystem::file_size(file.string() + "-wal", error) > 0 && !error;
+  return uri + (log ? "?mode=ro" : "?immutable=1");
 }
 
 }  // namespace
@@ -74,8 +114,11 @@ std::string_view Statement::Text(int column) const {
 }
 
 Database::Database(const std::filesystem::path& file, Mode mode) {
-  const int flags = mode == Mode::kReadOnly ? SQLITE_OPEN_READWRITE : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
-  if (sqlite3_open_v2(file.c_str(), &db_, flags, nullptr) != SQLITE_OK) {
+  const bool sealed = mode == Mode::kReadOnly && IsSealed(file);
+  const int flags = sealed                    ? SQLITE_OPEN_READONLY | SQLITE_OPEN_URI
+                    : mode == Mode::kReadOnly ? SQLITE_OPEN_READWRITE
+                                              : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE;
+  if (sqlite3_open_v2(sealed ? SealedUri(file).c_str() : file.c_str(), &db_, flags, nullptr) != SQLITE_OK) {
     const std::string message = db_ ? sqlite3_errmsg(db_) : "out of memory";
     sqlite3_close(db_);
     throw DatabaseError(message + " (" + file.string() + ")");

@@ -12,7 +12,7 @@ struct sqlite3_stmt;
 
 namespace hoardex {
 
-// what() is SQLite's own message with the statement it belongs to.
+// what() says what to do where that is known, else it is SQLite's own message with the statement it belongs to.
 class DatabaseError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
@@ -59,6 +59,7 @@ class Statement {
 
 class Database {
  public:
+  // kReadOnly also reads what lies where nothing can be written.
   enum class Mode { kReadOnly, kCreate };
   Database(const std::filesystem::path& file, Mode mode);
   ~Database();

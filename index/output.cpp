@@ -63,7 +63,7 @@ std::string Table::Text() const {
   const size_t columns = rows_.front().size();
   const auto runs_on = [&](const auto& row, size_t i) { return i + 1 == row.size() && row.size() < columns; };
   std::vector<size_t> widths(columns);
-  std::vector<bool> right(columns, rows_.size() > 1);
+  std::vector<bool> right(columns, numbers_ == Numbers::kRight && rows_.size() > 1);
   for (size_t r = 0; r < rows_.size(); ++r) {
     for (size_t i = 0; i < rows_[r].size(); ++i) {
       const std::string& cell = rows_[r][i];

@@ -27,14 +27,19 @@ class Progress {
   std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
 };
 
-// Columns as wide as their widest cell, columns of numbers set to the right. The first row is the head.
+// Columns as wide as their widest cell. The first row is the head.
 class Table {
  public:
-  explicit Table(std::vector<std::string> head) { rows_.push_back(std::move(head)); }
+  // kRight: columns that hold numbers only are set to the right, to be compared.
+  enum class Numbers { kRight, kLeft };
+  explicit Table(std::vector<std::string> head, Numbers numbers = Numbers::kRight) : numbers_(numbers) {
+    rows_.push_back(std::move(head));
+  }
   void Add(std::vector<std::string> row) { rows_.push_back(std::move(row)); }
   std::string Text() const;
 
  private:
+  const Numbers numbers_;
   std::vector<std::vector<std::string>> rows_;
 };
 

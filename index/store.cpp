@@ -323,6 +323,36 @@ std::vector<FailedItem> Store::Failures() {
   return failures;
 }
 
+std::optional<ItemStatus> Store::StatusOf(const std::string& url) {
+  auto& query = Prepared(
+                    "SELECT state, title, error, link_time, done_time, kinds <> '', run = (SELECT max(id) FROM runs), "
+                    "EXISTS(SELECT 1 FROM queue WHERE item = id) FROM items WHERE url = ?1")
+                    .Bind(url);
+  std::optional<ItemStatus> status;
+  if (query.Step()) {
+    status.emplace();
+    status->state = static_cast<ItemState>(query.Integer(0));
+    status->title = query.String(1);
+    status->error = query.String(2);
+    status->link_time = query.String(3);
+    status->done_time = query.String(4);
+    status->searchable = query.Integer(5) != 0;
+    status->this_run = query.Integer(6) != 0;
+    status->queued = query.Integer(7) != 0;
+  }
+  query.Reset();
+  return status;
+}
+
+std::vector<std::string> Store::WithTitle(const std::string& title, int64_t limit) {
+  std::vector<std::string> urls;
+  auto& rows = Prepared("SELECT url FROM items WHERE kind >= 4 AND title = ?1 COLLATE NOCASE ORDER BY id LIMIT ?2")
+                   .Bind(title, limit);
+  while (rows.Step()) urls.push_back(rows.String(0));
+  rows.Reset();
+  return urls;
+}
+
 std::optional<VaultRow> Store::FindVault(const std::string& name) {
   auto& query = Prepared("SELECT name, source, stamp, info FROM vaults WHERE name = ?1").Bind(name);
   std::optional<VaultRow> row;

@@ -30,6 +30,14 @@ struct FailedItem {
   ItemKind kind = ItemKind::kUnknown;
 };
 
+// What the index knows of one item.
+struct ItemStatus {
+  ItemState state = ItemState::kNew;
+  bool queued = false, searchable = false;
+  bool this_run = false;  // it was asked for in the last run
+  std::string title, error, link_time, done_time;
+};
+
 // What is remembered about a vault between runs; `info` is the text that vaultinfo printed.
 struct VaultRow {
   std::string name, source, stamp, info;
@@ -66,6 +74,10 @@ class Store {
 
   std::map<std::string, VaultCounts> Counts();
   std::vector<FailedItem> Failures();
+
+  std::optional<ItemStatus> StatusOf(const std::string& url);
+  // The messages and attachments with exactly this title, upper and lower case being the same for ASCII; their URLs.
+  std::vector<std::string> WithTitle(const std::string& title, int64_t limit);
 
   std::optional<VaultRow> FindVault(const std::string& name);
   void SaveVault(const VaultRow& row);

@@ -1,6 +1,8 @@
 #include "index/vaults.h"
 
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -217,24 +219,45 @@ bool VaultFolder::Remove(const std::string& name) {
   return vault && fs::remove(vault->link);
 }
 
+std::string VaultFolder::TemporaryOwner() {
+  if (!steady_names_) {
+    FileDescriptor lock(open((environment_.home / "dump.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    if (lock && flock(lock.get(), LOCK_EX | LOCK_NB) == 0) steady_names_ = std::move(lock);
+  }
+  return std::to_string(steady_names_ ? 0 : getpid());
+}
+
 Vault VaultFolder::LinkTemporarily(const fs::path& file, int number) {
   fs::create_directories(environment_.vault_folder());
-  const std::string name = std::string(kTemporary) + std::to_string(getpid()) + "-" + std::to_string(number);
+  const std::string name = std::string(kTemporary) + TemporaryOwner() + "-" + std::to_string(number);
   const fs::path link = environment_.vault_folder() / (name + std::string(kSuffix));
   LinkOrCopy(fs::canonical(file), link);
   return Describe(link);
 }
 
 void VaultFolder::ClearTemporary() {
+  const bool steady = TemporaryOwner() == "0";
   std::error_code error;
   std::vector<fs::path> stale;
   for (const auto& entry : fs::directory_iterator(environment_.vault_folder(), error)) {
     const std::string name = entry.path().filename().string();
     if (!IsTemporaryVault(name)) continue;
     const pid_t owner = static_cast<pid_t>(std::strtol(name.c_str() + kTemporary.size(), nullptr, 10));
-    if (owner == getpid() || (kill(owner, 0) != 0 && errno == ESRCH)) stale.push_back(entry.path());
+    if ((steady && owner == 0) || owner == getpid() || (owner > 0 && kill(owner, 0) != 0 && errno == ESRCH))
+      stale.push_back(entry.path());
   }
   for (const fs::path& path : stale) fs::remove(path, error);
+}
+
+fs::path MakeDemo(const Environment& environment) {
+  if (fs::exists(environment.demo_file())) return environment.demo_file();
+  fs::path partial = environment.demo_file();
+  partial += ".part";
+  const Captured made = RunAndCapture({environment.Require(environment.mkvault), "--demo", partial.string()});
+  if (made.status != 0)
+    throw CommandError(kExitFailed, "The demonstration vault could not be made: " + OneLine(made.out));
+  fs::rename(partial, environment.demo_file());
+  return environment.demo_file();
 }
 
 std::vector<fs::path> ExpandFolders(const std::vector<std::string>& arguments) {

@@ -59,14 +59,21 @@ class VaultFolder {
   // Takes the link (or copy) away; the original stays. False when there is no such vault.
   bool Remove(const std::string& name);
 
-  // A link that no index sees and that lives as long as the process; stale ones of dead processes are cleared.
+  // A link that no index sees and that lives as long as the process; stale ones of dead processes are cleared. One
+  // process at a time has names that are the same in every run, so that what is told of an item can be compared.
   Vault LinkTemporarily(const std::filesystem::path& file, int number);
   void ClearTemporary();
 
  private:
   std::string FreeName(const std::filesystem::path& file) const;
+  // What this process puts between the mark of temporary names and their numbers.
+  std::string TemporaryOwner();
   const Environment& environment_;
+  FileDescriptor steady_names_;  // locked by the one process that has them
 };
+
+// The demonstration store, made when it is not there. Throws CommandError.
+std::filesystem::path MakeDemo(const Environment& environment);
 
 // Every .pst and .db file of folders (not of their sub-folders), the files as they are; in a fixed order.
 std::vector<std::filesystem::path> ExpandFolders(const std::vector<std::string>& arguments);

@@ -31,7 +31,7 @@ Content Read(const std::wstring& extension, const std::string& bytes, ULONG room
   *stream.GetAddressOf() = SHCreateMemStream(reinterpret_cast<const BYTE*>(bytes.data()), static_cast<UINT>(bytes.size()));
   ULONG flags = 0, last_id = 0;
   if (FAILED(filter.As(&persist)) || FAILED(persist->Load(stream.Get())) ||
-      FAILED(filter->Init(0, 0, nullptr, &flags)))
+      FAILED(filter->Init(IFILTER_INIT_APPLY_INDEX_ATTRIBUTES, 0, nullptr, &flags)))
     return content;
   STAT_CHUNK stat;
   std::vector<wchar_t> buffer(room);

@@ -6,6 +6,7 @@
 
 #include <fstream>
 
+#include "index/database.h"
 #include "index/vaults.h"
 #include "support.h"
 
@@ -49,7 +50,11 @@ TEST_F(CliTest, WrongUsageIsTwoAndHelpIsZero) {
                                                                      {"show", "http://x"}}) {
     EXPECT_EQ(Program(arguments).code, 2) << testing::PrintToString(arguments);
   }
-  for (const char* command : {"index", "search", "show", "dump", "vaults"})
+  EXPECT_THAT(Program({}).err, HasSubstr("The commands are index, search"));
+  EXPECT_THAT(Program({"nonsense"}).err, HasSubstr("There is no command \"nonsense\""));
+  EXPECT_THAT(Program({"index", ""}).err, HasSubstr("The name is empty"));
+  EXPECT_EQ(Program({"dump", ""}).code, 2);
+  for (const char* command : {"index", "search", "show", "dump", "vaults", "check", "why"})
     EXPECT_EQ(Program({command, "--help"}).code, 0) << command;
   EXPECT_THAT(Program({"search", "--help"}).out, HasSubstr("has:attachment"));
 }
@@ -169,6 +174,38 @@ TEST_F(CliTest, SearchShowsWhatMatters) {
   EXPECT_EQ(hits["total"], 2);
   EXPECT_EQ(hits["hits"].size(), 1u);
   EXPECT_TRUE(hits["hits"][0]["properties"].contains("System.Subject"));
+}
+
+TEST_F(CliTest, AnIndexIsSearchedWhereNothingCanBeWritten) {
+  IndexBoth();
+  for (const auto& entry : fs::directory_iterator(Home())) {
+    if (entry.is_regular_file()) fs::permissions(entry.path(), fs::perms::owner_read | fs::perms::others_read);
+  }
+  constexpr auto kWalk =
+      fs::perms::owner_read | fs::perms::owner_exec | fs::perms::others_read | fs::perms::others_exec;
+  for (const fs::path& folder : {Home(), scratch_.path()}) fs::permissions(folder, kWalk);
+  // Root may write everywhere, so somebody else looks.
+  const std::string other = geteuid() == 0 ? "setpriv --reuid 65534 --regid 65534 --clear-groups " : "";
+  const auto search = [&](const std::string& word) {
+    const std::string line = other + "env HOARDEX_HOME='" + Home().string() + "' " + getenv("HOARDEX_CLI") +
+                             " search " + word + " | grep -q '[0-9] hit'";
+    return std::system(line.c_str());
+  };
+  EXPECT_EQ(search("lanterns"), 0);
+  EXPECT_NE(search("unheardof"), 0);
+  for (const fs::path& folder : {scratch_.path(), Home()}) fs::permissions(folder, fs::perms::owner_all);
+}
+
+TEST_F(CliTest, AFullDiskIsCalledThat) {
+  Database database(scratch_.path() / "small.sqlite", Database::Mode::kCreate);
+  database.Execute("CREATE TABLE t(x); PRAGMA max_page_count=4");
+  try {
+    database.Execute("INSERT INTO t VALUES(zeroblob(100000))");
+    ADD_FAILURE() << "there was room";
+  } catch (const DatabaseError& error) {
+    EXPECT_THAT(error.what(), HasSubstr("the disk is full"));
+    EXPECT_THAT(error.what(), Not(HasSubstr("INSERT")));
+  }
 }
 
 TEST_F(CliTest, ShowAsksTheHost) {

@@ -1,5 +1,6 @@
 // A protocol host that answers from a script, and misbehaves where the script says so:
-//   {"roots": [...], "items": {url: record}, "log": file, "faults": [{"url": …|"request": n, "times": n, "do": …}]}
+//   {"roots": [...], "items": {url: record}, "checks": {url or "*": record}, "log": file, "faults": [{"url":
+//   …|"request": n, "times": n, "do": …}]}
 // do: die, exit, hang, garble, mute (no answer), kill_parent; "start" in place of a URL means before the first answer.
 // Every request is appended to the log, whose lines also count requests across restarts.
 #include <signal.h>
@@ -37,7 +38,11 @@ bool Misbehave(const std::string& what) {
 int main(int argc, char** argv) {
   if (argc < 2) return 2;
   const json script = json::parse(std::ifstream(argv[1]));
-  const bool chunks = std::string(argv[argc - 1]) == "--chunks";
+  bool chunks = false, check = false;
+  for (int i = 2; i < argc; ++i) {
+    chunks = chunks || std::string(argv[i]) == "--chunks";
+    check = check || std::string(argv[i]) == "--check";
+  }
   const std::string log = script.at("log");
   signal(SIGSEGV, SIG_DFL);
   std::cerr << "fake host: started" << std::endl;
@@ -56,6 +61,13 @@ int main(int argc, char** argv) {
     if (silent) continue;
     if (roots) {
       std::cout << json{{"roots", script.at("roots")}}.dump() << std::endl;
+      continue;
+    }
+    if (check) {
+      const json checks = script.value("checks", json::object());
+      json record = checks.value(url, checks.value("*", json::object()));
+      record["url"] = url;
+      std::cout << record.dump() << std::endl;
       continue;
     }
     const auto item = script.at("items").find(url);

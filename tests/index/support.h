@@ -47,6 +47,9 @@ class Corpus {
   void FaultAtRequest(int number, const std::string& what);
   void ClearFaults() { script_["faults"] = nlohmann::json::array(); }
 
+  // What the host answers when the item (all, for "*") is checked.
+  void SetCheck(const std::string& url, nlohmann::json record) { script_["checks"][url] = std::move(record); }
+
   void Save();
   // The URLs asked for since the last call.
   std::vector<std::string> Requests();
