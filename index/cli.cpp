@@ -146,7 +146,8 @@ int Main(int argc, char** argv) {
   auto* check_class = check_command->add_option("--clsid", check.clsid, "The filter of this class, {…}");
   auto* check_file = check_command->add_option(
       "--file", check.file, "The filter of this file's type, or the class of --clsid over this file");
-  for (auto* other : {check_class, check_file}) other->excludes(check_urls)->excludes(check_all)->excludes(check_demo);
+  for (auto* other : {check_class, check_file})
+    other->check(NotEmpty)->excludes(check_urls)->excludes(check_all)->excludes(check_demo);
   check_urls->excludes(check_all)->excludes(check_demo);
   check_command->add_flag("--json", check.json, "The result as JSON");
   check_command->callback([&] { command = [&] { return RunCheck(environment(), check); }; });

@@ -57,8 +57,14 @@ class Summary {
     const std::string kind = record.value("kind", std::string("unknown"));
     Count(Named(kSurvives), true, url, "");
     const auto error = record.find("error");
-    const bool opens = error == record.end() && record.contains("rules") && record["rules"].is_array();
-    Count(Named(kOpens), opens, url, opens ? "" : Record::FromJson(record).error.value_or(ItemError{}).Describe());
+    const bool checked = error == record.end() && record.contains("rules") && record["rules"].is_array();
+    // Every item has a chunk at least: one without any could not be opened, whatever its filter said.
+    const bool empty = checked && KindOfUrl(url) != ItemKind::kUnknown && record.value("chunks", 1) == 0;
+    const bool opens = checked && !empty;
+    Count(Named(kOpens), opens, url,
+          opens   ? ""
+          : empty ? "no chunk at all"
+                  : Record::FromJson(record).error.value_or(ItemError{}).Describe());
     if (!opens) return;
     for (const json& rule : record["rules"])
       if (rule.is_object()) AddRule(rule, kind, url);
@@ -287,7 +293,9 @@ std::vector<std::string> Pick(const Environment& environment, const std::set<std
 int RunCheck(const Environment& environment, const CheckArguments& arguments) {
   const bool other = !arguments.clsid.empty() || !arguments.file.empty();
   const bool walk = arguments.urls.empty() && !other;
+  RequireUtf8(arguments.file);
   for (const std::string& url : arguments.urls) {
+    RequireUtf8(url);
     if (KindOfUrl(url) == ItemKind::kUnknown)
       throw CommandError(kExitUsage,
                          "\"" + OneLine(url) + "\" is no item URL; hoardex search prints one below each hit.");

@@ -299,9 +299,12 @@ class Explainer {
       return indexed ? "The " + name_ + " can be found, but not read again." : "The " + name_ + " cannot be read.";
     const bool read = facts_.lost.empty() && !(record_.error && Given().empty());
     if (!read) return "The " + name_ + " cannot be read.";
-    const std::string missing = out_.left_out.empty() ? "" : ", but not everything in it";
-    if (IsContainer(facts_.kind)) return "The " + name_ + " can be read" + missing + ".";
-    return "The " + name_ + (indexed ? " can be found" : " can be read, but is not in the index") + missing + ".";
+    const bool whole = out_.left_out.empty(), container = IsContainer(facts_.kind);
+    if (indexed || container)
+      return "The " + name_ + (container ? " can be read" : " can be found") +
+             (whole ? "." : ", but not everything in it.");
+    return "The " + name_ + " can be read, but " + (whole ? "is" : "not everything in it, and it is") +
+           " not in the index.";
   }
 
   const ItemFacts& facts_;

@@ -42,7 +42,17 @@ GatherOptions HostOptions(const Environment& environment, const std::vector<std:
   return options;
 }
 
+void RequireUtf8(const std::string& text) {
+  for (size_t i = 0; i < text.size();) {
+    const size_t first = i;
+    constexpr std::string_view kReplacement = "\xEF\xBF\xBD";
+    if (DecodeUtf8(text, &i) == 0xFFFD && text.compare(first, i - first, kReplacement) != 0)
+      throw CommandError(kExitUsage, "\"" + OneLine(text) + "\" is not UTF-8; the protocol host takes nothing else.");
+  }
+}
+
 ItemAnswer AskItem(Gatherer& gatherer, const std::string& url) {
+  RequireUtf8(url);
   ItemAnswer answer;
   SingleSource source(url, answer);
   answer.interrupted = gatherer.Run(source) == GatherResult::kInterrupted;

@@ -13,6 +13,9 @@ namespace hoardex {
 
 inline constexpr int64_t kItemTimeout = 120;  // seconds that one item may take
 
+// The host's lines are UTF-8: throws CommandError for what is not.
+void RequireUtf8(const std::string& text);
+
 // How to start the host, with these words after its command line. Throws CommandError when no host is named.
 GatherOptions HostOptions(const Environment& environment, const std::vector<std::string>& words,
                           int64_t timeout_seconds);

@@ -76,9 +76,9 @@ void CHoardexFilter::AddAttachmentRow(const TidyRowSet& rows, ULONG i, const Gro
       ZK_LOG(L"CHoardexFilter::GetChunk() -\tIFilter\tnot found for extension\t[%s]", extension.c_str());
     } else if (!record_key || !record_key->Value.bin.cb) {
       ZK_LOG(L"CHoardexFilter::GetChunk() - Attachment key could not be extracted for row [%ld]", i);
-    } else {
-      std::wstring link = url::Child(url::Child(url_, CMapiForWDS::BinaryToText(record_key->Value.bin)),
-                                     name ? name->Value.lpszW : L"");
+    } else if (name && *name->Value.lpszW) {  // without a name the URL would be a folder's
+      std::wstring link =
+          url::Child(url::Child(url_, CMapiForWDS::BinaryToText(record_key->Value.bin)), name->Value.lpszW);
       if (const SPropValue* modified = rows.cell(i, kModified, PR_LAST_MODIFICATION_TIME)) {
         child_urls_.push_back(std::move(link));
         child_times_.push_back(modified->Value.ft);

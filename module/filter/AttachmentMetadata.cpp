@@ -48,7 +48,7 @@ std::wstring Join(SAFEARRAY* array) {
     BSTR raw = nullptr;
     if (FAILED(SafeArrayGetElement(array, &i, &raw))) continue;
     const _bstr_t text(raw, false);
-    if (i > lower) joined += L"; ";
+    if (!joined.empty()) joined += L"; ";
     if (raw) joined += raw;
   }
   return joined;

@@ -45,9 +45,12 @@ constinit const ItemSequence ItemSteps::kOfContainer = {.item = "Vault file or f
                                                         .beyond = nullptr,
                                                         .before_value = TakeFolderOutOfPath};
 
-constinit const ItemSequence::Rule ItemSteps::kVaultFiles = {
-    [](CHoardexFilter& filter) { return filter.NextVaultFile() ? Outcome::kGive : Outcome::kEnd; },
-    "again for each vault file of the user"};
+constinit const ItemSequence::Rule ItemSteps::kVaultFiles = {[](CHoardexFilter& filter) {
+                                                               if (filter.NextVaultFile()) return Outcome::kGive;
+                                                               ++filter.root_step_;
+                                                               return Outcome::kEnd;
+                                                             },
+                                                             "again for each vault file of the user"};
 
 constinit const ItemSequence::Rule ItemSteps::kChildren = {
     [](CHoardexFilter& filter) {

@@ -23,10 +23,15 @@ STDMETHODIMP_(SCODE) CHoardexFilter::GetText(ULONG* count, WCHAR* buffer) {
     ZK_LOG(L"CHoardexFilter::GetText() - Empty buffer input");
     return E_INVALIDARG;
   }
-  if (kind_ == CHoardexURL::kAttachment && inner_filter_) return inner_filter_->GetText(count, buffer);
-  const HRESULT hr =
-      boundary::Guard(kLogSource, __LINE__, L"CHoardexFilter::GetText()", [&] { return NextText(count, buffer); });
-  if (SUCCEEDED(hr)) return hr;
+  // What the attachment's own filter answers is returned as it stands; what it throws ends the text.
+  HRESULT inner = S_OK;
+  const bool forwards = kind_ == CHoardexURL::kAttachment && inner_filter_;
+  const HRESULT hr = boundary::Guard(kLogSource, __LINE__, L"CHoardexFilter::GetText()", [&]() -> HRESULT {
+    if (!forwards) return NextText(count, buffer);
+    inner = inner_filter_->GetText(count, buffer);
+    return S_OK;
+  });
+  if (SUCCEEDED(hr)) return forwards ? inner : hr;
   // Every failure ends the text; nothing is tried again.
   body_stream_.Reset();
   return FILTER_E_NO_MORE_TEXT;

@@ -54,6 +54,8 @@ void DetectWDSGroupPolicy() {
     const LONG read = key.ReadDword(kPreventValue, prevent);
     if (read == ERROR_SUCCESS) {
       policy->prevent_attachments = prevent;
+      // At once: it holds even when the rest cannot be read.
+      Current().store(std::make_shared<const GroupPolicy>(*policy));
       ZK_LOG(L"PreventIndexingEmailAttachments policy is set to %d", prevent);
     } else {
       ZK_LOG(L"PreventIndexingEmailAttachments policy is not configured, errorCode = %ld", read);

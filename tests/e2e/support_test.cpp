@@ -92,6 +92,24 @@ TEST_F(Support, OtherFiltersHaveNoWaivers) {
   EXPECT_EQ(Rule(none, "opens")["result"], "failed") << none;
 }
 
+TEST_F(Support, WhatCannotBeAskedIsRefusedAndWhatIsNotThereFails) {
+  ASSERT_EQ(System::Run({"index", "--demo"}).code, 0);
+  const std::string vault = "zkoffline3x://{S-1-5-21-0-0-0-1000}/default/V:\\Tessary\\demo.db/";
+  const Json absent = Check({vault + "nonsense/"});
+  EXPECT_EQ(Rule(absent, "opens")["result"], "failed") << absent;
+  const fs::path latin = System::home() / "caf\xE9.html";
+  std::ofstream(latin) << "<p>words";
+  for (const std::vector<std::string>& words : std::vector<std::vector<std::string>>{{"check", "--file", latin},
+                                                                                     {"check", "--file", ""},
+                                                                                     {"check", "--clsid", ""},
+                                                                                     {"check", vault + "\xFF.zkm"},
+                                                                                     {"show", vault + "\xFF.zkm"},
+                                                                                     {"why", vault + "\xFF.zkm"}}) {
+    const Result run = System::Run(words);
+    EXPECT_EQ(run.code, 2) << words[0] << " " << words[1] << run.output << run.errors;
+  }
+}
+
 // The group policy that keeps attachments out, while it lives.
 struct BarredAttachments {
   BarredAttachments() : result(Registry("add", " /v PreventIndexingEmailAttachments /t REG_DWORD /d 1")) {}

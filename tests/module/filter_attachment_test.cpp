@@ -45,7 +45,7 @@ TEST_F(Attachments, AreListedWithALinkWhereTheyCanBeRead) {
     const wchar_t* names;
     const char* line;
   } kColumns[] = {
-      {0, 2, L"<absent>", "CHoardexFilter::GetChunk() - Attachment name could not be extracted for row [5]"},
+      {0, 0, L"<absent>", "CHoardexFilter::GetChunk() - Attachment name could not be extracted for row [5]"},
       {1, 0, L"one;two.txt;none;photo.xyz;last.TXT;end.txt",
        "CHoardexFilter::GetChunk() - Attachment key could not be extracted for row [5]"},
       {2, 0, L"one;two.txt;none;photo.xyz;draft.DOC;last.TXT;end.txt",
