@@ -70,7 +70,8 @@ class SharedPlace {
 Supervised RunSupervised(const fs::path& out, const std::function<Said(const fs::path&, const ImportOptions&)>& work,
                          ImportOptions options) {
   fs::path partial = out;
-  partial += "." + std::to_string(getpid());
+  // Ends behind the number: another process's must not begin with it.
+  partial += "." + std::to_string(getpid()) + ".new";
   SharedPlace place;
   options.at = [&](MailPlace now) { *place = now; };
   struct sigaction action = {};
