@@ -209,6 +209,8 @@ Import Imports::Bring(const fs::path& named) {
     WriteFile(notes, report.dump(2, ' ', false, json::error_handler_t::replace) + "\n");
   } catch (const std::system_error& failure) {
     import.error = "It cannot be kept: " + OneLine(failure.what()) + ".";
+    // Without notes it would be swept away later, from under its vault.
+    if (!fs::exists(notes, error)) fs::remove(import.store, error);
     return import;
   }
   return FromNotes(notes);
