@@ -11,7 +11,8 @@
 #include "module/core/resource.h"
 #include "module/mapi/MapiLoader.h"
 #include "module/protocol/HoardexSP.h"
-#include "module/registration/HoardexCommon.h"
+#include "module/registration/DesktopSearch.h"
+#include "module/registration/Exports.h"
 
 namespace {
 
@@ -74,8 +75,7 @@ extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID) {
     }
     ZK_LOG(L"HoardexPH::DllMain() - Finished loading MAPI");
   }
-  // On every attach, of the process and of each thread; a no-op once it has succeeded.
-  if (reason != DLL_PROCESS_DETACH && reason != DLL_THREAD_DETACH) DetectOSVersion();
+  if (reason != DLL_PROCESS_DETACH && reason != DLL_THREAD_DETACH) UpdateRegistryOnAttach();
   return TRUE;
 }
 
@@ -105,6 +105,7 @@ STDAPI DllUnregisterServer() {
   ZK_GUARD(L"HoardexPH::DllUnregisterServer()", [] {
     const HRESULT hr = registrar::Run(registrar::Action::kUnregister, IDR_REGISTRATION, ModulePath());
     UnRegisterTypeLib(module::kTypeLibrary, 1, 0, LOCALE_NEUTRAL, SYS_WIN64);
+    DeleteWDSRegKeyForHX();
     return hr;
   });
 }

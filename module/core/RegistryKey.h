@@ -1,4 +1,4 @@
-// Owner of a registry key handle, with the few reads that the module makes.
+// Owner of a registry key handle, with the few calls that the module makes.
 #pragma once
 
 #include <windows.h>
@@ -43,6 +43,20 @@ class RegistryKey {
     if (type == REG_SZ || type == REG_EXPAND_SZ) return ERROR_SUCCESS;
     buffer[0] = 0;
     return ERROR_INVALID_DATATYPE;
+  }
+  LONG WriteDword(const wchar_t* name, DWORD value) const {
+    return RegSetValueExW(key_, name, 0, REG_DWORD, reinterpret_cast<const BYTE*>(&value), sizeof(value));
+  }
+  LONG WriteString(const wchar_t* name, const std::wstring& value) const {
+    return RegSetValueExW(key_, name, 0, REG_SZ, reinterpret_cast<const BYTE*>(value.c_str()),
+                          static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t)));
+  }
+  // Neither values nor subkeys; false when that cannot be told.
+  bool IsEmpty() const {
+    DWORD subkeys = 0, values = 0;
+    return RegQueryInfoKeyW(key_, nullptr, nullptr, nullptr, &subkeys, nullptr, nullptr, &values, nullptr, nullptr,
+                            nullptr, nullptr) == ERROR_SUCCESS &&
+           !subkeys && !values;
   }
   HKEY get() const { return key_; }
 
