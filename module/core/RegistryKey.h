@@ -18,9 +18,12 @@ class RegistryKey {
     Close();
     return RegOpenKeyExW(parent, path, 0, access, &key_);
   }
-  LONG Create(HKEY parent, const wchar_t* path, REGSAM access = KEY_ALL_ACCESS) {
+  LONG Create(HKEY parent, const wchar_t* path, REGSAM access = KEY_ALL_ACCESS, bool* made = nullptr) {
     Close();
-    return RegCreateKeyExW(parent, path, 0, nullptr, 0, access, nullptr, &key_, nullptr);
+    DWORD disposition = 0;
+    const LONG error = RegCreateKeyExW(parent, path, 0, nullptr, 0, access, nullptr, &key_, &disposition);
+    if (made) *made = error == ERROR_SUCCESS && disposition == REG_CREATED_NEW_KEY;
+    return error;
   }
   LONG ReadDword(const wchar_t* name, DWORD& value) const {
     DWORD type = 0, data = 0, size = sizeof(data);
