@@ -44,7 +44,8 @@ std::string Register() {
   const std::string module = std::string(WINDOWS_BUILD) + "/module/HoardexPH.dll";
   const std::string provider = std::string(WINDOWS_BUILD) + "/provider/HoardexMapi.dll";
   const std::string host = std::string(WINDOWS_BUILD) + "/host/HoardexHost.exe";
-  for (const std::string& file : {module, provider, host})
+  const std::string index = std::string(WINDOWS_BUILD) + "/winindex/HoardexIndex.dll";
+  for (const std::string& file : {module, provider, host, index})
     if (!fs::exists(file)) return file + " is not built";
   if (Shell("command -v wine").code) return "Wine is not installed";
   setenv("WINEPREFIX", Prefix().c_str(), 1);
@@ -67,7 +68,9 @@ std::string Register() {
       "wine reg add 'HKLM\\Software\\Clients\\Mail\\Microsoft Outlook' /v DLLPathEx /d " +
           Quote(WindowsPath(provider)) + " /f",
       "wine reg add 'HKCU\\SOFTWARE\\Trelmo\\Zarnak\\Client\\Tessary' /v HXRootDirectory /d 'V:\\' /f",
+      "wine regsvr32 /s " + Quote(WindowsPath(index)),
       "wine regsvr32 /s " + Quote(WindowsPath(module)),
+      "wine rundll32 " + Quote(WindowsPath(module) + ",ZKHoardexAddProtocol"),
   };
   for (const std::string& command : commands)
     if (const Result done = Shell(command); done.code) return command + ": " + done.output + done.errors;
