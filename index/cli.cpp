@@ -69,7 +69,8 @@ int Main(int argc, char** argv) {
   app.require_subcommand(1);
   app.set_help_all_flag("--help-all", "Help of all commands");
   app.footer(
-      "The launcher knows more: test (builds and runs all tests), bench FILE… (speed beside other readers), fuzz "
+      "The launcher knows more: setup (makes everything ready; --remove takes it back), test (builds and runs all "
+      "tests), bench FILE… (speed beside other readers), fuzz "
       "(looks "
       "for input that the readers cannot bear) and mkvault (makes stores to try it with).");
   std::function<int()> command;
@@ -151,6 +152,14 @@ int Main(int argc, char** argv) {
   check_urls->excludes(check_all)->excludes(check_demo);
   check_command->add_flag("--json", check.json, "The result as JSON");
   check_command->callback([&] { command = [&] { return RunCheck(environment(), check); }; });
+
+  DoctorArguments doctor;
+  auto* doctor_command = app.add_subcommand("doctor", "Say whether all is well, what is wrong and what to do");
+  doctor_command->add_flag(
+      "--fix", doctor.fix,
+      "Repair what is hoardex's own: registration, drives, leftovers, an index that cannot be read");
+  doctor_command->add_flag("--json", doctor.json, "The checks as JSON");
+  doctor_command->callback([&] { command = [&] { return RunDoctor(environment(), doctor); }; });
 
   bool vaults_json = false;
   std::vector<std::string> added, removed;

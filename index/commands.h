@@ -51,6 +51,11 @@ struct WhyArguments {
 };
 int RunWhy(const Environment& environment, const WhyArguments& arguments);
 
+struct DoctorArguments {
+  bool fix = false, json = false;
+};
+int RunDoctor(const Environment& environment, const DoctorArguments& arguments);
+
 int RunVaultsList(const Environment& environment, bool json);
 int RunVaultsAdd(const Environment& environment, const std::vector<std::string>& files);
 int RunVaultsRemove(const Environment& environment, const std::vector<std::string>& names);

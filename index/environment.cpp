@@ -34,6 +34,12 @@ Environment Environment::FromProcess() {
   environment.host_command = SplitCommand(Variable("HOARDEX_HOST"));
   environment.vaultinfo = Variable("HOARDEX_VAULTINFO");
   environment.mkvault = Variable("HOARDEX_MKVAULT");
+  environment.rundll = SplitCommand(Variable("HOARDEX_RUNDLL"));
+  environment.module = Variable("HOARDEX_MODULE");
+  environment.provider = Variable("HOARDEX_PROVIDER");
+  environment.stand_in = Variable("HOARDEX_STAND_IN");
+  environment.prefix = Variable("WINEPREFIX");
+  if (environment.prefix.empty()) environment.prefix = environment.home / "prefix";
   return environment;
 }
 
