@@ -3,7 +3,10 @@
 
 #include <olectl.h>
 
+#include <wrl/client.h>
+
 #include <new>
+#include <utility>
 
 #include "module/core/Boundary.h"
 #include "module/core/ComObject.h"
@@ -11,7 +14,8 @@
 #include "module/core/resource.h"
 #include "module/mapi/MapiLoader.h"
 #include "module/protocol/HoardexSP.h"
-#include "module/registration/HoardexCommon.h"
+#include "module/registration/DesktopSearch.h"
+#include "module/registration/Exports.h"
 
 namespace {
 
@@ -44,12 +48,20 @@ std::wstring ModulePath() {
   }
 }
 
-HRESULT RegisterTypeLibrary() {
-  ITypeLib* library = nullptr;
-  const std::wstring path = ModulePath();
-  const HRESULT hr = LoadTypeLibEx(path.c_str(), REGKIND_REGISTER, &library);
-  if (library) library->Release();
-  return hr;
+// The system's function writes the library's keys; what it has written of them when it fails is taken back.
+HRESULT RegisterTypeLibrary(RegistryUndo& undo) {
+  for (const auto& [parent, id] : {std::pair{L"TypeLib", module::kTypeLibrary},
+                                   {L"Interface", __uuidof(IHoardexSP)},
+                                   {L"Interface", __uuidof(IHoardexNotify)}}) {
+    wchar_t text[40] = {};
+    StringFromGUID2(id, text, 40);
+    RegistryKey key;
+    LONG error = undo.OpenOrCreate(HKEY_CLASSES_ROOT, parent, KEY_READ, key);
+    if (error == ERROR_SUCCESS) error = undo.Remember(HKEY_CLASSES_ROOT, std::wstring(parent) + L"\\" + text);
+    if (error != ERROR_SUCCESS) return HRESULT_FROM_WIN32(error);
+  }
+  Microsoft::WRL::ComPtr<ITypeLib> library;
+  return LoadTypeLibEx(ModulePath().c_str(), REGKIND_REGISTER, &library);
 }
 
 }  // namespace
@@ -74,8 +86,7 @@ extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID) {
     }
     ZK_LOG(L"HoardexPH::DllMain() - Finished loading MAPI");
   }
-  // On every attach, of the process and of each thread; a no-op once it has succeeded.
-  if (reason != DLL_PROCESS_DETACH && reason != DLL_THREAD_DETACH) DetectOSVersion();
+  if (reason != DLL_PROCESS_DETACH && reason != DLL_THREAD_DETACH) UpdateRegistryOnAttach();
   return TRUE;
 }
 
@@ -96,15 +107,19 @@ STDAPI DllCanUnloadNow() {
 
 STDAPI DllRegisterServer() {
   ZK_GUARD(L"HoardexPH::DllRegisterServer()", [] {
-    const HRESULT hr = registrar::Run(registrar::Action::kRegister, IDR_REGISTRATION, ModulePath());
-    return FAILED(hr) ? hr : RegisterTypeLibrary();
+    RegistryUndo undo;
+    HRESULT hr = registrar::Register(IDR_REGISTRATION, ModulePath(), undo);
+    if (SUCCEEDED(hr)) hr = RegisterTypeLibrary(undo);
+    if (SUCCEEDED(hr)) undo.Keep();
+    return hr;
   });
 }
 
 STDAPI DllUnregisterServer() {
   ZK_GUARD(L"HoardexPH::DllUnregisterServer()", [] {
-    const HRESULT hr = registrar::Run(registrar::Action::kUnregister, IDR_REGISTRATION, ModulePath());
+    const HRESULT hr = registrar::Unregister(IDR_REGISTRATION, ModulePath());
     UnRegisterTypeLib(module::kTypeLibrary, 1, 0, LOCALE_NEUTRAL, SYS_WIN64);
+    DeleteWDSRegKeyForHX();
     return hr;
   });
 }

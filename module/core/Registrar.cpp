@@ -157,22 +157,19 @@ void Substitute(std::vector<Key>& keys, const std::wstring& module_path) {
   }
 }
 
-LONG Write(const Key& key) {
-  RegistryKey handle;
+LONG Write(const Key& key, RegistryUndo& undo) {
   // A shared key in which nothing is written may be one that only administrators of the system may write.
   const bool written = !key.values.empty() || key.removal != Removal::kNever;
-  LONG error = handle.Open(key.hive, key.path.c_str(), written ? KEY_READ | KEY_WRITE : KEY_READ);
-  if (error == ERROR_FILE_NOT_FOUND) error = handle.Create(key.hive, key.path.c_str(), KEY_READ | KEY_WRITE);
+  RegistryKey handle;
+  LONG error = undo.OpenOrCreate(key.hive, key.path, written ? KEY_READ | KEY_WRITE : KEY_READ, handle);
   for (const Value& value : key.values) {
     if (error != ERROR_SUCCESS) break;
     const wchar_t* name = value.name.empty() ? nullptr : value.name.c_str();
-    if (value.type == REG_DWORD) {
-      const DWORD number = wcstoul(value.text.c_str(), nullptr, 0);
-      error = RegSetValueExW(handle.get(), name, 0, REG_DWORD, reinterpret_cast<const BYTE*>(&number), sizeof(number));
-    } else {
-      error = RegSetValueExW(handle.get(), name, 0, REG_SZ, reinterpret_cast<const BYTE*>(value.text.c_str()),
-                             static_cast<DWORD>((value.text.size() + 1) * sizeof(wchar_t)));
-    }
+    const DWORD number = wcstoul(value.text.c_str(), nullptr, 0);
+    error = value.type == REG_DWORD
+                ? undo.SetValue(key.hive, key.path, handle, name, REG_DWORD, &number, sizeof(number))
+                : undo.SetValue(key.hive, key.path, handle, name, REG_SZ, value.text.c_str(),
+                                static_cast<DWORD>((value.text.size() + 1) * sizeof(wchar_t)));
   }
   return error;
 }
@@ -188,26 +185,39 @@ LONG Remove(const Key& key) {
     const LONG deleted = RegDeleteValueW(handle.get(), value.name.empty() ? nullptr : value.name.c_str());
     if (deleted != ERROR_SUCCESS && deleted != ERROR_FILE_NOT_FOUND) error = deleted;
   }
-  if (key.removal == Removal::kIfEmpty) RegDeleteKeyW(key.hive, key.path.c_str());
+  if (error == ERROR_SUCCESS && key.removal == Removal::kIfEmpty && handle.IsEmpty())
+    error = RegDeleteKeyW(key.hive, key.path.c_str());
   return error;
+}
+
+HRESULT Load(UINT resource, const std::wstring& module_path, std::vector<Key>& keys) {
+  const auto script = LoadScript(resource);
+  if (!script || module_path.empty() || !Parse(*script, keys)) return kBadScript;
+  Substitute(keys, module_path);
+  return S_OK;
 }
 
 }  // namespace
 
-HRESULT Run(Action action, UINT resource, const std::wstring& module_path) {
-  const auto script = LoadScript(resource);
+HRESULT Register(UINT resource, const std::wstring& module_path, RegistryUndo& undo) {
   std::vector<Key> keys;
-  if (!script || module_path.empty() || !Parse(*script, keys)) return kBadScript;
-  Substitute(keys, module_path);
+  const HRESULT hr = Load(resource, module_path, keys);
+  if (FAILED(hr)) return hr;
+  for (const Key& key : keys) {
+    const LONG error = Write(key, undo);
+    if (error != ERROR_SUCCESS) return HRESULT_FROM_WIN32(error);
+  }
+  return S_OK;
+}
+
+HRESULT Unregister(UINT resource, const std::wstring& module_path) {
+  std::vector<Key> keys;
+  const HRESULT hr = Load(resource, module_path, keys);
+  if (FAILED(hr)) return hr;
   LONG first = ERROR_SUCCESS;
-  if (action == Action::kRegister) {
-    for (const Key& key : keys)
-      if ((first = Write(key)) != ERROR_SUCCESS) break;
-  } else {
-    for (auto key = keys.rbegin(); key != keys.rend(); ++key) {
-      const LONG error = Remove(*key);
-      if (error != ERROR_SUCCESS && error != ERROR_FILE_NOT_FOUND && first == ERROR_SUCCESS) first = error;
-    }
+  for (auto key = keys.rbegin(); key != keys.rend(); ++key) {
+    const LONG error = Remove(*key);
+    if (error != ERROR_FILE_NOT_FOUND && first == ERROR_SUCCESS) first = error;
   }
   return HRESULT_FROM_WIN32(first);
 }

@@ -11,12 +11,15 @@
 
 #include <string>
 
+#include "module/core/RegistryUndo.h"
+
 namespace registrar {
 
-enum class Action { kRegister, kUnregister };
+// Registers by script `resource` of this module, parents first. The first failure ends it and is returned; what was
+// done until then is for `undo` to take back. A script that cannot be read is DISP_E_EXCEPTION.
+HRESULT Register(UINT resource, const std::wstring& module_path, RegistryUndo& undo);
 
-// Runs script `resource` of this module. Stops at the first failure of a registration; unregistration goes on and
-// reports the first failure. A script that cannot be read is DISP_E_EXCEPTION.
-HRESULT Run(Action action, UINT resource, const std::wstring& module_path);
+// Walks the same script backwards. Goes on after a failure and reports the first; what is gone already is none.
+HRESULT Unregister(UINT resource, const std::wstring& module_path);
 
 }  // namespace registrar

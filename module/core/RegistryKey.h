@@ -1,4 +1,4 @@
-// Owner of a registry key handle, with the few reads that the module makes.
+// Owner of a registry key handle, with the few calls that the module makes.
 #pragma once
 
 #include <windows.h>
@@ -18,9 +18,12 @@ class RegistryKey {
     Close();
     return RegOpenKeyExW(parent, path, 0, access, &key_);
   }
-  LONG Create(HKEY parent, const wchar_t* path, REGSAM access = KEY_ALL_ACCESS) {
+  LONG Create(HKEY parent, const wchar_t* path, REGSAM access = KEY_ALL_ACCESS, bool* made = nullptr) {
     Close();
-    return RegCreateKeyExW(parent, path, 0, nullptr, 0, access, nullptr, &key_, nullptr);
+    DWORD disposition = 0;
+    const LONG error = RegCreateKeyExW(parent, path, 0, nullptr, 0, access, nullptr, &key_, &disposition);
+    if (made) *made = error == ERROR_SUCCESS && disposition == REG_CREATED_NEW_KEY;
+    return error;
   }
   LONG ReadDword(const wchar_t* name, DWORD& value) const {
     DWORD type = 0, data = 0, size = sizeof(data);
@@ -43,6 +46,20 @@ class RegistryKey {
     if (type == REG_SZ || type == REG_EXPAND_SZ) return ERROR_SUCCESS;
     buffer[0] = 0;
     return ERROR_INVALID_DATATYPE;
+  }
+  LONG WriteDword(const wchar_t* name, DWORD value) const {
+    return RegSetValueExW(key_, name, 0, REG_DWORD, reinterpret_cast<const BYTE*>(&value), sizeof(value));
+  }
+  LONG WriteString(const wchar_t* name, const std::wstring& value) const {
+    return RegSetValueExW(key_, name, 0, REG_SZ, reinterpret_cast<const BYTE*>(value.c_str()),
+                          static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t)));
+  }
+  // Neither values nor subkeys; false when that cannot be told.
+  bool IsEmpty() const {
+    DWORD subkeys = 0, values = 0;
+    return RegQueryInfoKeyW(key_, nullptr, nullptr, nullptr, &subkeys, nullptr, nullptr, &values, nullptr, nullptr,
+                            nullptr, nullptr) == ERROR_SUCCESS &&
+           !subkeys && !values;
   }
   HKEY get() const { return key_; }
 

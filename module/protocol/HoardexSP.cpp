@@ -10,6 +10,7 @@
 #include "module/core/HoardexURL.h"
 #include "module/mapi/MapiForWDS.h"
 #include "module/protocol/UrlAccessor.h"
+#include "module/shell/ChangeNotification.h"
 #include "module/shell/GroupPolicy.h"
 
 namespace {
@@ -52,6 +53,8 @@ STDMETHODIMP CHoardexSP::InnerUnknown::QueryInterface(REFIID iid, void** object)
     *object = static_cast<ISearchProtocol*>(&owner_);
   } else if (iid == __uuidof(IHoardexSP) || iid == IID_IDispatch) {
     *object = static_cast<IHoardexSP*>(&owner_);
+  } else if (iid == __uuidof(IHoardexNotify)) {
+    *object = static_cast<IHoardexNotify*>(&owner_);
   } else {
     return E_NOINTERFACE;
   }
@@ -157,6 +160,33 @@ int CHoardexSP::DeleteAppDataFolder() {
            result);
   ZK_LOG(L"CHoardexSP::DeleteAppDataFolder() - Exit");
   return result;
+}
+
+namespace {
+
+HRESULT Notify(LPCWSTR path, SEARCH_KIND_OF_CHANGE change) {
+  ZK_GUARD(L"CHoardexSP::ProcessHXItem()", [&] { return ProcessHXItem(path, change, SEARCH_NORMAL_PRIORITY); });
+}
+
+}  // namespace
+
+STDMETHODIMP CHoardexSP::VaultDeleted(LPCWSTR path) {
+  return Notify(path, SEARCH_CHANGE_DELETE);
+}
+STDMETHODIMP CHoardexSP::VaultAdded(LPCWSTR path) {
+  return Notify(path, SEARCH_CHANGE_ADD);
+}
+STDMETHODIMP CHoardexSP::VaultModified(LPCWSTR path) {
+  return Notify(path, SEARCH_CHANGE_MODIFY);
+}
+STDMETHODIMP CHoardexSP::AllVaultsDeleted() {
+  return Notify(nullptr, SEARCH_CHANGE_DELETE);
+}
+STDMETHODIMP CHoardexSP::AllVaultsAdded() {
+  return Notify(nullptr, SEARCH_CHANGE_ADD);
+}
+STDMETHODIMP CHoardexSP::AllVaultsModified() {
+  return Notify(nullptr, SEARCH_CHANGE_MODIFY);
 }
 
 namespace {

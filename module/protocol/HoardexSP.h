@@ -5,6 +5,7 @@
 
 #include <wrl/client.h>
 
+#include "include/HoardexPH.h"
 #include "module/core/IHoardexSP.h"
 #include "platform/searchapi.h"
 
@@ -12,7 +13,7 @@
 HRESULT CreateHoardexSP(IUnknown* outer, REFIID iid, void** object);
 
 // Any thread. Its only state is the site; the vault sessions that Init and ShutDown release are the process's.
-class CHoardexSP final : public ISearchProtocol, public IHoardexSP {
+class CHoardexSP final : public ISearchProtocol, public IHoardexSP, public IHoardexNotify {
  public:
   explicit CHoardexSP(IUnknown* outer);
   CHoardexSP(const CHoardexSP&) = delete;
@@ -32,6 +33,14 @@ class CHoardexSP final : public ISearchProtocol, public IHoardexSP {
                               ITEM_INFO* item, IUrlAccessor** accessor) override;
   STDMETHODIMP CloseAccessor(IUrlAccessor* accessor) override;
   STDMETHODIMP ShutDown() override;
+
+  // IHoardexNotify
+  STDMETHODIMP VaultDeleted(LPCWSTR path) override;
+  STDMETHODIMP VaultAdded(LPCWSTR path) override;
+  STDMETHODIMP VaultModified(LPCWSTR path) override;
+  STDMETHODIMP AllVaultsDeleted() override;
+  STDMETHODIMP AllVaultsAdded() override;
+  STDMETHODIMP AllVaultsModified() override;
 
   // IDispatch, through the module's type library
   STDMETHODIMP GetTypeInfoCount(UINT* count) override;

@@ -4,7 +4,10 @@
 
 #include <atomic>
 
+#include "module/core/RegistryKey.h"
 #include "module/core/SCLog.h"
+#include "module/core/Text.h"
+#include "module/core/resource.h"
 
 namespace {
 
@@ -30,17 +33,27 @@ constexpr Rule kRules[] = {
     {5, 2, false, false, nullptr, L"DetectOSVersion() - Windows Server 2003 detected"},
 };
 
+struct ItemType {
+  const wchar_t* name;  // the key
+  UINT display_name;    // the string resource
+};
+constexpr ItemType kItemTypes[] = {
+    {L"MAPI/ZK.Message", IDS_TYPE_MESSAGE}, {L"MAPI/ZK.Appointment", IDS_TYPE_APPOINTMENT},
+    {L"MAPI/ZK.Task", IDS_TYPE_TASK},       {L"MAPI/ZK.Contact", IDS_TYPE_CONTACT},
+    {L"MAPI/ZK.Note", IDS_TYPE_NOTE},
+};
+constexpr wchar_t kFriendlyName[] = L"FriendlyTypeName";
+
 }  // namespace
 
-void DetectOSVersion() {
-  if (g_detected) return;
+bool DetectOSVersion() {
+  if (g_detected) return true;
   OSVERSIONINFOEXW version = {};
   version.dwOSVersionInfoSize = sizeof(version);
   if (!GetVersionExW(reinterpret_cast<OSVERSIONINFOW*>(&version))) {
     ZK_LOG(L"DetectOSVersion() - GetVersionEx failed, errorCode: %d", GetLastError());
-    return;
+    return false;
   }
-  g_detected = true;
   const bool workstation = version.wProductType == VER_NT_WORKSTATION;
   ZK_LOG(L"DetectOSVersion() - MajorVer = %d, MinorVer = %d, Type = %s", version.dwMajorVersion, version.dwMinorVersion,
          workstation ? L"WORKSTATION" : L"SERVER");
@@ -50,8 +63,11 @@ void DetectOSVersion() {
     if (!major || !minor || rule.workstation != workstation) continue;
     if (rule.flag) *rule.flag = true;
     ZK_LOG(L"%s", rule.line);
-    return;
+    break;
   }
+  // Last: whoever finds it set finds the flags.
+  g_detected = true;
+  return true;
 }
 
 bool IsVistaOrLater() {
@@ -59,4 +75,39 @@ bool IsVistaOrLater() {
 }
 bool IsServer2008OrLater() {
   return g_server2008;
+}
+
+void UpdateTYItemTypeInReg() {
+  for (const ItemType& type : kItemTypes) {
+    const std::wstring display_name = text::Resource(type.display_name);
+    RegistryKey key;
+    LONG error = key.Open(HKEY_CLASSES_ROOT, type.name, KEY_READ | KEY_WRITE);
+    if (error != ERROR_SUCCESS) error = key.Create(HKEY_CLASSES_ROOT, type.name);
+    if (error != ERROR_SUCCESS) {
+      ZK_LOG(L"UpdateTYItemTypeInReg() - Failed to access %s registry key under HKEY_CLASSES_ROOT, errorCode = %ld",
+             type.name, error);
+      continue;
+    }
+    ZK_LOG(L"UpdateTYItemTypeInReg() --- TY ItemType [%s] ---", type.name);
+    if (display_name.empty()) continue;
+    error = key.WriteString(kFriendlyName, display_name);
+    ZK_LOG(L"UpdateTYItemTypeInReg() Set '%s' registry value, returnCode = %ld", kFriendlyName, error);
+  }
+}
+
+void RemoveTYItemTypeFromReg() {
+  for (const ItemType& type : kItemTypes) {
+    RegistryKey key;
+    LONG error = key.Open(HKEY_CLASSES_ROOT, type.name, KEY_READ | KEY_WRITE);
+    if (error == ERROR_FILE_NOT_FOUND) continue;
+    wchar_t name[256] = {};
+    // A name that another product has put there stays.
+    if (error == ERROR_SUCCESS && key.ReadString(kFriendlyName, name) == ERROR_SUCCESS &&
+        text::Resource(type.display_name) == name)
+      error = RegDeleteValueW(key.get(), kFriendlyName);
+    if (error == ERROR_SUCCESS && key.IsEmpty()) error = RegDeleteKeyW(HKEY_CLASSES_ROOT, type.name);
+    if (error != ERROR_SUCCESS)
+      ZK_LOG(L"DeleteWDSRegKeyForHX() - Failed to clear %s registry key under HKEY_CLASSES_ROOT, errorCode = %ld",
+             type.name, error);
+  }
 }

@@ -1,9 +1,15 @@
-// Which Windows the module runs on.
+// Which Windows the module runs on, and the names of the item types.
 #pragma once
 
-// Classifies the running Windows once and keeps the flags; until it has succeeded both are false.
-void DetectOSVersion();
+// Classifies the running Windows once and keeps the flags; until it has succeeded both are false. Returns whether it
+// has.
+bool DetectOSVersion();
 
 // Major version 6 or later on a workstation, or on a server.
 bool IsVistaOrLater();
 bool IsServer2008OrLater();
+
+// Writes the display names of the item types under HKEY_CLASSES_ROOT, or takes them away again, each with its key if
+// nothing else is in it. What the registry refuses is only logged.
+void UpdateTYItemTypeInReg();
+void RemoveTYItemTypeFromReg();

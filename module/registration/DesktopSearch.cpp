@@ -1,0 +1,122 @@
+#include "module/registration/DesktopSearch.h"
+
+#include <atomic>
+#include <string>
+
+#include "module/core/Boundary.h"
+#include "module/core/RegistryKey.h"
+#include "module/core/Text.h"
+#include "module/core/resource.h"
+#include "module/registration/HoardexCommon.h"
+#include "module/registration/SearchRoot.h"
+
+namespace {
+
+constexpr wchar_t kLogSource[] = L".\\HoardexPH";
+constexpr wchar_t kLocationsKey[] = L"Software\\Microsoft\\Windows Desktop Search\\DS\\Views\\Locations";
+
+struct LocationNumber {
+  const wchar_t* name;
+  DWORD value;
+};
+constexpr LocationNumber kNumbersBeforePosition[] = {
+    {L"Type", 0}, {L"ItemStore", 0x30000001}, {L"TypeFilter", 0x10000}};
+constexpr LocationNumber kNumbersAfterPosition[] = {{L"Indent", 0}, {L"Separator", 0}, {L"Visible", 1}};
+constexpr wchar_t kLocationIcon[] = L"MSNLExtRes.dll,-160";
+
+std::wstring LocationKey() {
+  return std::wstring(kLocationsKey) + L"\\" + text::Resource(IDS_TESSARY);
+}
+
+// Without the flags of either later system, the search is Windows Desktop Search, which shows the locations.
+bool OlderGeneration() {
+  return !IsVistaOrLater() && !IsServer2008OrLater();
+}
+
+// How many locations there are; where there is no list yet, none.
+LONG CountLocations(DWORD& count) {
+  count = 0;
+  RegistryKey locations;
+  const LONG opened = locations.Open(HKEY_LOCAL_MACHINE, kLocationsKey);
+  if (opened == ERROR_FILE_NOT_FOUND) return ERROR_SUCCESS;
+  if (opened != ERROR_SUCCESS) return opened;
+  for (;; ++count) {
+    wchar_t name[256];
+    DWORD length = 256;
+    const LONG error = RegEnumKeyExW(locations.get(), count, name, &length, nullptr, nullptr, nullptr, nullptr);
+    if (error == ERROR_NO_MORE_ITEMS) return ERROR_SUCCESS;
+    if (error != ERROR_SUCCESS) return error;
+  }
+}
+
+LONG WriteLocation(const RegistryKey& key, DWORD position) {
+  LONG error = ERROR_SUCCESS;
+  const auto number = [&](const LocationNumber& row) {
+    if (error == ERROR_SUCCESS) error = key.WriteDword(row.name, row.value);
+  };
+  const auto string = [&](const wchar_t* name, const std::wstring& value) {
+    if (error == ERROR_SUCCESS) error = key.WriteString(name, value);
+  };
+  const std::wstring title = text::Resource(IDS_TESSARY);
+  for (const LocationNumber& row : kNumbersBeforePosition) number(row);
+  number({L"Position", position});
+  for (const LocationNumber& row : kNumbersAfterPosition) number(row);
+  string(L"Title", title);
+  string(L"Icon", kLocationIcon);
+  string(L"Value", L"under:\"" + title + L"\"");
+  return error;
+}
+
+// Adds the module's location behind those that are there, unless it has one.
+void AddLocation() {
+  const std::wstring path = LocationKey();
+  RegistryKey key;
+  if (key.Open(HKEY_LOCAL_MACHINE, path.c_str()) == ERROR_SUCCESS) return;
+  DWORD position = 0;
+  LONG error = CountLocations(position);
+  if (error == ERROR_SUCCESS) error = key.Create(HKEY_LOCAL_MACHINE, path.c_str());
+  if (error == ERROR_SUCCESS) {
+    error = WriteLocation(key, position);
+    // Half an entry would be taken for a whole one the next time.
+    if (error != ERROR_SUCCESS) RegDeleteTreeW(HKEY_LOCAL_MACHINE, path.c_str());
+  }
+  if (error != ERROR_SUCCESS)
+    ZK_LOG(L"UpdateWDSRegKeyForHX() - Adding the registry key HKLM\\%s failed, errorCode = %ld", path.c_str(), error);
+}
+
+void RemoveLocation() {
+  const std::wstring path = LocationKey();
+  const LONG error = RegDeleteTreeW(HKEY_LOCAL_MACHINE, path.c_str());
+  if (error != ERROR_SUCCESS && error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND)
+    ZK_LOG(L"DeleteWDSRegKeyForHX() - Removing the registry key HKLM\\%s failed, errorCode = %ld", path.c_str(), error);
+}
+
+// The part of the update that touches the registry alone. Returns whether the system is known.
+bool UpdateRegistry() {
+  const bool known = DetectOSVersion();
+  UpdateTYItemTypeInReg();
+  if (known && OlderGeneration()) AddLocation();
+  return known;
+}
+
+}  // namespace
+
+void UpdateRegistryOnAttach() {
+  static constinit std::atomic<bool> done = false;
+  if (done) return;
+  boundary::Guard(kLogSource, __LINE__, L"UpdateWDSRegKeyForHX()", [] {
+    if (UpdateRegistry()) done = true;
+    return S_OK;
+  });
+}
+
+void UpdateWDSRegKey() {
+  if (UpdateRegistry() && !OlderGeneration()) CreateDeleteRegSearchRootAndDefaultScope(true);
+}
+
+void DeleteWDSRegKey() {
+  const bool known = DetectOSVersion();
+  RemoveLocation();
+  RemoveTYItemTypeFromReg();
+  if (known && !OlderGeneration()) CreateDeleteRegSearchRootAndDefaultScope(false);
+}

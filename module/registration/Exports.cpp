@@ -1,0 +1,75 @@
+// What an installer and the archiving client call by name: see include/HoardexPH.h. Nothing is thrown and nothing
+// returned; the log says how it went.
+#include "module/registration/Exports.h"
+
+#include <objbase.h>
+
+#include "module/core/Boundary.h"
+#include "module/registration/DesktopSearch.h"
+#include "module/registration/SearchRoot.h"
+
+namespace {
+
+constexpr wchar_t kLogSource[] = L".\\HoardexPH";
+
+// COM on the calling thread for the length of a call. A caller that has it, in whatever apartment, keeps it as it is.
+class ComScope {
+ public:
+  ComScope() : entered_(SUCCEEDED(CoInitializeEx(nullptr, COINIT_MULTITHREADED))) {}
+  ~ComScope() {
+    if (entered_) CoUninitialize();
+  }
+  ComScope(const ComScope&) = delete;
+  ComScope& operator=(const ComScope&) = delete;
+
+ private:
+  bool entered_;
+};
+
+template <class Body>
+void RunExport(const wchar_t* operation, Body&& body) noexcept {
+  const ComScope com;
+  boundary::Guard(kLogSource, __LINE__, operation, [&]() -> HRESULT {
+    body();
+    return S_OK;
+  });
+}
+
+}  // namespace
+
+extern "C" {
+
+void STDAPICALLTYPE ZKHoardexAddProtocol() {
+  RunExport(L"ZKHoardexAddProtocol()", [] {
+    ZK_LOG(L"ZKHoardexAddProtocol() - Start the process of registering Hoardex's protocol handler for WDS 3.x");
+    const HRESULT hr = CreateDeleteRegSearchRootAndDefaultScope(true);
+    ZK_LOG(
+        L"ZKHoardexAddProtocol() - Registering Hoardex's protocol handler for WDS 3.x returned with a value of "
+        L"[0x%08lX]",
+        hr);
+  });
+}
+
+void STDAPICALLTYPE ZKHoardexRemoveProtocol() {
+  RunExport(L"ZKHoardexRemoveProtocol()", [] {
+    ZK_LOG(L"ZKHoardexRemoveProtocol() - Start the process of de-registering Hoardex's protocol handler for WDS 3.x");
+    const HRESULT hr = CreateDeleteRegSearchRootAndDefaultScope(false);
+    ZK_LOG(
+        L"ZKHoardexRemoveProtocol() - De-registering Hoardex's protocol handler for WDS 3.x returned with a value of "
+        L"[0x%08lX]",
+        hr);
+  });
+}
+
+void STDAPICALLTYPE ZKHoardexRemoveAllProtocol() {
+  RunExport(L"ZKHoardexRemoveAllProtocol()", [] { RemoveAllSearchRoots(); });
+}
+
+void STDAPICALLTYPE UpdateWDSRegKeyForHX() {
+  RunExport(L"UpdateWDSRegKeyForHX()", [] { UpdateWDSRegKey(); });
+}
+
+void STDAPICALLTYPE DeleteWDSRegKeyForHX() {
+  RunExport(L"DeleteWDSRegKeyForHX()", [] { DeleteWDSRegKey(); });
+}
+}
