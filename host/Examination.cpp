@@ -7,12 +7,14 @@
 #include <functional>
 #include <utility>
 
+#include "host/BuiltInFilter.h"
 #include "host/MailClient.h"
 #include "host/Policy.h"
 #include "host/Registration.h"
 #include "host/Session.h"
 #include "host/Text.h"
 #include "include/HoardexPH.h"
+#include "platform/changequeue.h"
 #include "platform/searchmanager.h"
 
 using Microsoft::WRL::ComPtr;
@@ -83,7 +85,56 @@ Json MakeClass() {
   return {{"code", CodeText(hr)}, {"name", CodeName(hr)}};
 }
 
-// Asks the index whether it takes up the user's items: {"included"}, or the step that failed as "error".
+std::wstring Taken(LPWSTR text) {
+  std::wstring copy = text ? text : L"";
+  CoTaskMemFree(text);
+  return copy;
+}
+
+bool IsOurs(const std::wstring& url) {
+  constexpr std::wstring_view kBegin = L"zkoffline3x://";
+  return CompareStringOrdinal(url.data(), static_cast<int>(std::min(url.size(), kBegin.size())), kBegin.data(),
+                              static_cast<int>(kBegin.size()), TRUE) == CSTR_EQUAL;
+}
+
+HRESULT ListScope(ISearchCrawlScopeManager* scope, Json& roots, Json& rules) {
+  ComPtr<IEnumSearchRoots> all_roots;
+  HRESULT hr = scope->EnumerateRoots(&all_roots);
+  if (FAILED(hr)) return hr;
+  for (ComPtr<ISearchRoot> root; all_roots->Next(1, &root, nullptr) == S_OK;) {
+    LPWSTR text = nullptr;
+    if (FAILED(root->get_RootURL(&text))) continue;
+    if (const std::wstring url = Taken(text); IsOurs(url)) roots.push_back(ToUtf8(url));
+  }
+  ComPtr<IEnumSearchScopeRules> all_rules;
+  hr = scope->EnumerateScopeRules(&all_rules);
+  if (FAILED(hr)) return hr;
+  for (ComPtr<ISearchScopeRule> rule; all_rules->Next(1, &rule, nullptr) == S_OK;) {
+    LPWSTR text = nullptr;
+    BOOL included = FALSE;
+    if (FAILED(rule->get_PatternOrURL(&text)) || FAILED(rule->get_IsIncluded(&included))) continue;
+    if (const std::wstring pattern = Taken(text); IsOurs(pattern))
+      rules.push_back({{"pattern", ToUtf8(pattern)}, {"included", included != FALSE}});
+  }
+  return S_OK;
+}
+
+// How many changes wait, at most a thousand; null where the index keeps no queue that can be asked.
+Json WaitingChanges(ISearchManager* manager) {
+  ComPtr<IHoardexChangeQueue> queue;
+  QUEUED_CHANGE* changes = nullptr;
+  ULONG count = 0;
+  BOOL more = FALSE;
+  if (FAILED(manager->QueryInterface(__uuidof(IHoardexChangeQueue),
+                                     reinterpret_cast<void**>(queue.ReleaseAndGetAddressOf()))) ||
+      FAILED(queue->Read(1000, &changes, &count, &more)))
+    return nullptr;
+  for (ULONG i = 0; i < count; ++i) CoTaskMemFree(changes[i].url);
+  CoTaskMemFree(changes);
+  return count;
+}
+
+// Asks the index: {"root": the user's, "roots","rules" of the scheme, "changes"}, or the step that failed as "error".
 Json AskIndex() {
   ComPtr<ISearchManager> manager;
   HRESULT hr = CoCreateInstance(CLSID_CSearchManager, nullptr, CLSCTX_SERVER, __uuidof(ISearchManager),
@@ -95,11 +146,13 @@ Json AskIndex() {
   ComPtr<ISearchCrawlScopeManager> scope;
   hr = catalog->GetCrawlScopeManager(&scope);
   if (FAILED(hr)) return {{"error", ErrorOf("ISearchCatalogManager::GetCrawlScopeManager", hr)}};
-  const std::string root = Session().RootUrl();
-  BOOL included = FALSE;
-  hr = scope->IncludedInCrawlScope(FromUtf8(root).c_str(), &included);
-  if (FAILED(hr)) return {{"error", ErrorOf("ISearchCrawlScopeManager::IncludedInCrawlScope", hr)}};
-  return {{"root", root}, {"included", included != FALSE}};
+  Json roots = Json::array(), rules = Json::array();
+  hr = ListScope(scope.Get(), roots, rules);
+  if (FAILED(hr)) return {{"error", ErrorOf("ISearchCrawlScopeManager::EnumerateRoots", hr)}};
+  return {{"root", Session().RootUrl()},
+          {"roots", std::move(roots)},
+          {"rules", std::move(rules)},
+          {"changes", WaitingChanges(manager.Get())}};
 }
 
 // The folders of vaults that the archiving client names, as the module lists them.
@@ -124,10 +177,12 @@ Json VaultFolders() {
 }
 
 Json Filters() {
-  const Session session;
   Json with = Json::array(), without = Json::array();
-  for (const wchar_t* extension : kExtensions)
-    (session.HasFilter(extension) ? with : without).push_back(ToUtf8(extension));
+  for (const wchar_t* extension : kExtensions) {
+    ComPtr<IFilter> filter;
+    *filter.ReleaseAndGetAddressOf() = MakeBuiltInFilter(extension, L"");
+    (filter ? with : without).push_back(ToUtf8(extension));
+  }
   return {{"with", std::move(with)}, {"without", std::move(without)}};
 }
 

@@ -97,8 +97,7 @@ int Bitness(const std::wstring& path) {
 std::optional<std::wstring> RegistryText(HKEY hive, const std::wstring& key, const wchar_t* name) {
   std::vector<wchar_t> text(32768);
   DWORD size = static_cast<DWORD>(text.size() * sizeof(wchar_t)), type = 0;
-  const LONG error = RegGetValueW(hive, key.c_str(), name, RRF_RT_REG_SZ | RRF_RT_REG_EXPAND_SZ | RRF_RT_REG_DWORD,
-                                  &type, text.data(), &size);
+  const LONG error = RegGetValueW(hive, key.c_str(), name, RRF_RT_REG_SZ | RRF_RT_REG_DWORD, &type, text.data(), &size);
   if (error != ERROR_SUCCESS) return std::nullopt;
   if (type != REG_DWORD) return text.data();
   DWORD number;

@@ -174,6 +174,7 @@ Finding JudgeSearchManager(const json& facts, const Environment& environment) {
 
 Finding JudgeRoot(const json& index) {
   constexpr const char* kRemedy = "hoardex doctor --fix adds it.";
+  constexpr const char* kExcluded = "Take the rule back in the settings of the index.";
   const std::string root = Text(index, "root");
   const auto is_root = [&](const json& url) {
     return url.is_string() && AsciiLower(url.get<std::string>()) == AsciiLower(root);
@@ -181,7 +182,13 @@ Finding JudgeRoot(const json& index) {
   const json& roots = Part(index, "roots");
   if (root.empty() || std::none_of(roots.begin(), roots.end(), is_root))
     return Bad("search root", "the user's search root is not registered", kRemedy);
-  if (!Flag(index, "included")) return Bad("search root", root + " is excluded by a rule of the index", kRemedy);
+  bool included = false;
+  for (const json& rule : Part(index, "rules")) {
+    if (!is_root(Part(rule, "pattern"))) continue;
+    if (!Flag(rule, "included")) return Bad("search root", root + " is excluded by a rule of the index", kExcluded);
+    included = true;
+  }
+  if (!included) return Bad("search root", root + " is there, but no rule includes it", kRemedy);
   return Good("search root", root);
 }
 
