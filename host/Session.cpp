@@ -1,11 +1,9 @@
 #include "host/Session.h"
 
 #include <filterr.h>
-#include <sddl.h>
 
 #include <atomic>
 #include <string_view>
-#include <vector>
 
 #include "host/BuiltInFilter.h"
 #include "host/ItemReader.h"
@@ -58,23 +56,6 @@ std::wstring HandlerProgId() {
   return error == ERROR_SUCCESS ? name : L"";
 }
 
-std::wstring UserSid() {
-  HANDLE token = nullptr;
-  if (!OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token)) return {};
-  DWORD size = 0;
-  GetTokenInformation(token, TokenUser, nullptr, 0, &size);
-  std::vector<BYTE> user(size);
-  std::wstring sid;
-  LPWSTR text = nullptr;
-  if (size && GetTokenInformation(token, TokenUser, user.data(), size, &size) &&
-      ConvertSidToStringSidW(reinterpret_cast<TOKEN_USER*>(user.data())->User.Sid, &text)) {
-    sid = text;
-    LocalFree(text);
-  }
-  CloseHandle(token);
-  return sid;
-}
-
 }  // namespace
 
 const char* KindOf(std::string_view url) {
@@ -103,11 +84,14 @@ Session::~Session() {
   if (protocol_) protocol_->ShutDown();
 }
 
-HRESULT Session::Open() {
+HRESULT HandlerClass(CLSID* clsid) {
   const std::wstring prog_id = HandlerProgId();
-  if (prog_id.empty()) return REGDB_E_CLASSNOTREG;
+  return prog_id.empty() ? REGDB_E_CLASSNOTREG : CLSIDFromProgID(prog_id.c_str(), clsid);
+}
+
+HRESULT Session::Open() {
   CLSID clsid;
-  HRESULT hr = CLSIDFromProgID(prog_id.c_str(), &clsid);
+  HRESULT hr = HandlerClass(&clsid);
   if (FAILED(hr)) return hr;
   ComPtr<ISearchProtocol> protocol;
   hr = CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, __uuidof(ISearchProtocol),
@@ -120,11 +104,6 @@ HRESULT Session::Open() {
   hr = protocol->Init(&timeouts, site_.Get(), &proxy);
   if (SUCCEEDED(hr)) protocol_ = protocol;
   return hr;
-}
-
-std::string Session::RootUrl() const {
-  const std::wstring sid = UserSid();
-  return sid.empty() ? std::string() : ToUtf8(std::wstring(kScheme) + L"://{" + sid + L"}/default/");
 }
 
 HRESULT Session::CreateAccessor(const std::string& url, IUrlAccessor** accessor) {

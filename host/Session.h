@@ -24,9 +24,6 @@ class Session {
   // Finds the handler's ProgID among the registered protocol handlers, makes the object and initialises it.
   HRESULT Open();
 
-  // The search root of this user.
-  std::string RootUrl() const;
-
   // An accessor for one URL, and its end. CreateAccessor fails with E_INVALIDARG for a URL that no terminated string
   // can hold.
   HRESULT CreateAccessor(const std::string& url, IUrlAccessor** accessor);
@@ -43,6 +40,9 @@ class Session {
   Microsoft::WRL::ComPtr<IProtocolHandlerSite> site_;
   Microsoft::WRL::ComPtr<ISearchProtocol> protocol_;
 };
+
+// The class that is registered for the handler's scheme.
+HRESULT HandlerClass(CLSID* clsid);
 
 // The record of a step that failed: {"step", "code", "name"}.
 Json ErrorOf(const char* step, HRESULT code);

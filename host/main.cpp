@@ -15,6 +15,7 @@
 #include "host/ModuleLog.h"
 #include "host/Policy.h"
 #include "host/Session.h"
+#include "host/SystemIndex.h"
 #include "host/Text.h"
 
 namespace {
@@ -24,10 +25,14 @@ constexpr char kUsage[] =
     "\n"
     "  HoardexHost serve [--chunks] [--log]\n"
     "                                   answer requests from standard input, one JSON object a line:\n"
-    "                                   {\"roots\":true} or {\"url\":\"...\"}\n"
+    "                                   {\"url\":\"...\"}, {\"roots\":true}, {\"changes\":true}, {\"done\":ID} or\n"
+    "                                   {\"notify\":\"add|delete|modify\",\"path\":\"...\"}\n"
     "  HoardexHost item URL [--chunks] [--log]\n"
     "                                   print the record of one item; --log adds what the module logged meanwhile\n"
-    "  HoardexHost roots                print the search roots\n"
+    "  HoardexHost roots                print the search roots and the rules of the system's index\n"
+    "  HoardexHost notify add|delete|modify [PATH...]\n"
+    "                                   tell the index, through the module, that these vault files (all, without one)\n"
+    "                                   were added, deleted or modified\n"
     "  HoardexHost check URL...         check the filters of these items against the rules of filters\n"
     "  HoardexHost check [--clsid {C}] [--file F]\n"
     "                                   check another filter: of this class, or that of the file's type\n"
@@ -77,22 +82,46 @@ bool WriteLine(const host::Json& record) {
 // Makes the record of one item.
 using Reader = std::function<host::Json(const std::string& url)>;
 
-host::Json Answer(const std::string& root, const Reader& read, const std::string& line) {
+// Requests that are no item's; nothing for those that are.
+std::optional<host::Json> AnswerForIndex(const host::Json& request) {
+  if (request.value("roots", host::Json()) == true) return host::SystemRoots();
+  if (request.value("changes", host::Json()) == true) return host::SystemChanges();
+  if (request.contains("done") && request["done"].is_number_unsigned())
+    return host::ChangesDone(request["done"].get<uint64_t>());
+  if (!request.contains("notify")) return std::nullopt;
+  const host::Json change = request["notify"], path = request.value("path", host::Json(""));
+  if (!change.is_string() || !path.is_string() || !host::IsChange(change.get<std::string>())) return std::nullopt;
+  return host::Notify(change.get<std::string>(), path.get<std::string>());
+}
+
+host::Json Answer(const Reader& read, const std::string& line) {
   const host::Json request = host::Json::parse(line, nullptr, false);
-  if (request.is_object() && request.value("roots", host::Json()) == true)
-    return {{"roots", host::Json::array({root})}};
+  if (request.is_object()) {
+    if (const auto answer = AnswerForIndex(request)) return *answer;
+  }
   const host::Json url = request.is_object() ? request.value("url", host::Json()) : host::Json();
   if (!url.is_string()) return {{"error", host::ErrorOf("Request", E_INVALIDARG)}};
   return read(url.get<std::string>());
 }
 
-int Serve(const std::string& root, const Reader& read) {
+int Serve(const Reader& read) {
   LineReader lines;
   while (const auto line = lines.Next()) {
     if (line->find_first_not_of(" \t\r") == std::string::npos) continue;
-    if (!WriteLine(Answer(root, read, *line))) break;
+    if (!WriteLine(Answer(read, *line))) break;
   }
   return 0;
+}
+
+// 0 when the index has taken up every change.
+int NotifyEach(const std::string& change, const std::vector<std::string>& paths) {
+  bool all = true;
+  for (const std::string& path : paths.empty() ? std::vector<std::string>{""} : paths) {
+    const host::Json answer = host::Notify(change, path);
+    all = all && answer["result"] == host::CodeText(S_OK);
+    if (!WriteLine(answer)) return 1;
+  }
+  return all ? 0 : 1;
 }
 
 int CheckEach(const std::vector<std::string>& urls, const Reader& check) {
@@ -142,17 +171,23 @@ std::optional<Options> Parse(std::vector<std::string> words) {
   options.urls.assign(words.begin() + 1, words.end());
   const size_t count = options.urls.size();
   const std::string& command = options.command;
-  const bool sense = command == "check"   ? (other ? count == 0 : count > 0)
-                     : command == "item"  ? count == 1
-                     : command == "serve" ? count == 0 && (options.check || (!options.files && !other))
-                                          : command == "roots" && count == 0;
+  const bool sense = command == "check"    ? (other ? count == 0 : count > 0)
+                     : command == "item"   ? count == 1
+                     : command == "notify" ? count >= 1 && host::IsChange(options.urls[0])
+                     : command == "serve"  ? count == 0 && (options.check || (!options.files && !other))
+                                           : command == "roots" && count == 0;
   return sense ? std::optional(options) : std::nullopt;
 }
 
 int Run(const Options& options) {
   const Reader check_file = [&](const std::string& file) { return host::CheckFile(file, options.clsid); };
   if (options.command == "check" && options.urls.empty()) return CheckEach({options.file}, check_file);
-  if (options.command == "serve" && options.files) return Serve("", check_file);
+  if (options.command == "serve" && options.files) return Serve(check_file);
+  if (options.command == "notify") return NotifyEach(options.urls[0], {options.urls.begin() + 1, options.urls.end()});
+  if (options.command == "roots") {
+    const host::Json roots = host::SystemRoots();
+    return WriteLine(roots) && !roots.contains("error") ? 0 : 1;
+  }
   host::Session session;
   const HRESULT hr = session.Open();
   if (FAILED(hr)) {
@@ -172,8 +207,7 @@ int Run(const Options& options) {
     return record;
   };
   if (options.command == "check") return CheckEach(options.urls, check);
-  if (options.command == "serve") return Serve(session.RootUrl(), options.check ? check : read);
-  if (options.command == "roots") return WriteLine({{"roots", host::Json::array({session.RootUrl()})}}) ? 0 : 1;
+  if (options.command == "serve") return Serve(options.check ? check : read);
   const host::Json record = read(options.urls[0]);
   return WriteLine(record) && !record.contains("error") ? 0 : 1;
 }

@@ -25,7 +25,8 @@ const Root* RootOf(const std::vector<Root>& roots, std::wstring_view url) {
 // rule <tab> default|user <tab> include|exclude <tab> follow flags <tab> pattern
 Scope Scope::Load() {
   Scope scope;
-  for (const std::string_view line : CompleteLines(StateFile(kFile).Read())) {
+  const std::string text = StateFile(kFile).Read();
+  for (const std::string_view line : CompleteLines(text)) {
     const std::vector<std::wstring> fields = SplitFields(line);
     if (fields.size() == 3 && fields[0] == L"root" && !fields[2].empty())
       scope.AddRoot({fields[2], fields[1] == L"notifies"});

@@ -16,8 +16,9 @@ std::string JoinFields(const std::vector<std::wstring>& fields);
 // The fields of one line (without its end).
 std::vector<std::wstring> SplitFields(std::string_view line);
 
-// The complete lines; what follows the last line end is left out.
+// The complete lines, as parts of the text; what follows the last line end is left out.
 std::vector<std::string_view> CompleteLines(std::string_view text);
+std::vector<std::string_view> CompleteLines(std::string&& text) = delete;
 
 // By code units, upper and lower case being the same as in file names.
 bool SameText(std::wstring_view a, std::wstring_view b);
