@@ -2,6 +2,8 @@
 
 #include <windows.h>
 
+#include <sddl.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <functional>
@@ -12,9 +14,9 @@
 #include "host/Policy.h"
 #include "host/Registration.h"
 #include "host/Session.h"
+#include "host/SystemIndex.h"
 #include "host/Text.h"
 #include "include/HoardexPH.h"
-#include "platform/changequeue.h"
 #include "platform/searchmanager.h"
 
 using Microsoft::WRL::ComPtr;
@@ -85,74 +87,30 @@ Json MakeClass() {
   return {{"code", CodeText(hr)}, {"name", CodeName(hr)}};
 }
 
-std::wstring Taken(LPWSTR text) {
-  std::wstring copy = text ? text : L"";
-  CoTaskMemFree(text);
-  return copy;
+// The search root that the module makes for this user.
+std::string UserRoot() {
+  HANDLE token = nullptr;
+  if (!OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token)) return {};
+  const CloseHandleAtEnd closer{token};
+  std::vector<BYTE> user(sizeof(TOKEN_USER) + SECURITY_MAX_SID_SIZE);
+  DWORD size = static_cast<DWORD>(user.size());
+  LPWSTR sid = nullptr;
+  if (!GetTokenInformation(token, TokenUser, user.data(), size, &size) ||
+      !ConvertSidToStringSidW(reinterpret_cast<TOKEN_USER*>(user.data())->User.Sid, &sid))
+    return {};
+  const std::string root = "zkoffline3x://{" + ToUtf8(sid) + "}/default/";
+  LocalFree(sid);
+  return root;
 }
 
-bool IsOurs(const std::wstring& url) {
-  constexpr std::wstring_view kBegin = L"zkoffline3x://";
-  return CompareStringOrdinal(url.data(), static_cast<int>(std::min(url.size(), kBegin.size())), kBegin.data(),
-                              static_cast<int>(kBegin.size()), TRUE) == CSTR_EQUAL;
-}
-
-HRESULT ListScope(ISearchCrawlScopeManager* scope, Json& roots, Json& rules) {
-  ComPtr<IEnumSearchRoots> all_roots;
-  HRESULT hr = scope->EnumerateRoots(&all_roots);
-  if (FAILED(hr)) return hr;
-  for (ComPtr<ISearchRoot> root; all_roots->Next(1, &root, nullptr) == S_OK;) {
-    LPWSTR text = nullptr;
-    if (FAILED(root->get_RootURL(&text))) continue;
-    if (const std::wstring url = Taken(text); IsOurs(url)) roots.push_back(ToUtf8(url));
-  }
-  ComPtr<IEnumSearchScopeRules> all_rules;
-  hr = scope->EnumerateScopeRules(&all_rules);
-  if (FAILED(hr)) return hr;
-  for (ComPtr<ISearchScopeRule> rule; all_rules->Next(1, &rule, nullptr) == S_OK;) {
-    LPWSTR text = nullptr;
-    BOOL included = FALSE;
-    if (FAILED(rule->get_PatternOrURL(&text)) || FAILED(rule->get_IsIncluded(&included))) continue;
-    if (const std::wstring pattern = Taken(text); IsOurs(pattern))
-      rules.push_back({{"pattern", ToUtf8(pattern)}, {"included", included != FALSE}});
-  }
-  return S_OK;
-}
-
-// How many changes wait, at most a thousand; null where the index keeps no queue that can be asked.
-Json WaitingChanges(ISearchManager* manager) {
-  ComPtr<IHoardexChangeQueue> queue;
-  QUEUED_CHANGE* changes = nullptr;
-  ULONG count = 0;
-  BOOL more = FALSE;
-  if (FAILED(manager->QueryInterface(__uuidof(IHoardexChangeQueue),
-                                     reinterpret_cast<void**>(queue.ReleaseAndGetAddressOf()))) ||
-      FAILED(queue->Read(1000, &changes, &count, &more)))
-    return nullptr;
-  for (ULONG i = 0; i < count; ++i) CoTaskMemFree(changes[i].url);
-  CoTaskMemFree(changes);
-  return count;
-}
-
-// Asks the index: {"root": the user's, "roots","rules" of the scheme, "changes"}, or the step that failed as "error".
+// Asks the index: {"root": the user's, "roots","rules" of the scheme, "changes": how many wait, null where none can be
+// asked for}, or "error".
 Json AskIndex() {
-  ComPtr<ISearchManager> manager;
-  HRESULT hr = CoCreateInstance(CLSID_CSearchManager, nullptr, CLSCTX_SERVER, __uuidof(ISearchManager),
-                                reinterpret_cast<void**>(manager.ReleaseAndGetAddressOf()));
-  if (FAILED(hr)) return {{"error", ErrorOf("CSearchManager::CreateInstance", hr)}};
-  ComPtr<ISearchCatalogManager> catalog;
-  hr = manager->GetCatalog(L"SystemIndex", &catalog);
-  if (FAILED(hr)) return {{"error", ErrorOf("ISearchManager::GetCatalog", hr)}};
-  ComPtr<ISearchCrawlScopeManager> scope;
-  hr = catalog->GetCrawlScopeManager(&scope);
-  if (FAILED(hr)) return {{"error", ErrorOf("ISearchCatalogManager::GetCrawlScopeManager", hr)}};
-  Json roots = Json::array(), rules = Json::array();
-  hr = ListScope(scope.Get(), roots, rules);
-  if (FAILED(hr)) return {{"error", ErrorOf("ISearchCrawlScopeManager::EnumerateRoots", hr)}};
-  return {{"root", Session().RootUrl()},
-          {"roots", std::move(roots)},
-          {"rules", std::move(rules)},
-          {"changes", WaitingChanges(manager.Get())}};
+  Json answer = SystemRoots();
+  answer["root"] = UserRoot();
+  const Json changes = SystemChanges();
+  if (changes.contains("changes") && !changes.contains("error")) answer["changes"] = changes["changes"].size();
+  return answer;
 }
 
 // The folders of vaults that the archiving client names, as the module lists them.

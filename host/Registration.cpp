@@ -113,7 +113,8 @@ Json ExamineRegistration() {
     const std::wstring key = Filled(entry.key, clsid, module), name = Filled(entry.name, clsid, module),
                        expected = Filled(entry.expected, clsid, module);
     const auto found = RegistryText(entry.hive, key, name.c_str());
-    if (found == expected) continue;
+    // A type library is registered by its path without the limit of length.
+    if (found == expected || found == LR"(\\?\)" + expected) continue;
     const std::wstring hive = entry.hive == HKEY_CLASSES_ROOT ? L"HKCR\\" : L"HKLM\\";
     differing.push_back({{"key", ToUtf8(hive + key)},
                          {"name", ToUtf8(name)},
