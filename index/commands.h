@@ -51,6 +51,13 @@ struct WhyArguments {
 };
 int RunWhy(const Environment& environment, const WhyArguments& arguments);
 
+struct WatchArguments {
+  double quiet_seconds = 2;
+  bool once = false;
+  int64_t timeout_seconds = 120;
+};
+int RunWatch(const Environment& environment, const WatchArguments& arguments);
+
 struct DoctorArguments {
   bool fix = false, json = false;
 };

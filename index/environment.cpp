@@ -71,8 +71,8 @@ HomeLock::HomeLock(const Environment& environment) {
   }
   if (flock(fd_.get(), LOCK_EX | LOCK_NB) == 0) return;
   if (errno == EWOULDBLOCK) {
-    throw CommandError(
-        kExitFailed, "Another hoardex is updating the index in " + environment.home.string() + "; wait for it to end.");
+    throw LockBusy(kExitFailed,
+                   "Another hoardex is updating the index in " + environment.home.string() + "; wait for it to end.");
   }
   throw CommandError(kExitFailed, file.string() + " cannot be locked: " + std::strerror(errno) + ".");
 }

@@ -22,6 +22,12 @@ class CommandError : public std::runtime_error {
   ExitCode code_;
 };
 
+// Another process holds the HomeLock.
+class LockBusy : public CommandError {
+ public:
+  using CommandError::CommandError;
+};
+
 struct Environment {
   std::filesystem::path home;             // $HOARDEX_HOME, else hoardex in the XDG data folder
   std::vector<std::string> host_command;  // $HOARDEX_HOST: one argument per line
@@ -47,7 +53,7 @@ struct Environment {
 // Held while the index is being written, by one process per home folder; the system frees it when the process ends.
 class HomeLock {
  public:
-  // Creates the folder if needed. Throws CommandError when another process holds the lock.
+  // Creates the folder if needed. Throws LockBusy when another process holds the lock.
   explicit HomeLock(const Environment& environment);
 
  private:

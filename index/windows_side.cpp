@@ -2,7 +2,6 @@
 
 #include <system_error>
 
-#include "index/gatherer.h"
 #include "index/host_connection.h"
 
 namespace hoardex {
@@ -100,6 +99,22 @@ std::vector<std::string> RegisterWindowsSide(const Environment& environment) {
     if (!library.empty()) step(what, RunInWine(environment, {"regsvr32", "/s", library}));
   step("The search root", RunExport(environment, "ZKHoardexAddProtocol"));
   return troubles;
+}
+
+std::string ReportVault(Gatherer& gatherer, const char* change, const std::string& name) {
+  const json answer = gatherer.Request({{"notify", change}, {"path", "V:\\Tessary\\" + name + ".db"}}, "notify");
+  const json code = answer.value("result", json()), word = answer.value("name", json(""));
+  if (code == "0x00000000") return {};
+  return "The index was not told of the vault " + name + ": " +
+         (code.is_string() ? code.get<std::string>() : "no result") +
+         (word.is_string() && word != "" ? " " + word.get<std::string>() : "") + ".";
+}
+
+std::string AddSearchRoot(const Environment& environment, Gatherer& gatherer) {
+  if (std::string trouble = RunExport(environment, "ZKHoardexAddProtocol"); !trouble.empty()) return trouble;
+  const json answer = gatherer.Request({{"roots", true}}, "roots");
+  if (!answer.contains("roots") || !answer["roots"].empty()) return {};
+  return "The index took no search root; hoardex doctor says more.";
 }
 
 void MapDrives(const Environment& environment) {

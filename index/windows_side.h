@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "index/environment.h"
+#include "index/gatherer.h"
 
 namespace hoardex {
 
@@ -24,6 +25,14 @@ std::string RunExport(const Environment& environment, const std::string& name);
 // The mail client, the folder of vaults, the index's stand-in, the module and the user's search root, as far as the
 // launcher names them. Returns what went wrong, one sentence a step.
 std::vector<std::string> RegisterWindowsSide(const Environment& environment);
+
+// Tells the system's index through the module that a vault's file was added ("add"), deleted or modified. Returns what
+// went wrong, empty when the index has taken it up. Throws HostError.
+std::string ReportVault(Gatherer& gatherer, const char* change, const std::string& name);
+
+// Adds the user's search root through the module and asks the index whether it is there. Returns what went wrong.
+// Throws HostError.
+std::string AddSearchRoot(const Environment& environment, Gatherer& gatherer);
 
 // Gives the prefix its drives: V: the vaults, Z: everything.
 void MapDrives(const Environment& environment);
