@@ -79,21 +79,30 @@ int Main(int argc, char** argv) {
 
   IndexArguments index;
   auto* index_command = app.add_subcommand("index", "Bring stores into the index, or the index up to date");
+  auto* index_files =
+      index_command
+          ->add_option(
+              "FILE", index.files,
+              "Stores (.pst, .db) or folders of them; mail in files: a maildir, a mailbox (mbox), a message (.eml) "
+              "or a folder of these; without, what is there is looked through again")
+          ->check(NotEmpty);
+  auto* index_demo = index_command->add_flag("--demo", index.demo, "Index a demonstration vault");
+  auto* index_retry = index_command->add_flag("--retry", index.retry,
+                                              "Also ask again for unchanged items that ended the protocol host before");
   index_command
-      ->add_option(
-          "FILE", index.files,
-          "Stores (.pst, .db) or folders of them; mail in files: a maildir, a mailbox (mbox), a message (.eml) "
-          "or a folder of these; without, what is there is looked through again")
-      ->check(NotEmpty);
-  index_command->add_flag("--demo", index.demo, "Index a demonstration vault");
-  index_command->add_flag("--retry", index.retry,
-                          "Also ask again for unchanged items that ended the protocol host before");
+      ->add_flag("--changes", index.changes,
+                 "Only what was reported since: vaults that were added, deleted or modified")
+      ->excludes(index_files)
+      ->excludes(index_demo)
+      ->excludes(index_retry);
   index_command->add_flag("--json", index.json, "Report as JSON");
   index_command
       ->add_option("--timeout", index.timeout_seconds, "Seconds without any answer before the protocol host is ended")
       ->check(CLI::Range(1, 86400))
       ->capture_default_str();
-  index_command->callback([&] { command = [&] { return RunIndex(environment(), index); }; });
+  index_command->callback([&] {
+    command = [&] { return index.changes ? RunIndexChanges(environment(), index) : RunIndex(environment(), index); };
+  });
 
   SearchArguments search;
   auto* search_command = app.add_subcommand("search", "Search the index");

@@ -281,8 +281,7 @@ void RunChecks(const Environment& environment, const std::vector<std::string>& w
 
 std::vector<std::string> Pick(const Environment& environment, const std::set<std::string>& vaults, bool all) {
   Gatherer gatherer(HostOptions(environment, {}, kItemTimeout));
-  const auto roots = gatherer.Roots();
-  if (roots.empty()) throw HostError("The protocol host names no search root.");
+  const auto roots = gatherer.RequireScope().roots();
   PickSource source(roots.front(), vaults, all);
   if (gatherer.Run(source) == GatherResult::kInterrupted) throw CommandError(kExitInterrupted, "Stopped.");
   return source.picked;

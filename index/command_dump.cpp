@@ -171,8 +171,7 @@ int RunDump(const Environment& environment, const DumpArguments& arguments) {
   std::vector<std::string> words;
   if (arguments.chunks) words.push_back("--chunks");
   Gatherer gatherer(HostOptions(environment, words, arguments.timeout_seconds));
-  const auto roots = gatherer.Roots();
-  if (roots.empty()) throw HostError("The protocol host names no search root.");
+  const auto roots = gatherer.RequireScope().roots();
   DumpSource source(roots.front(), names);
   try {
     const GatherResult result = gatherer.Run(source);

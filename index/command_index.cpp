@@ -302,10 +302,17 @@ int RunIndex(const Environment& environment, const IndexArguments& arguments) {
     return kExitInterrupted;
   }
 
+  bool complete = refusals.empty();
+  for (const std::string& root : outcome.unruled) {
+    std::fprintf(stderr,
+                 "hoardex: nothing is crawled of the search root %s: no rule includes it. ./hoardex setup adds its "
+                 "rules.\n",
+                 OneLine(root).c_str());
+    complete = false;
+  }
   std::vector<VaultReport> reports;
   auto counts = store.Counts();
   auto failures = store.Failures();
-  bool complete = refusals.empty();
   for (const Vault& vault : folder.List()) {
     VaultReport report;
     report.vault = vault;

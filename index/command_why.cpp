@@ -1,4 +1,5 @@
 #include <unistd.h>
+#include <algorithm>
 
 #include <filesystem>
 #include <nlohmann/json.hpp>
@@ -81,7 +82,8 @@ std::string VaultTrouble(const Environment& environment, const std::string& url)
 void AskHost(const Environment& environment, ItemFacts& facts) {
   Gatherer gatherer(HostOptions(environment, {"--chunks", "--log"}, kItemTimeout));
   const auto roots = gatherer.Roots();
-  if (!roots.empty() && !facts.url.starts_with(roots.front())) {
+  const auto here = [&](const std::string& root) { return facts.url.starts_with(root); };
+  if (!roots.empty() && std::none_of(roots.begin(), roots.end(), here)) {
     facts.vault_trouble = "The URL belongs to another user: here, URLs begin with " + roots.front() + ".";
     return;
   }

@@ -12,10 +12,12 @@ namespace hoardex {
 
 struct IndexArguments {
   std::vector<std::string> files;
-  bool demo = false, json = false, retry = false;
+  bool demo = false, json = false, retry = false, changes = false;
   int64_t timeout_seconds = 120;
 };
 int RunIndex(const Environment& environment, const IndexArguments& arguments);
+// Only what the system's index has queued; of the arguments, only `json` and the timeout count.
+int RunIndexChanges(const Environment& environment, const IndexArguments& arguments);
 
 struct SearchArguments {
   std::vector<std::string> words;

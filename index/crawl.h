@@ -4,6 +4,7 @@
 #include <chrono>
 #include <deque>
 #include <functional>
+#include <map>
 #include <set>
 #include <string>
 #include <unordered_set>
@@ -27,14 +28,26 @@ struct CrawlOptions {
   std::function<void()> committed;
 };
 
+// What was asked for, of one vault.
+struct VaultWork {
+  int64_t messages = 0, attachments = 0, failed = 0;
+};
+
 struct CrawlOutcome {
   GatherResult result = GatherResult::kFinished;
   bool resumed = false;
   int64_t items = 0;  // asked for in this call
+  std::map<std::string, VaultWork> vaults;
+  std::vector<std::string> unruled;  // roots that no rule includes
 };
 
-// Crawls from the host's root URL until the queue is empty. Throws HostError and DatabaseError; what was committed
-// stays.
+// Crawls from the registered search roots until the queue is empty, and with it what the system's index has queued: see
+// index/changes.h. Throws HostError and DatabaseError; what was committed stays.
 CrawlOutcome Crawl(Gatherer& gatherer, Store& store, const CrawlOptions& options);
+
+// Works the store's queue off, without starting or finishing a run. The last commit is done when it returns or throws
+// HostError.
+void WorkOffQueue(Gatherer& gatherer, Store& store, const CrawlScope& scope, const CrawlOptions& options,
+                  CrawlOutcome* outcome);
 
 }  // namespace hoardex

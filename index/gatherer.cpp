@@ -6,6 +6,7 @@
 #include <fstream>
 #include <system_error>
 
+#include "index/record.h"
 #include "index/text.h"
 
 namespace hoardex {
@@ -55,7 +56,48 @@ bool Interrupted() {
 
 const std::vector<std::string>& Gatherer::Roots() {
   if (!host_) Start();
-  return roots_;
+  return scope_.roots();
+}
+
+const CrawlScope& Gatherer::Scope() {
+  if (!host_) Start();
+  if (!scope_error_.empty())
+    throw HostError("The system's index does not tell its search roots: " + scope_error_ +
+                    ". ./hoardex setup registers what is missing.");
+  return scope_;
+}
+
+const CrawlScope& Gatherer::RequireScope() {
+  if (Scope().roots().empty())
+    throw HostError("No search root is registered, so there is nothing to crawl: ./hoardex setup adds it.");
+  return scope_;
+}
+
+json Gatherer::Request(const json& request, const char* key) {
+  std::string problem;
+  for (int attempt = 0; attempt < kStartAttempts && !Interrupted(); ++attempt) {
+    if (!host_) Start();
+    host_->Touch();
+    host_->Send(request.dump(-1, ' ', false, json::error_handler_t::replace));
+    problem.clear();
+    while (problem.empty() && !Interrupted()) {
+      std::string line;
+      const auto event = host_->Wait(kPoll, &line);
+      if (event == HostConnection::Event::kLine) {
+        json record = json::parse(line, nullptr, false);
+        if (record.is_object() && record.contains(key)) return record;
+        if (record.is_object() && record.contains("error") && !record.contains("url"))
+          problem = "it does not know the request.";
+      } else if (event == HostConnection::Event::kGone) {
+        problem = "it " + host_->end_reason() + ".";
+      } else if (Clock::now() - host_->last_activity() > options_.answer_timeout) {
+        problem = "it gave no answer for " + Seconds(options_.answer_timeout) + ".";
+      }
+    }
+    host_->Kill();
+    host_.reset();
+  }
+  throw HostError("The protocol host does not answer {\"" + std::string(key) + "\"}: " + problem);
 }
 
 void Gatherer::Start() {
@@ -88,15 +130,26 @@ bool Gatherer::TryStart(std::string* problem) {
     // What Wine may print before the host runs is no record; skip it.
     const json record = json::parse(line, nullptr, false);
     if (!record.is_object() || !record.contains("roots")) continue;
-    roots_.clear();
-    for (const json& root : record["roots"]) {
-      if (root.is_string()) roots_.push_back(root.get<std::string>());
-    }
+    TakeScope(record);
     return true;
   }
   *problem = "it gave no answer for " + Seconds(options_.start_timeout) + ".";
   host_->Kill();
   return false;
+}
+
+void Gatherer::TakeScope(const json& record) {
+  std::vector<std::string> roots;
+  for (const json& root : record["roots"])
+    if (root.is_string() && !root.get_ref<const std::string&>().empty()) roots.push_back(root.get<std::string>());
+  std::vector<ScopeRule> rules;
+  for (const json& rule : record.value("rules", json::array())) {
+    if (!rule.is_object() || !rule.contains("pattern") || !rule["pattern"].is_string()) continue;
+    rules.push_back({rule["pattern"].get<std::string>(), rule.value("included", json()) == true,
+                     rule.value("default", json()) == true});
+  }
+  scope_ = CrawlScope(std::move(roots), rules);
+  scope_error_ = record.contains("error") ? Record::FromJson(record).error.value_or(ItemError{}).Describe() : "";
 }
 
 GatherResult Gatherer::Run(WorkSource& source) {

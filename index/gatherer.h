@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "index/host_connection.h"
+#include "index/scope.h"
 
 namespace hoardex {
 
@@ -56,8 +57,16 @@ class Gatherer {
  public:
   explicit Gatherer(GatherOptions options) : options_(std::move(options)) {}
 
-  // Starts the host if needed and returns its search roots. Throws HostError.
+  // Starts the host if needed and returns the search roots that it named. Throws HostError.
   const std::vector<std::string>& Roots();
+  // The roots with their rules. Throws HostError, which says what to do, when there is no root or they cannot be had.
+  const CrawlScope& RequireScope();
+  // The same without a root being needed.
+  const CrawlScope& Scope();
+
+  // Asks for something that is no item, between runs: the line that has `key`. Throws HostError.
+  nlohmann::json Request(const nlohmann::json& request, const char* key);
+
   // Works until the source has no more and every answer has come, or until Interrupted(). Throws HostError and whatever
   // the source throws.
   GatherResult Run(WorkSource& source);
@@ -66,6 +75,7 @@ class Gatherer {
   using Clock = HostConnection::Clock;
 
   void Start();
+  void TakeScope(const nlohmann::json& record);
   bool TryStart(std::string* problem);
   void Fill(WorkSource& source);
   void Ask(const WorkItem& item);
@@ -75,7 +85,8 @@ class Gatherer {
 
   GatherOptions options_;
   std::unique_ptr<HostConnection> host_;
-  std::vector<std::string> roots_;
+  CrawlScope scope_;
+  std::string scope_error_;  // why the roots could not be had
   std::vector<WorkItem> in_flight_;
   std::deque<WorkItem> suspects_;
   std::unordered_map<std::string, int> deaths_;

@@ -1,5 +1,7 @@
 #include "index/store.h"
 
+#include <algorithm>
+
 #include "index/text.h"
 
 namespace hoardex {
@@ -38,7 +40,11 @@ struct Store::Row {
 };
 
 Store::Store(const std::filesystem::path& file, Database::Mode mode) : db_(file, mode) {
-  if (mode == Database::Mode::kCreate) CreateSchema();
+  if (mode == Database::Mode::kCreate) {
+    CreateSchema();
+    // The scope of the last run; an index of before there were scopes gets the table, too.
+    db_.Execute("CREATE TABLE IF NOT EXISTS scope(fingerprint TEXT NOT NULL)");
+  }
   Statement version(db_.handle(), "PRAGMA user_version");
   if (!version.Step() || version.Integer(0) != kSchemaVersion) {
     throw DatabaseError("the index " + file.string() +
@@ -73,7 +79,7 @@ void Store::Commit() {
   in_transaction_ = false;
 }
 
-bool Store::StartRun(const std::string& root, bool retry_lost) {
+bool Store::StartRun(const CrawlScope& scope, bool retry_lost) {
   Begin();
   auto& last = Prepared("SELECT id, finished FROM runs ORDER BY id DESC LIMIT 1").Bind();
   const bool any = last.Step();
@@ -89,10 +95,127 @@ bool Store::StartRun(const std::string& root, bool retry_lost) {
         .Bind(retry_lost ? 1 : 0)
         .Run();
   }
-  Prepared("INSERT OR IGNORE INTO items(url, vault, kind) VALUES(?1, '', 1)").Bind(root).Run();
-  Prepared("INSERT OR IGNORE INTO queue SELECT 0, id FROM items WHERE url = ?1").Bind(root).Run();
+  FitScope(scope);
+  for (const std::string& root : scope.roots())
+    if (scope.LeadsTo(root)) Enqueue(*RootId(root, true), ItemKind::kRoot);
   Commit();
   return resumed;
+}
+
+void Store::FitScope(const CrawlScope& scope) {
+  std::vector<std::pair<int64_t, std::string>> gone;
+  auto& roots = Prepared("SELECT id, url FROM items WHERE parent IS NULL").Bind();
+  while (roots.Step()) {
+    const std::string url = roots.String(1);
+    if (std::find(scope.roots().begin(), scope.roots().end(), url) == scope.roots().end())
+      gone.emplace_back(roots.Integer(0), "");
+  }
+  roots.Reset();
+  auto& known = Prepared("SELECT fingerprint FROM scope").Bind();
+  const bool first = !known.Step();
+  const bool same = !first && known.Text(0) == scope.Fingerprint();
+  known.Reset();
+  if (!same) {
+    auto& items = Prepared("SELECT id, url, vault, kind FROM items").Bind();
+    while (items.Step()) {
+      const bool container = IsContainer(static_cast<ItemKind>(items.Integer(3)));
+      if (container ? !scope.LeadsTo(items.Text(1)) : !scope.Includes(items.Text(1)))
+        gone.emplace_back(items.Integer(0), items.String(2));
+    }
+    items.Reset();
+  }
+  for (const auto& [id, vault] : gone) RemoveTree(id, vault);
+  if (same) return;
+  Prepared("DELETE FROM scope").Bind().Run();
+  Prepared("INSERT INTO scope VALUES(?1)").Bind(scope.Fingerprint()).Run();
+  // An index without a scope was made when everything was included.
+  if (first) return;
+  Prepared(
+      "INSERT OR IGNORE INTO queue SELECT CASE WHEN kind <= 3 THEN 0 ELSE 1 END, id FROM items"
+      " WHERE kind <= 3 OR (kind = 4 AND has_attachments)")
+      .Bind()
+      .Run();
+}
+
+void Store::StartChanges() {
+  Begin();
+  single_changes_ = true;
+  auto& last = Prepared("SELECT id, finished FROM runs ORDER BY id DESC LIMIT 1").Bind();
+  const bool any = last.Step();
+  const bool going_on = any && last.Integer(1) == 0;
+  run_ = any ? last.Integer(0) : 0;
+  last.Reset();
+  // A number of its own, so that what is asked for now can be told from the rest.
+  if (!going_on) {
+    Prepared("INSERT INTO runs(id, finished) VALUES(?1, 1)").Bind(++run_).Run();
+    Prepared("DELETE FROM runs WHERE id < ?1").Bind(run_).Run();
+  }
+  Commit();
+}
+
+std::optional<int64_t> Store::IdOf(const std::string& url) {
+  auto& query = Prepared("SELECT id FROM items WHERE url = ?1").Bind(url);
+  const std::optional<int64_t> id = query.Step() ? std::optional(query.Integer(0)) : std::nullopt;
+  query.Reset();
+  return id;
+}
+
+std::optional<int64_t> Store::RootId(const std::string& root, bool make) {
+  if (make) Prepared("INSERT OR IGNORE INTO items(url, vault, kind) VALUES(?1, '', 1)").Bind(root).Run();
+  return IdOf(root);
+}
+
+std::optional<int64_t> Store::VaultId(const std::string& root, const std::string& url) {
+  const auto parent = RootId(root, false);
+  if (!parent) return std::nullopt;
+  auto& query = Prepared("SELECT id FROM items WHERE parent = ?1 AND url = ?2 COLLATE NOCASE").Bind(*parent, url);
+  const std::optional<int64_t> id = query.Step() ? std::optional(query.Integer(0)) : std::nullopt;
+  query.Reset();
+  return id;
+}
+
+bool Store::QueueVault(const std::string& root, const std::string& url) {
+  Begin();
+  const auto known = VaultId(root, url);
+  const int64_t parent = *RootId(root, true);
+  if (!known)
+    Prepared("INSERT INTO items(url, parent, vault, kind) VALUES(?1, ?2, ?3, 2)")
+        .Bind(url, parent, VaultOfUrl(url))
+        .Run();
+  Enqueue(known ? *known : db_.LastInsertId(), ItemKind::kVault);
+  return known.has_value();
+}
+
+std::optional<int64_t> Store::DropVault(const std::string& root, const std::string& url) {
+  Begin();
+  const auto id = VaultId(root, url);
+  if (!id) return std::nullopt;
+  const std::string vault = Load(*id)->vault;
+  const int64_t before = removed_[vault];
+  RemoveTree(*id, vault);
+  return removed_[vault] - before;
+}
+
+void Store::QueueRoot(const std::string& root) {
+  Begin();
+  const int64_t id = *RootId(root, true);
+  Enqueue(id, ItemKind::kRoot);
+  Prepared("INSERT OR IGNORE INTO queue SELECT 0, id FROM items WHERE parent = ?1").Bind(id).Run();
+}
+
+std::vector<std::string> Store::VaultsOf(const std::string& root) {
+  std::vector<std::string> urls;
+  const auto id = RootId(root, false);
+  if (!id) return urls;
+  auto& rows = Prepared("SELECT url FROM items WHERE parent = ?1 ORDER BY id").Bind(*id);
+  while (rows.Step()) urls.push_back(rows.String(0));
+  rows.Reset();
+  return urls;
+}
+
+void Store::Sync() {
+  Commit();
+  db_.Execute("PRAGMA wal_checkpoint");
 }
 
 void Store::FinishRun() {
@@ -166,6 +289,9 @@ void Store::Finish(int64_t id, const Record& record, const std::set<std::string>
   Prepared("UPDATE items SET state = ?2, run = ?3, done_time = link_time, error = ?4 WHERE id = ?1")
       .Bind(id, static_cast<int>(state), run_, record.error ? record.error->Describe() : "")
       .Run();
+  // The listing that gives a vault its time has not been asked; the next one shall find it done.
+  if (single_changes_ && row->kind == ItemKind::kVault && !record.error && !record.modified.empty())
+    Prepared("UPDATE items SET link_time = ?2, done_time = ?2 WHERE id = ?1").Bind(id, record.modified).Run();
   // A failure may still have brought something; one that brought nothing does not wipe out what was known.
   if (record.error && record.properties.empty() && record.text.empty() && record.links.empty()) return;
   const Document document = MakeDocument(record, row->kind, LoadParent(row->parent));
@@ -202,7 +328,8 @@ void Store::WriteDocument(const Row& row, const Document& document, const Record
 
 void Store::Follow(const Row& row, const Record& record, bool again, const std::set<std::string>& kept_vaults) {
   std::unordered_set<std::string> listed;
-  for (const Link& link : record.links) {
+  for (Link link : record.links) {
+    if (IsContainer(ChildKind(row.kind, link.url))) link.url = ContainerUrl(link.url);
     if (listed.insert(link.url).second) FollowLink(row, link, again);
   }
   // An incomplete list is no proof that the rest is gone; neither is the first list, which has nothing before it.

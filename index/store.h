@@ -13,6 +13,7 @@
 #include "index/database.h"
 #include "index/gatherer.h"
 #include "index/record.h"
+#include "index/scope.h"
 
 namespace hoardex {
 
@@ -54,8 +55,12 @@ class Store {
   bool in_transaction() const { return in_transaction_; }
 
   // Continues the run that was not finished, else starts a new one: then items that failed are queued again, lost ones
-  // only with `retry_lost`. The root is always queued. Returns true when an earlier run goes on.
-  bool StartRun(const std::string& root, bool retry_lost);
+  // only with `retry_lost`. The roots are always queued. What lies outside the scope leaves the index; when the scope
+  // is not that of the last run, every container is listed again, for what it has come to include. Returns true when an
+  // earlier run goes on.
+  bool StartRun(const CrawlScope& scope, bool retry_lost);
+  // Begins to work off single changes, apart from runs. What is queued already stays queued.
+  void StartChanges();
   // Marks the run as finished.
   void FinishRun();
 
@@ -68,6 +73,18 @@ class Store {
   void Finish(int64_t id, const Record& record, const std::set<std::string>& kept_vaults);
   // Records that the item cannot be had; what was indexed of it before stays.
   void Lose(int64_t id, const std::string& reason);
+
+  // What changes of single vaults do; `root` is the URL of the vault's root, and upper and lower case are the same.
+  // QueueVault: the vault is asked for again; false when it is new to the index. DropVault: it goes with its items, and
+  // the number of its messages is returned; nothing when it was not in the index.
+  bool QueueVault(const std::string& root, const std::string& url);
+  std::optional<int64_t> DropVault(const std::string& root, const std::string& url);
+  // The root and every vault in it are asked for again.
+  void QueueRoot(const std::string& root);
+  // The vaults that the index knows below a root: their URLs.
+  std::vector<std::string> VaultsOf(const std::string& root);
+  // On the disk, not only with the system, once it returns. Commits.
+  void Sync();
 
   // Removes everything below a vault's URL and its row.
   void RemoveVault(const std::string& name);
@@ -94,11 +111,16 @@ class Store {
   void Follow(const Row& row, const Record& record, bool again, const std::set<std::string>& kept_vaults);
   void FollowLink(const Row& row, const Link& link, bool again);
   void RemoveTree(int64_t id, const std::string& vault);
+  void FitScope(const CrawlScope& scope);
+  std::optional<int64_t> IdOf(const std::string& url);
+  std::optional<int64_t> RootId(const std::string& root, bool make);
+  std::optional<int64_t> VaultId(const std::string& root, const std::string& url);
   void Enqueue(int64_t id, ItemKind kind);
 
   Database db_;
   bool in_transaction_ = false;
   int64_t run_ = 0;
+  bool single_changes_ = false;
   std::map<std::string, int64_t> removed_;
   // Statements are prepared on first use and kept.
   Statement& Prepared(const char* sql);

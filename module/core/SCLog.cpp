@@ -50,11 +50,13 @@ SCLog::~SCLog() {
     fclose(stream_);
     stream_ = nullptr;
   }
-  closed_ = true;
-  // The lock stays for the process's end: another static object's destructor may still log.
+  closed_ = true;  // another static object's destructor may still log
+  if (lock_) CloseHandle(lock_);
+  lock_ = nullptr;
 }
 
 void SCLog::SetFileLine(const wchar_t* source_path, int line) noexcept {
+  if (closed_) return;
   // Made by the constructor's own line, while the loader still keeps other threads out.
   if (!lock_) lock_ = CreateMutexW(nullptr, FALSE, nullptr);
   WaitForSingleObject(lock_, INFINITE);
@@ -64,9 +66,9 @@ void SCLog::SetFileLine(const wchar_t* source_path, int line) noexcept {
 }
 
 void SCLog::Log(int level, const wchar_t* format, ...) noexcept {
+  if (closed_) return;
   Unlock unlock(lock_);
-  if (level > threshold_) return;
-  if (closed_ || (!stream_ && !Open())) return;
+  if (level > threshold_ || (!stream_ && !Open())) return;
   wchar_t message[kMessageChars] = {};
   va_list args;
   va_start(args, format);

@@ -1,7 +1,8 @@
 // A protocol host that answers from a script, and misbehaves where the script says so:
-//   {"roots": [...], "items": {url: record}, "checks": {url or "*": record}, "log": file, "faults": [{"url":
-//   …|"request": n, "times": n, "do": …}]}
+//   {"roots": [...], "rules": [...], "changes": [{"id","change","url"}, …], "items": {url: record}, "checks": {url or
+//   "*": record}, "log": file, "faults": [{"url": …|"request": n, "times": n, "do": …}]}
 // do: die, exit, hang, garble, mute (no answer), kill_parent; "start" in place of a URL means before the first answer.
+// Without "rules" every root is included. "done" takes changes away for good: the file log + ".done" keeps the number.
 // Every request is appended to the log, whose lines also count requests across restarts.
 #include <signal.h>
 #include <unistd.h>
@@ -21,6 +22,33 @@ int Occurrences(const std::string& log, const std::string& url, int* all) {
   int found = 0;
   for (std::string line; std::getline(in, line); ++*all) found += line == url;
   return found;
+}
+
+// What is no item's request; nothing for those that are.
+json AnswerForIndex(const json& script, const json& request) {
+  const std::string done_file = script.at("log").get<std::string>() + ".done";
+  int64_t done = 0;
+  std::ifstream(done_file) >> done;
+  if (request.contains("roots")) {
+    json rules = json::array();
+    for (const json& root : script.at("roots"))
+      rules.push_back({{"pattern", root}, {"included", true}, {"default", true}, {"follow", 1}});
+    json answer{{"roots", script["roots"]}, {"rules", script.value("rules", rules)}};
+    if (script.contains("roots_error")) answer["error"] = script["roots_error"];
+    return answer;
+  }
+  if (request.contains("changes")) {
+    json waiting = json::array();
+    for (const json& change : script.value("changes", json::array()))
+      if (!change.is_object() || !change.contains("id") || change["id"] > done) waiting.push_back(change);
+    const size_t most = script.value("most_changes", size_t{1000});
+    const bool more = waiting.size() > most;
+    if (more) waiting.erase(waiting.begin() + static_cast<std::ptrdiff_t>(most), waiting.end());
+    return {{"changes", waiting}, {"more", more}};
+  }
+  if (!request.contains("done")) return nullptr;
+  std::ofstream(done_file) << request["done"].get<int64_t>();
+  return {{"done", request["done"]}};
 }
 
 // True when the request is not to be answered.
@@ -48,8 +76,10 @@ int main(int argc, char** argv) {
   std::cerr << "fake host: started" << std::endl;
   for (std::string line; std::getline(std::cin, line);) {
     const json request = json::parse(line);
-    const bool roots = request.contains("roots");
-    const std::string url = roots ? "start" : request.at("url").get<std::string>();
+    const std::string url = request.contains("roots")     ? "start"
+                            : request.contains("changes") ? "changes"
+                            : request.contains("done")    ? "done"
+                                                          : request.at("url").get<std::string>();
     int number = 0;
     const int earlier = Occurrences(log, url, &number);
     std::ofstream(log, std::ios::app) << url << std::endl;
@@ -59,8 +89,8 @@ int main(int argc, char** argv) {
       if (here && earlier < fault.value("times", 1000)) silent = Misbehave(fault["do"]);
     }
     if (silent) continue;
-    if (roots) {
-      std::cout << json{{"roots", script.at("roots")}}.dump() << std::endl;
+    if (const json answer = AnswerForIndex(script, request); !answer.is_null()) {
+      std::cout << answer.dump() << std::endl;
       continue;
     }
     if (check) {

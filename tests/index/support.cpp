@@ -116,6 +116,18 @@ void Corpus::FaultAtRequest(int number, const std::string& what) {
   script_["faults"].push_back({{"request", number}, {"do", what}});
 }
 
+void Corpus::Change(const std::string& change, const std::string& url) {
+  script_["changes"].push_back({{"id", ++last_change_}, {"change", change}, {"url", url}});
+}
+int64_t Corpus::Done() const {
+  int64_t done = 0;
+  std::ifstream(scratch_.path() / "requests.done") >> done;
+  return done;
+}
+void Corpus::AddRule(const std::string& pattern, bool included, bool is_default) {
+  script_["rules"].push_back({{"pattern", pattern}, {"included", included}, {"default", is_default}, {"follow", 1}});
+}
+
 void Corpus::Save() {
   scratch_.Write("script.json", script_.dump());
 }
@@ -125,7 +137,7 @@ std::vector<std::string> Corpus::Requests() {
   std::istringstream in(Slurp(log));
   std::vector<std::string> lines;
   for (std::string line; std::getline(in, line);) {
-    if (line != "start") lines.push_back(line);
+    if (line != "start" && line != "changes" && line != "done") lines.push_back(line);
   }
   fs::remove(log);
   return lines;

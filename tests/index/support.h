@@ -47,6 +47,15 @@ class Corpus {
   void FaultAtRequest(int number, const std::string& what);
   void ClearFaults() { script_["faults"] = nlohmann::json::array(); }
 
+  // Queues a change; its number is returned by last_change().
+  void Change(const std::string& change, const std::string& url);
+  int64_t last_change() const { return last_change_; }
+  // The number up to which the changes were done.
+  int64_t Done() const;
+  // Registers one more rule; without any every root is included.
+  void AddRule(const std::string& pattern, bool included, bool is_default);
+  nlohmann::json& script() { return script_; }
+
   // What the host answers when the item (all, for "*") is checked.
   void SetCheck(const std::string& url, nlohmann::json record) { script_["checks"][url] = std::move(record); }
 
@@ -59,6 +68,7 @@ class Corpus {
   std::string Add(const std::string& container, const std::string& url, nlohmann::json record, const std::string& time);
   const Scratch& scratch_;
   nlohmann::json script_;
+  int64_t last_change_ = 0;
 };
 
 // Two vaults, folders, mails in several languages, an appointment, an attachment.
