@@ -119,14 +119,15 @@ TEST(DoctorTest, EveryFactThatIsWrongIsNamedByItsCheck) {
 
 TEST(DoctorTest, StrangeFactsAreJudgedWithoutHarm) {
   EXPECT_GE(Judged(json::object()).size(), 8u);
+  const json healthy = Healthy();
   for (const json& value : {json(), json(5), json("text"), json::array({1, nullptr, json::object()})}) {
-    for (const auto& [key, fact] : Healthy().items()) {
-      json facts = Healthy();
+    for (const auto& [key, fact] : healthy.items()) {
+      json facts = healthy;
       facts[key] = value;
       Judged(facts);
       if (!fact.is_object()) continue;
       for (const auto& [inner, ignored] : fact.items()) {
-        json deeper = Healthy();
+        json deeper = healthy;
         deeper[key][inner] = value;
         Judged(deeper);
       }
