@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "host/CheckRecord.h"
+#include "host/Examination.h"
 #include "host/ModuleLog.h"
 #include "host/Policy.h"
 #include "host/Session.h"
@@ -36,7 +37,9 @@ constexpr char kUsage[] =
     "  HoardexHost check [--clsid {C}] [--file F]\n"
     "                                   check another filter: of this class, or that of the file's type\n"
     "  HoardexHost serve --check [--files] [--clsid {C}]\n"
-    "                                   answer requests with checks; a url is a file's path with --files\n";
+    "                                   answer requests with checks; a url is a file's path with --files\n"
+    "  HoardexHost examine [--clear]    print what stands and what does not, as one JSON object; --clear deletes\n"
+    "                                   leftover MAPI profiles and temporary copies of attachments\n";
 
 // Lines from a pipe, without the C runtime's translation.
 class LineReader {
@@ -212,7 +215,9 @@ int Run(const Options& options) {
 }  // namespace
 
 int main() {
-  const std::optional<Options> options = Parse(Arguments());
+  std::vector<std::string> words = Arguments();
+  const bool examine = !words.empty() && words[0] == "examine";
+  const std::optional<Options> options = examine ? std::optional<Options>(std::in_place) : Parse(words);
   if (!options) {
     fputs(kUsage, stderr);
     return 2;
@@ -224,7 +229,7 @@ int main() {
     fprintf(stderr, "HoardexHost: COM does not start: %s\n", host::CodeText(hr).c_str());
     return 1;
   }
-  const int result = Run(*options);
+  const int result = examine ? host::RunExamination({words.begin() + 1, words.end()}) : Run(*options);
   CoUninitialize();
   return result;
 }

@@ -69,7 +69,8 @@ int Main(int argc, char** argv) {
   app.require_subcommand(1);
   app.set_help_all_flag("--help-all", "Help of all commands");
   app.footer(
-      "The launcher knows more: test (builds and runs all tests), bench FILE… (speed beside other readers), fuzz "
+      "The launcher knows more: setup (makes everything ready; --remove takes it back), test (builds and runs all "
+      "tests), bench FILE… (speed beside other readers), fuzz "
       "(looks "
       "for input that the readers cannot bear) and mkvault (makes stores to try it with).");
   std::function<int()> command;
@@ -160,6 +161,27 @@ int Main(int argc, char** argv) {
   check_urls->excludes(check_all)->excludes(check_demo);
   check_command->add_flag("--json", check.json, "The result as JSON");
   check_command->callback([&] { command = [&] { return RunCheck(environment(), check); }; });
+
+  WatchArguments watch;
+  auto* watch_command =
+      app.add_subcommand("watch", "Follow the vaults' files on disk and index what changes, until Ctrl-C");
+  watch_command->add_option("--quiet", watch.quiet_seconds, "Seconds that a file must rest before it is looked into")
+      ->check(CLI::Range(0.1, 3600.0))
+      ->capture_default_str();
+  watch_command->add_flag("--once", watch.once, "Index what has changed since the last time, and end");
+  watch_command
+      ->add_option("--timeout", watch.timeout_seconds, "Seconds without any answer before the protocol host is ended")
+      ->check(CLI::Range(1, 86400))
+      ->capture_default_str();
+  watch_command->callback([&] { command = [&] { return RunWatch(environment(), watch); }; });
+
+  DoctorArguments doctor;
+  auto* doctor_command = app.add_subcommand("doctor", "Say whether all is well, what is wrong and what to do");
+  doctor_command->add_flag(
+      "--fix", doctor.fix,
+      "Repair what is hoardex's own: registration, drives, leftovers, an index that cannot be read");
+  doctor_command->add_flag("--json", doctor.json, "The checks as JSON");
+  doctor_command->callback([&] { command = [&] { return RunDoctor(environment(), doctor); }; });
 
   bool vaults_json = false;
   std::vector<std::string> added, removed;

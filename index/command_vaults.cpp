@@ -1,12 +1,17 @@
 #include <cstdio>
 #include <nlohmann/json.hpp>
+#include <optional>
+#include <stdexcept>
 
+#include "index/changes.h"
 #include "index/commands.h"
+#include "index/host_items.h"
 #include "index/imports.h"
 #include "index/output.h"
 #include "index/store.h"
 #include "index/text.h"
 #include "index/vaults.h"
+#include "index/windows_side.h"
 
 namespace hoardex {
 
@@ -40,6 +45,40 @@ int RunVaultsList(const Environment& environment, bool as_json) {
   return kExitOk;
 }
 
+namespace {
+
+// What cannot be told to the Windows side is said; the vault folder and the index are put right all the same.
+class WindowsSide {
+ public:
+  explicit WindowsSide(const Environment& environment) : environment_(environment) {}
+
+  // Runs a step; false when it went wrong, now or before.
+  template <typename Step>
+  bool Do(Step step) {
+    if (!well_) return false;
+    try {
+      if (!gatherer_) gatherer_.emplace(HostOptions(environment_, {}, kItemTimeout));
+      Say(step(*gatherer_));
+    } catch (const std::runtime_error& error) {
+      Say(error.what());
+    }
+    return well_;
+  }
+  bool well() const { return well_; }
+
+ private:
+  void Say(const std::string& trouble) {
+    if (trouble.empty()) return;
+    well_ = false;
+    std::fprintf(stderr, "hoardex: %s\n", PrintableText(trouble).c_str());
+  }
+  const Environment& environment_;
+  std::optional<Gatherer> gatherer_;
+  bool well_ = true;
+};
+
+}  // namespace
+
 int RunVaultsAdd(const Environment& environment, const std::vector<std::string>& files) {
   HomeLock lock(environment);
   VaultFolder folder(environment);
@@ -64,6 +103,7 @@ int RunVaultsAdd(const Environment& environment, const std::vector<std::string>&
       refuse(file, import.error);
     }
   }
+  std::vector<std::string> names;
   for (const auto& file : ExpandFolders(stores)) {
     const AddResult added = folder.Add(file);
     if (added.state == AddResult::State::kRefused) {
@@ -71,39 +111,58 @@ int RunVaultsAdd(const Environment& environment, const std::vector<std::string>&
       continue;
     }
     ++taken;
+    if (added.state == AddResult::State::kAdded) names.push_back(added.name);
     Print(OneLine(file.string()) +
           (added.state == AddResult::State::kKnown ? " is already the vault " : " is the vault ") + added.name + "\n");
   }
+  WindowsSide windows(environment);
+  if (taken > 0) windows.Do([&](Gatherer& gatherer) { return AddSearchRoot(environment, gatherer); });
+  for (const std::string& name : names)
+    windows.Do([&](Gatherer& gatherer) { return ReportVault(gatherer, "add", name); });
   if (taken > 0) Print("hoardex index brings them into the index.\n");
   if (refused == 0 && taken == 0) throw CommandError(kExitUsage, "There is no store (.pst or .db) in what was named.");
-  return refused == 0 && left_out == 0 ? kExitOk : taken > 0 ? kExitPartly : kExitFailed;
+  if (refused == 0 && left_out == 0 && windows.well()) return kExitOk;
+  return taken > 0 ? kExitPartly : kExitFailed;
 }
 
 int RunVaultsRemove(const Environment& environment, const std::vector<std::string>& names) {
   HomeLock lock(environment);
   VaultFolder folder(environment);
   Imports imports(environment);
-  bool all = true;
+  WindowsSide windows(environment);
+  std::vector<Vault> removed;
   for (const std::string& name : names) {
     const auto vault = folder.Find(name);
     if (!vault) {
-      all = false;
       std::fprintf(stderr, "hoardex: There is no vault \"%s\".\n", OneLine(name).c_str());
       continue;
     }
     // The link first: an index without it is put right by the next crawl, a link without its items would come back.
     folder.Remove(name);
-    if (std::filesystem::exists(environment.index_file())) {
-      Store(environment.index_file(), Database::Mode::kCreate).RemoveVault(vault->name);
-    }
-    std::string original = vault->source.string();
-    for (const Import& import : imports.List()) {
-      if (import.store == vault->source) original = import.source.string();
-    }
-    imports.Forget(vault->source);
-    Print("The vault " + vault->name + " is no longer indexed; " + OneLine(original) + " is untouched.\n");
+    windows.Do([&](Gatherer& gatherer) { return ReportVault(gatherer, "delete", vault->name); });
+    removed.push_back(*vault);
   }
-  return all ? kExitOk : kExitFailed;
+  if (!removed.empty() && std::filesystem::exists(environment.index_file())) {
+    Store store(environment.index_file(), Database::Mode::kCreate);
+    CrawlOptions options;
+    for (const Vault& vault : folder.List()) options.kept_vaults.insert(vault.name);
+    windows.Do([&](Gatherer& gatherer) {
+      CrawlChanges(gatherer, store, options);
+      return std::string();
+    });
+    // What was not told, or was stopped, goes all the same; what is remembered of the file goes with it.
+    for (const Vault& vault : removed) store.RemoveVault(vault.name);
+  }
+  for (const Vault& vault : removed) {
+    std::string original = vault.source.string();
+    for (const Import& import : imports.List()) {
+      if (import.store == vault.source) original = import.source.string();
+    }
+    imports.Forget(vault.source);
+    Print("The vault " + vault.name + " is no longer indexed; " + OneLine(original) + " is untouched.\n");
+  }
+  if (removed.size() < names.size()) return kExitFailed;
+  return windows.well() ? kExitOk : kExitPartly;
 }
 
 }  // namespace hoardex

@@ -53,6 +53,18 @@ struct WhyArguments {
 };
 int RunWhy(const Environment& environment, const WhyArguments& arguments);
 
+struct WatchArguments {
+  double quiet_seconds = 2;
+  bool once = false;
+  int64_t timeout_seconds = 120;
+};
+int RunWatch(const Environment& environment, const WatchArguments& arguments);
+
+struct DoctorArguments {
+  bool fix = false, json = false;
+};
+int RunDoctor(const Environment& environment, const DoctorArguments& arguments);
+
 int RunVaultsList(const Environment& environment, bool json);
 int RunVaultsAdd(const Environment& environment, const std::vector<std::string>& files);
 int RunVaultsRemove(const Environment& environment, const std::vector<std::string>& names);

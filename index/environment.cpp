@@ -34,6 +34,12 @@ Environment Environment::FromProcess() {
   environment.host_command = SplitCommand(Variable("HOARDEX_HOST"));
   environment.vaultinfo = Variable("HOARDEX_VAULTINFO");
   environment.mkvault = Variable("HOARDEX_MKVAULT");
+  environment.rundll = SplitCommand(Variable("HOARDEX_RUNDLL"));
+  environment.module = Variable("HOARDEX_MODULE");
+  environment.provider = Variable("HOARDEX_PROVIDER");
+  environment.stand_in = Variable("HOARDEX_STAND_IN");
+  environment.prefix = Variable("WINEPREFIX");
+  if (environment.prefix.empty()) environment.prefix = environment.home / "prefix";
   return environment;
 }
 
@@ -65,8 +71,8 @@ HomeLock::HomeLock(const Environment& environment) {
   }
   if (flock(fd_.get(), LOCK_EX | LOCK_NB) == 0) return;
   if (errno == EWOULDBLOCK) {
-    throw CommandError(
-        kExitFailed, "Another hoardex is updating the index in " + environment.home.string() + "; wait for it to end.");
+    throw LockBusy(kExitFailed,
+                   "Another hoardex is updating the index in " + environment.home.string() + "; wait for it to end.");
   }
   throw CommandError(kExitFailed, file.string() + " cannot be locked: " + std::strerror(errno) + ".");
 }

@@ -22,10 +22,20 @@ class CommandError : public std::runtime_error {
   ExitCode code_;
 };
 
+// Another process holds the HomeLock.
+class LockBusy : public CommandError {
+ public:
+  using CommandError::CommandError;
+};
+
 struct Environment {
   std::filesystem::path home;             // $HOARDEX_HOME, else hoardex in the XDG data folder
   std::vector<std::string> host_command;  // $HOARDEX_HOST: one argument per line
   std::string vaultinfo, mkvault;         // $HOARDEX_VAULTINFO, $HOARDEX_MKVAULT: paths of the programs
+  std::vector<std::string> rundll;        // $HOARDEX_RUNDLL: Wine's rundll32, one argument per line
+  // $HOARDEX_MODULE, $HOARDEX_PROVIDER, $HOARDEX_STAND_IN: Windows paths of the libraries as they were built.
+  std::string module, provider, stand_in;
+  std::filesystem::path prefix;  // $WINEPREFIX, else in the home folder
 
   std::filesystem::path index_file() const { return home / "index.sqlite"; }
   std::filesystem::path vault_folder() const { return home / "vaults" / "Tessary"; }
@@ -43,7 +53,7 @@ struct Environment {
 // Held while the index is being written, by one process per home folder; the system frees it when the process ends.
 class HomeLock {
  public:
-  // Creates the folder if needed. Throws CommandError when another process holds the lock.
+  // Creates the folder if needed. Throws LockBusy when another process holds the lock.
   explicit HomeLock(const Environment& environment);
 
  private:

@@ -54,7 +54,7 @@ TEST_F(CliTest, WrongUsageIsTwoAndHelpIsZero) {
   EXPECT_THAT(Program({"nonsense"}).err, HasSubstr("There is no command \"nonsense\""));
   EXPECT_THAT(Program({"index", ""}).err, HasSubstr("The name is empty"));
   EXPECT_EQ(Program({"dump", ""}).code, 2);
-  for (const char* command : {"index", "search", "show", "dump", "vaults", "check", "why"})
+  for (const char* command : {"index", "search", "show", "dump", "vaults", "check", "why", "watch", "doctor"})
     EXPECT_EQ(Program({command, "--help"}).code, 0) << command;
   EXPECT_THAT(Program({"search", "--help"}).out, HasSubstr("has:attachment"));
 }
@@ -143,6 +143,19 @@ TEST_F(CliTest, TheOriginalIsNeverTouched) {
   EXPECT_EQ(fs::last_write_time(store), time);
   EXPECT_THAT(Program({"search", "budget", "--vault", "archive"}).out, HasSubstr("Nothing found"));
   EXPECT_EQ(Program({"vaults", "remove", "archive"}).code, 1);
+}
+
+TEST_F(CliTest, VaultsComeAndGoWithoutTheWindowsSideToo) {
+  IndexBoth();
+  corpus_.SetNotifyResult("0x80040154");
+  corpus_.Save();
+  const Finished removed = Program({"vaults", "remove", "archive"});
+  EXPECT_EQ(removed.code, 3);
+  EXPECT_THAT(removed.err, HasSubstr("not told of the vault archive: 0x80040154"));
+  EXPECT_THAT(Program({"search", "budget", "--vault", "archive"}).out, HasSubstr("Nothing found"));
+  const Finished added = Program({"vaults", "add", scratch_.Write("mail/third.pst", kSecond)});
+  EXPECT_EQ(added.code, 3);
+  EXPECT_TRUE(fs::is_symlink(Home("vaults/Tessary/third.db"))) << added.out << added.err;
 }
 
 TEST_F(CliTest, AVaultWhoseOriginalIsGoneKeepsItsItems) {

@@ -46,6 +46,8 @@ json AnswerForIndex(const json& script, const json& request) {
     if (more) waiting.erase(waiting.begin() + static_cast<std::ptrdiff_t>(most), waiting.end());
     return {{"changes", waiting}, {"more", more}};
   }
+  if (request.contains("notify"))
+    return {{"notify", request["notify"]}, {"result", script.value("notify_result", "0x00000000")}};
   if (!request.contains("done")) return nullptr;
   std::ofstream(done_file) << request["done"].get<int64_t>();
   return {{"done", request["done"]}};
@@ -79,6 +81,7 @@ int main(int argc, char** argv) {
     const std::string url = request.contains("roots")     ? "start"
                             : request.contains("changes") ? "changes"
                             : request.contains("done")    ? "done"
+                            : request.contains("notify")  ? "notify"
                                                           : request.at("url").get<std::string>();
     int number = 0;
     const int earlier = Occurrences(log, url, &number);

@@ -137,7 +137,7 @@ std::vector<std::string> Corpus::Requests() {
   std::istringstream in(Slurp(log));
   std::vector<std::string> lines;
   for (std::string line; std::getline(in, line);) {
-    if (line != "start" && line != "changes" && line != "done") lines.push_back(line);
+    if (line != "start" && line != "changes" && line != "done" && line != "notify") lines.push_back(line);
   }
   fs::remove(log);
   return lines;
@@ -221,6 +221,8 @@ Finished RunProgram(const Scratch& scratch, const std::vector<std::string>& argu
         "HOARDEX_HOST",
         (std::string(std::getenv("FAKE_HOST")) + "\n" + (scratch.path() / "script.json").string() + "\nserve").c_str(),
         1);
+    setenv("HOARDEX_RUNDLL", "true", 1);
+    setenv("HOARDEX_MODULE", "Z:\\HoardexPH.dll", 1);
     setenv("HOARDEX_VAULTINFO", info.c_str(), 1);
     setenv("HOARDEX_MKVAULT", maker.c_str(), 1);
     std::vector<char*> argv{std::getenv("HOARDEX_CLI")};

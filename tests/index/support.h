@@ -56,6 +56,8 @@ class Corpus {
   void AddRule(const std::string& pattern, bool included, bool is_default);
   nlohmann::json& script() { return script_; }
 
+  // What the index answers to a report of a change.
+  void SetNotifyResult(const std::string& code) { script_["notify_result"] = code; }
   // What the host answers when the item (all, for "*") is checked.
   void SetCheck(const std::string& url, nlohmann::json record) { script_["checks"][url] = std::move(record); }
 

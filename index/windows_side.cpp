@@ -1,0 +1,132 @@
+#include "index/windows_side.h"
+
+#include <system_error>
+
+#include "index/host_connection.h"
+
+namespace hoardex {
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+
+constexpr auto kLongest = std::chrono::seconds(180);  // a cold start of Wine on a busy machine, and three slow steps
+constexpr auto kPoll = std::chrono::milliseconds(200);
+constexpr const char* kMailClient = R"(HKLM\Software\Clients\Mail\Microsoft Outlook)";
+constexpr const char* kVaultRoot = R"(HKCU\SOFTWARE\Trelmo\Zarnak\Client\Tessary)";
+
+struct Finished {
+  std::vector<std::string> lines;
+  std::string end;  // as HostConnection words it
+};
+
+// Runs a command to its end. The pipe says nothing about that: a service that Wine starts may hold it.
+Finished RunToEnd(const std::vector<std::string>& command, const fs::path& log) {
+  HostConnection child(command, log);
+  Finished finished;
+  const auto deadline = HostConnection::Clock::now() + kLongest;
+  while (HostConnection::Clock::now() < deadline && !Interrupted()) {
+    std::string line;
+    switch (child.Wait(kPoll, &line)) {
+      case HostConnection::Event::kLine:
+        finished.lines.push_back(std::move(line));
+        break;
+      case HostConnection::Event::kGone:
+        finished.end = child.end_reason();
+        return finished;
+      case HostConnection::Event::kNothing:
+        break;
+    }
+  }
+  child.Kill();
+  finished.end = Interrupted() ? "was stopped" : "did not end";
+  return finished;
+}
+
+}  // namespace
+
+json ExamineWindowsSide(const Environment& environment, bool clear) {
+  if (environment.host_command.empty()) environment.Require("");
+  std::vector<std::string> command = environment.host_command;
+  if (command.back() == "serve") command.pop_back();
+  command.push_back("examine");
+  if (clear) command.push_back("--clear");
+  Finished finished;
+  try {
+    finished = RunToEnd(command, environment.host_log());
+  } catch (const std::system_error& error) {
+    throw HostError("The protocol host cannot be started: " + std::string(error.what()) + ".");
+  }
+  for (const std::string& line : finished.lines) {
+    json facts = json::parse(line, nullptr, false);
+    if (facts.is_object()) return facts;
+  }
+  throw HostError("The protocol host " + finished.end + " and told nothing; " + environment.host_log().string() +
+                  " may say more.");
+}
+
+std::string RunInWine(const Environment& environment, const std::vector<std::string>& words) {
+  if (environment.rundll.empty()) return "Wine's programs are not named in the environment: start ./hoardex.";
+  std::vector<std::string> command(environment.rundll.begin(), environment.rundll.end() - 1);
+  command.insert(command.end(), words.begin(), words.end());
+  try {
+    const Finished finished = RunToEnd(command, environment.host_log());
+    return finished.end == "ended with status 0" ? "" : words.front() + " " + finished.end + ".";
+  } catch (const std::system_error& error) {
+    return words.front() + " cannot be started: " + error.what() + ".";
+  }
+}
+
+std::string RunExport(const Environment& environment, const std::string& name) {
+  if (environment.module.empty()) return "The module is not named in the environment: start ./hoardex.";
+  return RunInWine(environment, {environment.rundll.empty() ? "rundll32" : environment.rundll.back(),
+                                 environment.module + "," + name});
+}
+
+std::vector<std::string> RegisterWindowsSide(const Environment& environment) {
+  std::vector<std::string> troubles;
+  const auto step = [&](const std::string& what, const std::string& trouble) {
+    if (!trouble.empty()) troubles.push_back(what + ": " + trouble);
+  };
+  if (!environment.provider.empty())
+    step("The mail client",
+         RunInWine(environment, {"reg", "add", kMailClient, "/v", "DLLPathEx", "/d", environment.provider, "/f"}));
+  step("The folder of vaults",
+       RunInWine(environment, {"reg", "add", kVaultRoot, "/v", "HXRootDirectory", "/d", "V:\\", "/f"}));
+  // The stand-in before the module, whose search root goes there.
+  for (const auto& [what, library] :
+       {std::pair("The index's stand-in", environment.stand_in), std::pair("The module", environment.module)})
+    if (!library.empty()) step(what, RunInWine(environment, {"regsvr32", "/s", library}));
+  step("The search root", RunExport(environment, "ZKHoardexAddProtocol"));
+  return troubles;
+}
+
+std::string ReportVault(Gatherer& gatherer, const char* change, const std::string& name) {
+  const json answer = gatherer.Request({{"notify", change}, {"path", "V:\\Tessary\\" + name + ".db"}}, "notify");
+  const json code = answer.value("result", json()), word = answer.value("name", json(""));
+  if (code == "0x00000000") return {};
+  return "The index was not told of the vault " + name + ": " +
+         (code.is_string() ? code.get<std::string>() : "no result") +
+         (word.is_string() && word != "" ? " " + word.get<std::string>() : "") + ".";
+}
+
+std::string AddSearchRoot(const Environment& environment, Gatherer& gatherer) {
+  if (std::string trouble = RunExport(environment, "ZKHoardexAddProtocol"); !trouble.empty()) return trouble;
+  const json answer = gatherer.Request({{"roots", true}}, "roots");
+  if (!answer.contains("roots") || !answer["roots"].empty()) return {};
+  return "The index took no search root; hoardex doctor says more.";
+}
+
+void MapDrives(const Environment& environment) {
+  const fs::path drives = environment.prefix / "dosdevices";
+  for (const auto& [drive, target] : {std::pair<const char*, fs::path>("v:", environment.home / "vaults"),
+                                      std::pair<const char*, fs::path>("z:", "/")}) {
+    std::error_code error;
+    if (fs::equivalent(drives / drive, target, error)) continue;
+    fs::create_directories(target, error);
+    fs::remove(drives / drive, error);
+    fs::create_directory_symlink(target, drives / drive);
+  }
+}
+
+}  // namespace hoardex
