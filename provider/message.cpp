@@ -1,4 +1,5 @@
 #include "provider/items.h"
+#include "provider/msg/copy.h"
 #include "provider/objects.h"
 #include "provider/prop_object.h"
 #include "provider/table.h"
@@ -72,6 +73,16 @@ class Attachment : public PropObject<IAttach> {
   Attachment(const std::shared_ptr<StoreFile>& file, std::shared_ptr<AttachmentProperties> properties)
       : PropObject(Kind::kAttachment, file, properties), attachment_(properties->attachment()) {}
 
+  STDMETHODIMP CopyTo(ULONG, LPCIID, LPSPropTagArray excluded, ULONG, LPMAPIPROGRESS, LPCIID iid, LPVOID to,
+                      ULONG flags, LPSPropProblemArray* problems) override {
+    return Guarded(
+        "IMAPIProp::CopyTo",
+        [&] {
+          msg::CopyAttachment(this, {excluded, iid, to, flags}, problems);
+        },
+        problems);
+  }
+
  protected:
   bool Implements(REFIID iid) const override { return iid == IID_IAttachment || PropObject::Implements(iid); }
 
@@ -113,6 +124,16 @@ class Message : public PropObject<IMessage> {
  public:
   Message(const std::shared_ptr<StoreFile>& file, std::shared_ptr<MessageProperties> properties)
       : PropObject(Kind::kMessage, file, properties), properties_(std::move(properties)) {}
+
+  STDMETHODIMP CopyTo(ULONG, LPCIID, LPSPropTagArray excluded, ULONG, LPMAPIPROGRESS, LPCIID iid, LPVOID to,
+                      ULONG flags, LPSPropProblemArray* problems) override {
+    return Guarded(
+        "IMAPIProp::CopyTo",
+        [&] {
+          msg::CopyMessage(this, {excluded, iid, to, flags}, problems);
+        },
+        problems);
+  }
 
   STDMETHODIMP GetAttachmentTable(ULONG flags, LPMAPITABLE* table) override {
     return Guarded(

@@ -18,16 +18,6 @@ HRESULT Unsupported(const char* function, Out*... outs) noexcept {
 
 extern "C" {
 
-SCODE WINAPI HxOpenIMsgSession(LPMALLOC, ULONG, LPMSGSESS* session) {
-  return Unsupported("OpenIMsgSession", session);
-}
-void WINAPI HxCloseIMsgSession(LPMSGSESS) {
-  Unsupported("CloseIMsgSession");
-}
-SCODE WINAPI HxOpenIMsgOnIStg(LPMSGSESS, LPALLOCATEBUFFER, LPALLOCATEMORE, LPFREEBUFFER, LPMALLOC, LPVOID, LPSTORAGE,
-                              MSGCALLRELEASE*, ULONG, ULONG, LPMESSAGE* message) {
-  return Unsupported("OpenIMsgOnIStg", message);
-}
 HRESULT WINAPI HxWrapStoreEntryID(ULONG, LPTSTR, ULONG, LPENTRYID, ULONG*, LPENTRYID*) {
   return Unsupported("WrapStoreEntryID");
 }
