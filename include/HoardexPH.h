@@ -41,7 +41,23 @@ DECLARE_INTERFACE_(IHoardexNotify, IUnknown) {
 };
 #undef INTERFACE
 
+/* {6E2F0B6D-3C41-4D0E-9A57-2B80C164E71D}: items as files. The same class offers it. `url` is an item URL, `path` a full
+ * path, whose file is replaced. A message becomes a .msg file, an attachment what was attached (a message that was
+ * attached: a .msg file). E_INVALIDARG for a URL that names neither, else the code of the step that failed; then the
+ * part that was written may be left. For MIME text bind the item to IStream through IShellFolder. */
+static const IID IID_IHoardexSave = {0x6E2F0B6D, 0x3C41, 0x4D0E, {0x9A, 0x57, 0x2B, 0x80, 0xC1, 0x64, 0xE7, 0x1D}};
+
+#define INTERFACE IHoardexSave
+DECLARE_INTERFACE_(IHoardexSave, IUnknown) {
+  STDMETHOD(QueryInterface)(THIS_ REFIID iid, void** object) PURE;
+  STDMETHOD_(ULONG, AddRef)(THIS) PURE;
+  STDMETHOD_(ULONG, Release)(THIS) PURE;
+  STDMETHOD(SaveItem)(THIS_ LPCWSTR url, LPCWSTR path) PURE;
+};
+#undef INTERFACE
+
 #if defined(__cplusplus) && defined(__CRT_UUID_DECL)
+__CRT_UUID_DECL(IHoardexSave, 0x6E2F0B6D, 0x3C41, 0x4D0E, 0x9A, 0x57, 0x2B, 0x80, 0xC1, 0x64, 0xE7, 0x1D)
 __CRT_UUID_DECL(IHoardexNotify, 0x6E2F0B6C, 0x3C41, 0x4D0E, 0x9A, 0x57, 0x2B, 0x80, 0xC1, 0x64, 0xE7, 0x1D)
 #endif
 

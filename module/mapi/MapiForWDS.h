@@ -18,7 +18,8 @@ class CMapiForWDS {
  public:
   // The object for the URL's vault file, made and set up on first use; null when the URL names no vault file or the
   // set-up fails. An object whose set-up failed stays as it is and is not kept in the table.
-  static CMapiForWDS* GetMapiObj(std::wstring item_url);
+  // `set_up`, where given, is the set-up's result if there was one.
+  static CMapiForWDS* GetMapiObj(std::wstring item_url, HRESULT* set_up = nullptr);
   // Tears down and destroys every object of the table. No borrower may be at work.
   static void CleanMapiObjs();
 
@@ -26,6 +27,11 @@ class CMapiForWDS {
   HRESULT GetMsgFromURL(const std::wstring& message_url, LPMESSAGE* message);
   // The content of the attachment that an attachment URL names: the first of that display name, ignoring case.
   HRESULT GetStreamFromAttachmentURL(const std::wstring& attachment_url, IStream** stream);
+  // The message as MIME text in memory, base64, as the mail client's converter writes it; the URL's size group is
+  // ignored. Handed out as the converter leaves it: the caller seeks.
+  HRESULT GetMimeStreamFromMessageURL(const std::wstring& url, IStream** stream);
+  // Writes the message to a .msg file (compound file), replacing one that is there. A failed save leaves its part.
+  static HRESULT SaveToMSG(const std::wstring& path, LPMESSAGE source);
   // Names and times of what the container holds: messages first, then sub-folders, and the folder's display path below
   // the top of the message tree. The store itself lists sub-folders only.
   HRESULT BrowseFolder(const std::wstring& folder_url, std::wstring& path, std::vector<std::wstring>& names,

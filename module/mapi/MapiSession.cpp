@@ -113,7 +113,7 @@ bool IsTemporaryProfile(const char* name) {
 
 }  // namespace
 
-CMapiForWDS* CMapiForWDS::GetMapiObj(std::wstring item_url) {
+CMapiForWDS* CMapiForWDS::GetMapiObj(std::wstring item_url, HRESULT* set_up) {
   std::vector<std::wstring> tokens;
   if (ExtractURLTokens(item_url, tokens) <= static_cast<int>(kVaultToken)) {
     ZK_LOG(L"CMapiForWDS::Setup() - ExtractURLTokens failed");
@@ -138,6 +138,7 @@ CMapiForWDS* CMapiForWDS::GetMapiObj(std::wstring item_url) {
   const HRESULT hr = object->Setup(item_url);
   ZK_LOG(L"CMapiForWDS::GetMapiObj() - Call to CMapiForWDS::Setup() returned with value [0x%08lX]. URL is :%s", hr,
          item_url.c_str());
+  if (set_up) *set_up = hr;
   // Neither kept nor torn down: whatever the set-up had opened stays open, and the next request builds another.
   if (SUCCEEDED(hr)) Helpers().Store(key, object);
   made.release();

@@ -7,6 +7,7 @@
 #include <shlwapi.h>
 
 #include "module/core/SCLog.h"
+#include "module/protocol/TemporaryFile.h"
 #include "module/protocol/UrlAccessor.h"
 
 using Microsoft::WRL::ComPtr;
@@ -86,12 +87,21 @@ HRESULT CUrlAccessor::CopyAttachment(IAttach* attachment, LONG method) {
         ZK_LOG(L"CUrlAccessor::Init() - OpenProperty embedded-msg-attachment failed with [0x%08lX]", hr);
         return hr;
       }
-      return E_NOTIMPL;  // written as a file once the module can save a message
+      return CopyMessage(embedded.Get());
     }
     default:
       ZK_LOG(L"CUrlAccessor::Init() - GetProps on attachment failed with [0x%08lX]", E_FAIL);
       return E_FAIL;  // of no kind that is known
   }
+}
+
+HRESULT CUrlAccessor::CopyMessage(IMessage* embedded) {
+  // Its display name is a subject, which may end in anything.
+  temporary_file_ = WithExtension(std::move(temporary_file_), L".msg");
+  const HRESULT hr = CMapiForWDS::SaveToMSG(temporary_file_, embedded);
+  if (FAILED(hr)) return hr;
+  MeasureFile();
+  return S_OK;
 }
 
 HRESULT CUrlAccessor::CopyValue(IAttach* attachment) {
@@ -147,8 +157,12 @@ HRESULT CUrlAccessor::CopyStorage(IStorage* storage) {
     return hr;
   }
   file.Reset();
+  MeasureFile();
+  return S_OK;
+}
+
+void CUrlAccessor::MeasureFile() {
   WIN32_FILE_ATTRIBUTE_DATA data;
   if (GetFileAttributesExW(temporary_file_.c_str(), GetFileExInfoStandard, &data))
     item_size_ = (static_cast<ULONGLONG>(data.nFileSizeHigh) << 32) | data.nFileSizeLow;
-  return S_OK;
 }

@@ -17,6 +17,28 @@ namespace {
 
 constexpr wchar_t kLogSource[] = L".\\HoardexSP";
 
+struct Interface {
+  const IID* iid;
+  void* (*cast)(CHoardexSP&);
+};
+template <class As>
+void* Cast(CHoardexSP& object) {
+  return static_cast<As*>(&object);
+}
+const Interface kInterfaces[] = {
+    {&__uuidof(ISearchProtocol), Cast<ISearchProtocol>},
+    {&__uuidof(IHoardexSP), Cast<IHoardexSP>},
+    {&IID_IDispatch, Cast<IHoardexSP>},
+    {&__uuidof(IHoardexNotify), Cast<IHoardexNotify>},
+    {&__uuidof(IHoardexSave), Cast<IHoardexSave>},
+    {&IID_IShellFolder, Cast<IShellFolder>},
+    {&IID_IPersistFolder, Cast<IPersistFolder>},
+    {&IID_IPersist, Cast<IPersistFolder>},
+    {&IID_IDelegateFolder, Cast<IDelegateFolder>},
+    {&IID_IContextMenu, Cast<IContextMenu>},
+    {&IID_IExtractIconW, Cast<IExtractIconW>},
+};
+
 }  // namespace
 
 HRESULT CreateHoardexSP(IUnknown* outer, REFIID iid, void** object) {
@@ -33,31 +55,23 @@ CHoardexSP::CHoardexSP(IUnknown* outer) : inner_(*this), outer_(outer ? outer : 
   module::Lock();
 }
 CHoardexSP::~CHoardexSP() {
-  site_.Reset();  // while the module is still held
+  site_.Reset();  // both while the module is still held
+  allocator_.Reset();
   module::Unlock();
 }
 
 Microsoft::WRL::ComPtr<IProtocolHandlerSite> CHoardexSP::Site() {
-  AcquireSRWLockShared(&site_lock_);
-  const Microsoft::WRL::ComPtr<IProtocolHandlerSite> site = site_;
-  ReleaseSRWLockShared(&site_lock_);
-  return site;
+  const StateLock::Shared guard(lock_);
+  return site_;
 }
 
 STDMETHODIMP CHoardexSP::InnerUnknown::QueryInterface(REFIID iid, void** object) {
   if (!object) return E_POINTER;
   *object = nullptr;
-  if (iid == IID_IUnknown) {
-    *object = static_cast<IUnknown*>(this);
-  } else if (iid == __uuidof(ISearchProtocol)) {
-    *object = static_cast<ISearchProtocol*>(&owner_);
-  } else if (iid == __uuidof(IHoardexSP) || iid == IID_IDispatch) {
-    *object = static_cast<IHoardexSP*>(&owner_);
-  } else if (iid == __uuidof(IHoardexNotify)) {
-    *object = static_cast<IHoardexNotify*>(&owner_);
-  } else {
-    return E_NOINTERFACE;
-  }
+  if (iid == IID_IUnknown) *object = static_cast<IUnknown*>(this);
+  for (const Interface& known : kInterfaces)
+    if (!*object && iid == *known.iid) *object = known.cast(owner_);
+  if (!*object) return E_NOINTERFACE;
   static_cast<IUnknown*>(*object)->AddRef();
   return S_OK;
 }
@@ -92,9 +106,10 @@ STDMETHODIMP CHoardexSP::Init(TIMEOUT_INFO*, IProtocolHandlerSite* site, PROXY_I
   ZK_LOG(L"CHoardexSP::Init() - Start");
   g_Log.ResetThreshold();
   Microsoft::WRL::ComPtr<IProtocolHandlerSite> kept(site);
-  AcquireSRWLockExclusive(&site_lock_);
-  kept.Swap(site_);
-  ReleaseSRWLockExclusive(&site_lock_);
+  {
+    const StateLock::Exclusive guard(lock_);
+    kept.Swap(site_);
+  }
   kept.Reset();  // the earlier one, outside the lock
   ZK_STEP(kOperation, DeleteAppDataFolder());
   ZK_STEP(kOperation, DetectWDSGroupPolicy());

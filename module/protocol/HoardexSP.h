@@ -3,17 +3,31 @@
 
 #include <windows.h>
 
+#include <shlobj.h>
 #include <wrl/client.h>
+
+#include <atomic>
+#include <string>
 
 #include "include/HoardexPH.h"
 #include "module/core/IHoardexSP.h"
+#include "module/core/StateLock.h"
 #include "platform/searchapi.h"
 
 // Makes a CHoardexSP and returns `iid` of it, aggregated into `outer` if that is set (then `iid` must be IUnknown).
 HRESULT CreateHoardexSP(IUnknown* outer, REFIID iid, void** object);
 
-// Any thread. Its only state is the site; the vault sessions that Init and ShutDown release are the process's.
-class CHoardexSP final : public ISearchProtocol, public IHoardexSP, public IHoardexNotify {
+// Any thread. Its state is the site, the host's allocator of item IDs and the URL of the item that a UI object was last
+// asked for; the vault sessions that Init and ShutDown release are the process's.
+class CHoardexSP final : public ISearchProtocol,
+                         public IHoardexSP,
+                         public IHoardexNotify,
+                         public IHoardexSave,
+                         public IShellFolder,
+                         public IPersistFolder,
+                         public IDelegateFolder,
+                         public IContextMenu,
+                         public IExtractIconW {
  public:
   explicit CHoardexSP(IUnknown* outer);
   CHoardexSP(const CHoardexSP&) = delete;
@@ -42,6 +56,39 @@ class CHoardexSP final : public ISearchProtocol, public IHoardexSP, public IHoar
   STDMETHODIMP AllVaultsAdded() override;
   STDMETHODIMP AllVaultsModified() override;
 
+  // IHoardexSave
+  STDMETHODIMP SaveItem(LPCWSTR url, LPCWSTR path) override;
+
+  // IShellFolder: one level, whose items are named by their URLs
+  STDMETHODIMP ParseDisplayName(HWND window, IBindCtx* context, LPWSTR name, ULONG* eaten, PIDLIST_RELATIVE* id,
+                                ULONG* attributes) override;
+  STDMETHODIMP EnumObjects(HWND, SHCONTF, IEnumIDList**) override { return E_NOTIMPL; }
+  STDMETHODIMP BindToObject(PCUIDLIST_RELATIVE id, IBindCtx* context, REFIID iid, void** object) override;
+  STDMETHODIMP BindToStorage(PCUIDLIST_RELATIVE, IBindCtx*, REFIID, void**) override { return E_NOTIMPL; }
+  STDMETHODIMP CompareIDs(LPARAM, PCUIDLIST_RELATIVE, PCUIDLIST_RELATIVE) override { return 1; }
+  STDMETHODIMP CreateViewObject(HWND, REFIID, void**) override { return E_NOTIMPL; }
+  STDMETHODIMP GetAttributesOf(UINT count, PCUITEMID_CHILD_ARRAY ids, SFGAOF* attributes) override;
+  STDMETHODIMP GetUIObjectOf(HWND window, UINT count, PCUITEMID_CHILD_ARRAY ids, REFIID iid, UINT* reserved,
+                             void** object) override;
+  STDMETHODIMP GetDisplayNameOf(PCUITEMID_CHILD id, SHGDNF flags, STRRET* name) override;
+  STDMETHODIMP SetNameOf(HWND, PCUITEMID_CHILD, LPCWSTR, SHGDNF, PITEMID_CHILD*) override { return E_NOTIMPL; }
+
+  // IPersistFolder
+  STDMETHODIMP GetClassID(CLSID* clsid) override;
+  STDMETHODIMP Initialize(PCIDLIST_ABSOLUTE) override { return S_OK; }
+
+  // IDelegateFolder: the host that delegates to this folder allocates its item IDs
+  STDMETHODIMP SetItemAlloc(IMalloc* allocator) override;
+
+  // IContextMenu
+  STDMETHODIMP QueryContextMenu(HMENU menu, UINT index, UINT first, UINT last, UINT flags) override;
+  STDMETHODIMP InvokeCommand(CMINVOKECOMMANDINFO* command) override;
+  STDMETHODIMP GetCommandString(UINT_PTR, UINT, UINT*, LPSTR, UINT) override { return E_INVALIDARG; }
+
+  // IExtractIconW
+  STDMETHODIMP GetIconLocation(UINT flags, LPWSTR file, UINT size, int* index, UINT* out_flags) override;
+  STDMETHODIMP Extract(LPCWSTR file, UINT index, HICON* large_icon, HICON* small_icon, UINT sizes) override;
+
   // IDispatch, through the module's type library
   STDMETHODIMP GetTypeInfoCount(UINT* count) override;
   STDMETHODIMP GetTypeInfo(UINT index, LCID locale, ITypeInfo** info) override;
@@ -64,10 +111,17 @@ class CHoardexSP final : public ISearchProtocol, public IHoardexSP, public IHoar
 
   virtual ~CHoardexSP();
   int DeleteAppDataFolder();
+  HRESULT MakeAssociations(const std::wstring& url, REFIID iid, void** object);
   Microsoft::WRL::ComPtr<IProtocolHandlerSite> Site();
+  Microsoft::WRL::ComPtr<IMalloc> Allocator();
+  std::wstring MsgURL();
+  void SetMsgURL(std::wstring url);
 
   InnerUnknown inner_;
-  IUnknown* outer_;                   // not counted: the aggregating object outlives this one
-  SRWLOCK site_lock_ = SRWLOCK_INIT;  // Init may replace the site while another thread makes an accessor
+  IUnknown* outer_;  // not counted: the aggregating object outlives this one
+  StateLock lock_;   // Init may replace the site while another thread makes an accessor, and the like
   Microsoft::WRL::ComPtr<IProtocolHandlerSite> site_;
+  Microsoft::WRL::ComPtr<IMalloc> allocator_;
+  std::wstring m_strMsgURL;
+  std::atomic<ULONG> no_menu_ = 0;
 };

@@ -70,3 +70,11 @@ std::wstring TemporaryFilePath(std::wstring_view record_key, std::wstring_view d
   const size_t room = path.size() + kLeastName < kMaxPath ? kMaxPath - path.size() : kLeastName;
   return path.append(SafeFileName(display_name, room));
 }
+
+std::wstring WithExtension(std::wstring path, std::wstring_view extension) {
+  if (path.size() >= extension.size() &&
+      url::EqualIgnoringCase(std::wstring_view(path).substr(path.size() - extension.size()), extension))
+    return path;
+  Cut(path, kMaxPath - extension.size());
+  return path.append(extension);
+}

@@ -12,3 +12,6 @@ std::wstring SafeFileName(std::wstring_view display_name, size_t limit);
 // A path in the module's temporary folder that no other copy has: unique name, record key, safe display name. The
 // folder is made if missing; the path is short enough for the shell's functions. Empty when there is no such folder.
 std::wstring TemporaryFilePath(std::wstring_view record_key, std::wstring_view display_name);
+
+// The path with the extension (with its dot) at its end, unless it ends so already; still short enough for the shell.
+std::wstring WithExtension(std::wstring path, std::wstring_view extension);

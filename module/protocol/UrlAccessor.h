@@ -49,6 +49,8 @@ class CUrlAccessor final : public ComObject<IUrlAccessor> {
   HRESULT CopyValue(IAttach* attachment);
   HRESULT CopyOle(IAttach* attachment);
   HRESULT CopyStorage(IStorage* storage);
+  HRESULT CopyMessage(IMessage* embedded);
+  void MeasureFile();
 
   FILETIME last_modified_ = {};
   bool has_last_modified_ = false;

@@ -1,0 +1,86 @@
+#include "module/shell/ItemIdFactory.h"
+
+#include <new>
+
+using Microsoft::WRL::ComPtr;
+
+namespace {
+
+// What GetPropertyStorage hands out.
+struct Serialized {
+  ~Serialized() { CoTaskMemFree(bytes); }
+  std::span<const std::byte> span() const {
+    return {reinterpret_cast<const std::byte*>(bytes), bytes ? std::size_t{size} : 0};
+  }
+  SERIALIZEDPROPSTORAGE* bytes = nullptr;
+  DWORD size = 0;
+};
+
+HRESULT Serialize(IPropertyStore* store, Serialized& form) {
+  ComPtr<IPersistSerializedPropStorage> persist;
+  const HRESULT hr =
+      store->QueryInterface(__uuidof(IPersistSerializedPropStorage), reinterpret_cast<void**>(persist.GetAddressOf()));
+  return FAILED(hr) ? hr : persist->GetPropertyStorage(&form.bytes, &form.size);
+}
+
+HRESULT Deserialize(std::span<const std::byte> form, ComPtr<IPropertyStore>& store) {
+  HRESULT hr = PSCreateMemoryPropertyStore(__uuidof(IPropertyStore), reinterpret_cast<void**>(store.GetAddressOf()));
+  if (FAILED(hr) || form.empty()) return hr;
+  ComPtr<IPersistSerializedPropStorage> persist;
+  hr = store.As(&persist);
+  if (FAILED(hr)) return hr;
+  return persist->SetPropertyStorage(reinterpret_cast<PCUSERIALIZEDPROPSTORAGE>(form.data()),
+                                     static_cast<DWORD>(form.size()));
+}
+
+}  // namespace
+
+template <class Item, DWORD Signature>
+HRESULT CItemIDFactory<Item, Signature>::CreateItemID(IMalloc* allocator, IPropertyStore* store, PITEMID_CHILD* id) {
+  *id = nullptr;
+  Serialized form;
+  if (store) {
+    const HRESULT hr = Serialize(store, form);
+    if (FAILED(hr)) return hr;
+  }
+  const std::span<const std::byte> storage = form.span();
+  if (!itemid::Fits(storage.size())) return E_OUTOFMEMORY;
+  void* block = allocator ? allocator->Alloc(itemid::InnerSize(storage.size()))
+                          : CoTaskMemAlloc(itemid::BlockSize(storage.size()));
+  if (!block) return E_OUTOFMEMORY;
+  auto* bytes = static_cast<std::byte*>(block);
+  if (!allocator) {
+    memset(bytes, 0, itemid::BlockSize(storage.size()));
+    itemid::WriteOuter(bytes, storage.size());
+  }
+  itemid::WriteInner(bytes, Signature, storage);
+  *id = static_cast<PITEMID_CHILD>(block);
+  return S_OK;
+}
+
+template <class Item, DWORD Signature>
+HRESULT CItemIDFactory<Item, Signature>::GetPropertyFromIDList(PCUIDLIST_RELATIVE list, REFPROPERTYKEY key,
+                                                               PROPVARIANT* value) {
+  PropVariantInit(value);
+  const auto storage = itemid::Storage(reinterpret_cast<const std::byte*>(list), itemid::kUnmeasured, Signature);
+  if (!storage) return E_INVALIDARG;
+  ComPtr<IPropertyStore> store;
+  const HRESULT hr = Deserialize(*storage, store);
+  return FAILED(hr) ? hr : store->GetValue(key, value);
+}
+
+template class CItemIDFactory<HOARDEX_ITEM, itemid::kSignature>;
+
+HRESULT ReadParsingName(PCUIDLIST_RELATIVE list, std::wstring& url) {
+  url.clear();
+  PROPVARIANT value;
+  HRESULT hr = ItemIDs::GetPropertyFromIDList(list, PKEY_ParsingName, &value);
+  if (SUCCEEDED(hr) && (value.vt != VT_LPWSTR || !value.pwszVal)) hr = E_INVALIDARG;
+  try {
+    if (SUCCEEDED(hr)) url = value.pwszVal;
+  } catch (const std::bad_alloc&) {
+    hr = E_OUTOFMEMORY;
+  }
+  PropVariantClear(&value);
+  return hr;
+}
