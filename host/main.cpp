@@ -15,6 +15,7 @@
 #include "host/ModuleLog.h"
 #include "host/Policy.h"
 #include "host/Session.h"
+#include "host/ShellItem.h"
 #include "host/SystemIndex.h"
 #include "host/Text.h"
 
@@ -29,6 +30,7 @@ constexpr char kUsage[] =
     "                                   {\"notify\":\"add|delete|modify\",\"path\":\"...\"}\n"
     "  HoardexHost item URL [--chunks] [--log]\n"
     "                                   print the record of one item; --log adds what the module logged meanwhile\n"
+    "  HoardexHost open URL, print URL  open or print an item, as its context menu in the shell does\n"
     "  HoardexHost roots                print the search roots and the rules of the system's index\n"
     "  HoardexHost notify add|delete|modify [PATH...]\n"
     "                                   tell the index, through the module, that these vault files (all, without one)\n"
@@ -88,6 +90,11 @@ std::optional<host::Json> AnswerForIndex(const host::Json& request) {
   if (request.value("changes", host::Json()) == true) return host::SystemChanges();
   if (request.contains("done") && request["done"].is_number_unsigned())
     return host::ChangesDone(request["done"].get<uint64_t>());
+  const auto text = [&](const char* key) {
+    const host::Json value = request.value(key, host::Json());
+    return value.is_string() ? value.get<std::string>() : std::string();
+  };
+  if (request.contains("save")) return host::SaveItem(text("save"), text("to"), text("format"));
   if (!request.contains("notify")) return std::nullopt;
   const host::Json change = request["notify"], path = request.value("path", host::Json(""));
   if (!change.is_string() || !path.is_string() || !host::IsChange(change.get<std::string>())) return std::nullopt;
@@ -173,6 +180,8 @@ std::optional<Options> Parse(std::vector<std::string> words) {
   const std::string& command = options.command;
   const bool sense = command == "check"    ? (other ? count == 0 : count > 0)
                      : command == "item"   ? count == 1
+                     : command == "open"   ? count == 1
+                     : command == "print"  ? count == 1
                      : command == "notify" ? count >= 1 && host::IsChange(options.urls[0])
                      : command == "serve"  ? count == 0 && (options.check || (!options.files && !other))
                                            : command == "roots" && count == 0;
@@ -184,6 +193,11 @@ int Run(const Options& options) {
   if (options.command == "check" && options.urls.empty()) return CheckEach({options.file}, check_file);
   if (options.command == "serve" && options.files) return Serve(check_file);
   if (options.command == "notify") return NotifyEach(options.urls[0], {options.urls.begin() + 1, options.urls.end()});
+  // Without a session, whose end would sweep the file away that was opened.
+  if (options.command == "open" || options.command == "print") {
+    const host::Json answer = host::OpenItem(options.urls[0], options.command);
+    return WriteLine(answer) && answer.value("result", "") == host::CodeText(S_OK) ? 0 : 1;
+  }
   if (options.command == "roots") {
     const host::Json roots = host::SystemRoots();
     return WriteLine(roots) && !roots.contains("error") ? 0 : 1;
