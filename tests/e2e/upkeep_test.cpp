@@ -73,6 +73,8 @@ std::set<std::string> RegistryOf(const fs::path& prefix) {
     std::ifstream file(prefix / name);
     std::string key;
     for (std::string line; std::getline(file, line);) {
+      // Also a time, of the start of Wine.
+      if (line.starts_with("\"DriverDateData\"")) continue;
       if (line.empty() || line[0] == '#' || line[0] == ';' || line.starts_with("WINE REGISTRY")) continue;
       if (line[0] == '[') {
         key = std::string(name) + " " + line.substr(0, line.rfind(']') + 1);
@@ -104,6 +106,14 @@ TEST_F(Upkeep, TheLifeOfAMachineLeavesNoTrace) {
   // What the installer and the archiving client bring is there before the module comes.
   Wine({"reg", "add", kMailClient, "/v", "DLLPathEx", "/d", System::provider(), "/f"});
   Wine({"reg", "add", kVaultRoot, "/v", "HXRootDirectory", "/d", "V:\\", "/f"});
+  // So are the keys that Windows has and others share, and the mail client's list of profiles.
+  for (const char* key :
+       {"HKLM\\Software\\Microsoft\\Windows Search\\Gather\\Windows\\SystemIndex\\Protocols",
+        "HKLM\\Software\\Microsoft\\Windows Search\\ProtocolHandlers",
+        "HKLM\\Software\\Microsoft\\Windows\\CurrentVersion\\Explorer\\HideDesktopIcons\\ClassicStartMenu",
+        "HKLM\\Software\\Microsoft\\Windows\\CurrentVersion\\Explorer\\HideDesktopIcons\\NewStartPanel",
+        "HKCU\\Software\\Trelmo\\Hoardex\\Profiles"})
+    Wine({"reg", "add", key, "/f"});
   // Wine makes some keys when a program first needs them.
   Wine({"rundll32", "nothing.dll,Nothing"}, System::Wine({"rundll32", "nothing.dll,Nothing"}).code);
   Wine({System::host(), "examine"});
@@ -185,14 +195,14 @@ TEST_F(Upkeep, DoctorNamesEveryFaultAndRepairsWhatIsOurs) {
   const std::string key = std::string("HKCR\\CLSID\\") + kClass;
 
   // What can be wrong at the same time.
+  Wine({System::host(), "notify", "modify"});
   Wine({"reg", "add", key + "\\InprocServer32", "/v", "ThreadingModel", "/d", "Apartment", "/f"});
   Wine({"reg", "delete", "HKLM\\Software\\Microsoft\\Windows Search\\ProtocolHandlers", "/v", "zkoffline3x", "/f"});
   Wine({"reg", "delete", "HKCR\\TypeLib\\{6E2F0B69-3C41-4D0E-9A57-2B80C164E71D}", "/f"});
-  Wine({"reg", "delete", "HKCR\\MAPI/ZK.Note", "/f"});
   Wine({"reg", "delete", kVaultRoot, "/v", "HXRootDirectory", "/f"});
   Wine({"rundll32", System::module() + ",ZKHoardexRemoveProtocol"});
+  Wine({"reg", "delete", "HKCR\\MAPI/ZK.Note", "/f"});
   Wine({"reg", "add", "HKCU\\Software\\Trelmo\\Hoardex\\Profiles\\ZK_HX_1_2_3_4_5", "/f"});
-  Wine({System::host(), "notify", "modify"});
   const fs::path user = [] {
     for (const auto& one : fs::directory_iterator(System::prefix() / "drive_c/users"))
       if (one.path().filename() != "Public") return one.path();
