@@ -63,36 +63,45 @@ PlannedChange Plan(const CrawlScope& scope, const QueuedChange& change) {
   // The root as it is in the store, whatever the notifier's spelling of it.
   const std::string url = ContainerUrl(change.url);
   planned.url = *root + url.substr(root->size());
-  const bool vault = KindOfUrl(AsciiLower(planned.url)) == ItemKind::kVault;
-  planned.target = planned.url == *root                                              ? PlannedChange::Target::kRoot
-                   : vault && !IsTemporaryVault(VaultOfUrl(AsciiLower(planned.url))) ? PlannedChange::Target::kVault
-                                                                                     : PlannedChange::Target::kNoVault;
+  const bool vault = KindOfUrl(planned.url) == ItemKind::kVault;
+  planned.target = planned.url == *root                                  ? PlannedChange::Target::kRoot
+                   : vault && !IsTemporaryVault(VaultOfUrl(planned.url)) ? PlannedChange::Target::kVault
+                                                                         : PlannedChange::Target::kNoVault;
   return planned;
 }
 
+// The vault's URL as the index has it, however the notifier has spelt it; nothing when it is not in the index.
+std::optional<std::string> KnownVault(Store& store, const PlannedChange& change) {
+  const std::string wanted = AsciiLower(change.url);
+  for (const std::string& url : store.VaultsOf(change.root))
+    if (AsciiLower(url) == wanted) return url;
+  return std::nullopt;
+}
+
 // Deletions happen in the store at once; the rest is queued there.
-ChangeReport Apply(Store& store, const PlannedChange& change) {
+ChangeReport Apply(Store& store, PlannedChange change) {
   ChangeReport report;
-  report.change = change;
   if (change.target == PlannedChange::Target::kVault) {
+    const auto known = KnownVault(store, change);
+    report.known = known.has_value();
+    change.url = known.value_or(change.url);
     report.vault = VaultOfUrl(change.url);
     if (change.kind == ChangeKind::kDelete) {
-      const auto removed = store.DropVault(change.root, change.url);
-      report.known = removed.has_value();
-      report.removed = removed.value_or(0);
+      report.removed = store.DropVault(change.root, change.url);
     } else {
-      report.known = store.QueueVault(change.root, change.url);
+      store.QueueVault(change.root, change.url);
     }
   }
   if (change.target == PlannedChange::Target::kRoot) {
     report.known = true;
     if (change.kind == ChangeKind::kDelete) {
       for (const std::string& vault : store.VaultsOf(change.root))
-        report.removed += store.DropVault(change.root, vault).value_or(0);
+        report.removed += store.DropVault(change.root, vault);
     } else {
       store.QueueRoot(change.root);
     }
   }
+  report.change = std::move(change);
   return report;
 }
 
@@ -181,15 +190,14 @@ int64_t TakeUpChanges(Gatherer& gatherer, Store& store, const CrawlScope& scope,
     if (!batch.error.empty() || last <= done) return 0;
     for (const PlannedChange& planned : PlanChanges(scope, batch.changes)) {
       const bool vault = planned.target == PlannedChange::Target::kVault;
+      const auto known = vault ? KnownVault(store, planned) : std::nullopt;
       // The listing of the root finds new vaults. It tells, too, which of those are gone that a deletion named but that
       // are still linked.
-      if (vault && planned.kind == ChangeKind::kDelete && !kept_vaults.contains(VaultOfUrl(planned.url)))
-        store.DropVault(planned.root, planned.url);
-      const auto known = vault ? store.VaultsOf(planned.root) : std::vector<std::string>();
-      const bool listed = std::any_of(known.begin(), known.end(), [&](const std::string& url) {
-        return AsciiLower(url) == AsciiLower(planned.url);
-      });
-      if (listed && planned.kind != ChangeKind::kDelete) store.QueueVault(planned.root, planned.url);
+      if (known && planned.kind != ChangeKind::kDelete) {
+        store.QueueVault(planned.root, *known);
+      } else if (known && !kept_vaults.contains(VaultOfUrl(*known))) {
+        store.DropVault(planned.root, *known);
+      }
       if (planned.target == PlannedChange::Target::kRoot && planned.kind != ChangeKind::kDelete)
         store.QueueRoot(planned.root);
     }

@@ -158,6 +158,12 @@ std::string ContainerPath(const Record& record, ItemKind kind, const Parent& par
   return parent.path.empty() ? name : parent.path + "/" + name;
 }
 
+// A file's name is the same in upper and lower case.
+bool IsVaultFile(std::string_view file) {
+  return file.size() >= kVaultSuffix.size() &&
+         AsciiLower(file.substr(file.size() - kVaultSuffix.size())) == kVaultSuffix;
+}
+
 }  // namespace
 
 bool IsContainer(ItemKind kind) {
@@ -191,7 +197,7 @@ ItemKind KindOfUrl(std::string_view url) {
   std::string_view rest = url.substr(marker + kRootMarker.size());
   if (rest.empty()) return ItemKind::kRoot;
   const size_t end = std::min(rest.find('/'), rest.size());
-  if (!rest.substr(0, end).ends_with(kVaultSuffix)) return ItemKind::kUnknown;
+  if (!IsVaultFile(rest.substr(0, end))) return ItemKind::kUnknown;
   rest.remove_prefix(std::min(end + 1, rest.size()));
   if (rest.empty()) return ItemKind::kVault;
   const size_t message = rest.find(kMessageSuffix);
@@ -204,7 +210,7 @@ std::string VaultOfUrl(std::string_view url) {
   if (marker == std::string_view::npos) return {};
   std::string_view file = url.substr(marker + kRootMarker.size());
   file = file.substr(0, file.find('/'));
-  if (!file.ends_with(kVaultSuffix)) return {};
+  if (!IsVaultFile(file)) return {};
   file.remove_suffix(kVaultSuffix.size());
   const size_t slash = file.rfind('\\');
   return std::string(slash == std::string_view::npos ? file : file.substr(slash + 1));

@@ -139,7 +139,6 @@ void Store::FitScope(const CrawlScope& scope) {
 
 void Store::StartChanges() {
   Begin();
-  single_changes_ = true;
   auto& last = Prepared("SELECT id, finished FROM runs ORDER BY id DESC LIMIT 1").Bind();
   const bool any = last.Step();
   const bool going_on = any && last.Integer(1) == 0;
@@ -165,35 +164,22 @@ std::optional<int64_t> Store::RootId(const std::string& root, bool make) {
   return IdOf(root);
 }
 
-std::optional<int64_t> Store::VaultId(const std::string& root, const std::string& url) {
-  const auto parent = RootId(root, false);
-  if (!parent) return std::nullopt;
-  auto& query = Prepared("SELECT id FROM items WHERE parent = ?1 AND url = ?2 COLLATE NOCASE").Bind(*parent, url);
-  const std::optional<int64_t> id = query.Step() ? std::optional(query.Integer(0)) : std::nullopt;
-  query.Reset();
-  return id;
+void Store::QueueVault(const std::string& root, const std::string& url) {
+  Begin();
+  Prepared("INSERT OR IGNORE INTO items(url, parent, vault, kind) VALUES(?1, ?2, ?3, 2)")
+      .Bind(url, *RootId(root, true), VaultOfUrl(url))
+      .Run();
+  Enqueue(*IdOf(url), ItemKind::kVault);
 }
 
-bool Store::QueueVault(const std::string& root, const std::string& url) {
+int64_t Store::DropVault(const std::string& root, const std::string& url) {
   Begin();
-  const auto known = VaultId(root, url);
-  const int64_t parent = *RootId(root, true);
-  if (!known)
-    Prepared("INSERT INTO items(url, parent, vault, kind) VALUES(?1, ?2, ?3, 2)")
-        .Bind(url, parent, VaultOfUrl(url))
-        .Run();
-  Enqueue(known ? *known : db_.LastInsertId(), ItemKind::kVault);
-  return known.has_value();
-}
-
-std::optional<int64_t> Store::DropVault(const std::string& root, const std::string& url) {
-  Begin();
-  const auto id = VaultId(root, url);
-  if (!id) return std::nullopt;
-  const std::string vault = Load(*id)->vault;
-  const int64_t before = removed_[vault];
-  RemoveTree(*id, vault);
-  return removed_[vault] - before;
+  const auto id = IdOf(url);
+  const auto row = id ? Load(*id) : std::nullopt;
+  if (!row || row->parent != RootId(root, false)) return 0;
+  const int64_t before = removed_[row->vault];
+  RemoveTree(*id, row->vault);
+  return removed_[row->vault] - before;
 }
 
 void Store::QueueRoot(const std::string& root) {
@@ -289,9 +275,6 @@ void Store::Finish(int64_t id, const Record& record, const std::set<std::string>
   Prepared("UPDATE items SET state = ?2, run = ?3, done_time = link_time, error = ?4 WHERE id = ?1")
       .Bind(id, static_cast<int>(state), run_, record.error ? record.error->Describe() : "")
       .Run();
-  // The listing that gives a vault its time has not been asked; the next one shall find it done.
-  if (single_changes_ && row->kind == ItemKind::kVault && !record.error && !record.modified.empty())
-    Prepared("UPDATE items SET link_time = ?2, done_time = ?2 WHERE id = ?1").Bind(id, record.modified).Run();
   // A failure may still have brought something; one that brought nothing does not wipe out what was known.
   if (record.error && record.properties.empty() && record.text.empty() && record.links.empty()) return;
   const Document document = MakeDocument(record, row->kind, LoadParent(row->parent));

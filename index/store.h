@@ -74,11 +74,10 @@ class Store {
   // Records that the item cannot be had; what was indexed of it before stays.
   void Lose(int64_t id, const std::string& reason);
 
-  // What changes of single vaults do; `root` is the URL of the vault's root, and upper and lower case are the same.
-  // QueueVault: the vault is asked for again; false when it is new to the index. DropVault: it goes with its items, and
-  // the number of its messages is returned; nothing when it was not in the index.
-  bool QueueVault(const std::string& root, const std::string& url);
-  std::optional<int64_t> DropVault(const std::string& root, const std::string& url);
+  // What changes of single vaults do; both URLs are as in the index. QueueVault: the vault is asked for again, or for
+  // the first time. DropVault: it goes with its items; returns how many messages went.
+  void QueueVault(const std::string& root, const std::string& url);
+  int64_t DropVault(const std::string& root, const std::string& url);
   // The root and every vault in it are asked for again.
   void QueueRoot(const std::string& root);
   // The vaults that the index knows below a root: their URLs.
@@ -114,13 +113,11 @@ class Store {
   void FitScope(const CrawlScope& scope);
   std::optional<int64_t> IdOf(const std::string& url);
   std::optional<int64_t> RootId(const std::string& root, bool make);
-  std::optional<int64_t> VaultId(const std::string& root, const std::string& url);
   void Enqueue(int64_t id, ItemKind kind);
 
   Database db_;
   bool in_transaction_ = false;
   int64_t run_ = 0;
-  bool single_changes_ = false;
   std::map<std::string, int64_t> removed_;
   // Statements are prepared on first use and kept.
   Statement& Prepared(const char* sql);

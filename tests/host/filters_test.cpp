@@ -28,7 +28,8 @@ Content Read(const std::wstring& extension, const std::string& bytes, ULONG room
   content.contract = filter->Init(0, 0, nullptr, nullptr) == E_FAIL;  // not loaded yet
   ComPtr<IPersistStream> persist;
   ComPtr<IStream> stream;
-  *stream.GetAddressOf() = SHCreateMemStream(reinterpret_cast<const BYTE*>(bytes.data()), static_cast<UINT>(bytes.size()));
+  *stream.GetAddressOf() =
+      SHCreateMemStream(reinterpret_cast<const BYTE*>(bytes.data()), static_cast<UINT>(bytes.size()));
   ULONG flags = 0, last_id = 0;
   if (FAILED(filter.As(&persist)) || FAILED(persist->Load(stream.Get())) ||
       FAILED(filter->Init(IFILTER_INIT_APPLY_INDEX_ATTRIBUTES, 0, nullptr, &flags)))
@@ -71,9 +72,15 @@ TEST(BuiltInFilter, DetectsTheEncodingOfPlainText) {
   };
   const Case cases[] = {
       {"plain", L"plain"},
-      {"Gr\xc3\xbc\xc3\x9f" "e", L"Grüße"},
-      {"\xef\xbb\xbfGr\xc3\xbc\xc3\x9f" "e", L"Grüße"},
-      {"Gr\xfc\xdf" "e", L"Grüße"},  // the ANSI page, 1252 here
+      {"Gr\xc3\xbc\xc3\x9f"
+       "e",
+       L"Grüße"},
+      {"\xef\xbb\xbfGr\xc3\xbc\xc3\x9f"
+       "e",
+       L"Grüße"},
+      {"Gr\xfc\xdf"
+       "e",
+       L"Grüße"},  // the ANSI page, 1252 here
       {std::string("\xff\xfeG\0r\0\xfc\0", 8), L"Grü"},
       {std::string("\xfe\xff\0G\0r\0\xfc", 8), L"Grü"},
       {std::string("n\0o\0 \0m\0a\0r\0k\0", 14), L"no mark"},

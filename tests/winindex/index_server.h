@@ -58,12 +58,15 @@ class IndexServer {
     HRESULT(STDMETHODCALLTYPE * call)();
     return Find(name, call) ? call() : E_NOTIMPL;
   }
-  template <class Interface>
-  HRESULT Create(REFCLSID clsid, ComPtr<Interface>& object) const {
+  HRESULT ClassObject(REFCLSID clsid, ComPtr<IClassFactory>& factory) const {
     HRESULT(STDMETHODCALLTYPE * get)(REFCLSID, REFIID, void**);
     if (!Find("DllGetClassObject", get)) return E_NOTIMPL;
+    return get(clsid, IID_IClassFactory, reinterpret_cast<void**>(factory.ReleaseAndGetAddressOf()));
+  }
+  template <class Interface>
+  HRESULT Create(REFCLSID clsid, ComPtr<Interface>& object) const {
     ComPtr<IClassFactory> factory;
-    const HRESULT hr = get(clsid, IID_IClassFactory, reinterpret_cast<void**>(factory.GetAddressOf()));
+    const HRESULT hr = ClassObject(clsid, factory);
     return FAILED(hr) ? hr
                       : factory->CreateInstance(nullptr, __uuidof(Interface),
                                                 reinterpret_cast<void**>(object.ReleaseAndGetAddressOf()));
