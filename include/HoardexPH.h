@@ -11,7 +11,7 @@
  * not installed), the user's token, the catalog, its change sink; E_FAIL when the index refuses the change, but
  * DB_E_ERRORSOCCURRED (0x80040E21) when it says so. The log tells which step. Paths are full paths with backslashes of
  * vault files, ending in ".db", as the vault folder lists them; NULL and "" stand for all vaults, as the second three
- * operations do. Any apartment; no state is kept.
+ * operations do. Any thread that has initialised COM; no state is kept.
  */
 #ifndef HOARDEX_PH_H
 #define HOARDEX_PH_H
@@ -46,14 +46,15 @@ __CRT_UUID_DECL(IHoardexNotify, 0x6E2F0B6C, 0x3C41, 0x4D0E, 0x9A, 0x57, 0x2B, 0x
 #endif
 
 /* Exports, to be had with GetProcAddress or run with rundll32. They take nothing and return nothing; the log says how
- * it went. Not from DllMain: they call COM, which they initialise for themselves where the caller has not.
+ * it went. Not from DllMain: they call COM, which they initialise for themselves where the caller has not;
+ * an apartment that the caller has chosen is left as it is. docs/registration.md says what they write where.
  *
  *   ZKHoardexAddProtocol         adds the current user's search root and its scope, unless it is there
  *   ZKHoardexRemoveProtocol      removes the current user's search root
  *   ZKHoardexRemoveAllProtocol   removes the search roots of all users
  *   UpdateWDSRegKeyForHX         refreshes the names of the item types and adds the current user's search root; on
  *                                systems before Windows Vista, the location of Windows Desktop Search instead
- *   DeleteWDSRegKeyForHX         takes away what UpdateWDSRegKeyForHX has put there
+ *   DeleteWDSRegKeyForHX         takes away what UpdateWDSRegKeyForHX has put there and is still as it put it
  */
 typedef void(STDAPICALLTYPE* HoardexRegistrationExport)(void);
 

@@ -67,19 +67,25 @@ LONG WriteLocation(const RegistryKey& key, DWORD position) {
   return error;
 }
 
-// Adds the module's location behind those that are there, unless it has one.
-void AddLocation() {
-  const std::wstring path = LocationKey();
+// Adds the module's location behind those that are there, unless it has one. One that is there but cannot be opened is
+// left alone too.
+LONG AddLocation(const std::wstring& path) {
   RegistryKey key;
-  if (key.Open(HKEY_LOCAL_MACHINE, path.c_str()) == ERROR_SUCCESS) return;
+  LONG error = key.Open(HKEY_LOCAL_MACHINE, path.c_str());
+  if (error != ERROR_FILE_NOT_FOUND) return error;
   DWORD position = 0;
-  LONG error = CountLocations(position);
-  if (error == ERROR_SUCCESS) error = key.Create(HKEY_LOCAL_MACHINE, path.c_str());
-  if (error == ERROR_SUCCESS) {
-    error = WriteLocation(key, position);
-    // Half an entry would be taken for a whole one the next time.
-    if (error != ERROR_SUCCESS) RegDeleteTreeW(HKEY_LOCAL_MACHINE, path.c_str());
-  }
+  if ((error = CountLocations(position)) != ERROR_SUCCESS) return error;
+  bool made = false;
+  if ((error = key.Create(HKEY_LOCAL_MACHINE, path.c_str(), KEY_ALL_ACCESS, &made)) != ERROR_SUCCESS) return error;
+  error = WriteLocation(key, position);
+  // Half an entry would be taken for a whole one the next time.
+  if (error != ERROR_SUCCESS && made) RegDeleteTreeW(HKEY_LOCAL_MACHINE, path.c_str());
+  return error;
+}
+
+void UpdateLocation() {
+  const std::wstring path = LocationKey();
+  const LONG error = AddLocation(path);
   if (error != ERROR_SUCCESS)
     ZK_LOG(L"UpdateWDSRegKeyForHX() - Adding the registry key HKLM\\%s failed, errorCode = %ld", path.c_str(), error);
 }
@@ -95,7 +101,7 @@ void RemoveLocation() {
 bool UpdateRegistry() {
   const bool known = DetectOSVersion();
   UpdateTYItemTypeInReg();
-  if (known && OlderGeneration()) AddLocation();
+  if (known && OlderGeneration()) UpdateLocation();
   return known;
 }
 

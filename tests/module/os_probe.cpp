@@ -15,6 +15,7 @@
 #include "tests/support/log_lines.h"
 #include "tests/support/registry_tree.h"
 #include "tests/support/scratch_registry.h"
+#include "tests/support/system_faults.h"
 
 namespace {
 
@@ -44,6 +45,51 @@ void PrintLocation(const char* when) {
     }
   }
   puts("");
+}
+
+// Fails each registry call of an update and of a removal: what is then there of the location, and what is left when the
+// same is done once more undisturbed.
+void PrintFaults(LogLines& log) {
+  constexpr DWORD kError = ERROR_NO_SYSTEM_RESOURCES;
+  SystemFaults system;
+  const RegistryTree before = ModuleHives();
+  UpdateWDSRegKeyForHX();
+  const RegistryTree updated = ModuleHives();
+  int whole = 0, absent = 0, logged = 0, half = 0, wrong = 0;
+  const auto fail = [&](int nth, void(STDAPICALLTYPE * run)()) {
+    log.New();
+    system.Arm(nth, kError, "Reg");
+    run();
+    system.Disarm();
+    return !system.failed().empty();
+  };
+  const auto count_values = [](const RegistryTree& tree) {
+    int count = 0;
+    for (const auto& [name, value] : tree) count += name.find("Locations\\Tessary") != std::string::npos;
+    return count;
+  };
+  for (int nth = 1;; ++nth) {
+    DeleteWDSRegKeyForHX();
+    if (!fail(nth, UpdateWDSRegKeyForHX)) break;
+    const int values = count_values(ModuleHives());
+    ++(values == 11 ? whole : values ? half : absent);
+    for (const std::string& line : log.New())
+      logged += line ==
+                "HoardexPH:UpdateWDSRegKeyForHX() - Adding the registry key HKLM\\Software\\Microsoft\\Windows Desktop "
+                "Search\\DS\\Views\\Locations\\Tessary failed, errorCode = 1450";
+    UpdateWDSRegKeyForHX();
+    wrong += ModuleHives() != updated;
+  }
+  printf("update: whole %d, absent %d, logged %d, half %d, wrong later %d\n", whole, absent, logged, half, wrong);
+  int removals = 0;
+  for (wrong = 0;; ++removals) {
+    UpdateWDSRegKeyForHX();
+    const bool failed = fail(removals + 1, DeleteWDSRegKeyForHX);
+    DeleteWDSRegKeyForHX();
+    wrong += ModuleHives() != before;
+    if (!failed) break;
+  }
+  printf("removal: more than ten calls %d, wrong later %d\n", removals > 10, wrong);
 }
 
 void PrintSystem(LogLines& log) {
@@ -82,6 +128,10 @@ int main(int count, char** arguments) {
     LogLines log;
     for (const wchar_t* other : {L"A", L"B", L"C"})
       ScratchRegistry::SetDword(HKEY_LOCAL_MACHINE, (std::wstring(kLocations) + other).c_str(), L"Type", 9);
+    if (count > 1 && std::string(arguments[1]) == "faults") {
+      PrintFaults(log);
+      return 0;
+    }
     printf("before: Vista %d, Server 2008 %d\n", IsVistaOrLater(), IsServer2008OrLater());
     UpdateRegistryOnAttach();
     PrintSystem(log);

@@ -116,6 +116,7 @@ class RegistrationTest : public testing::Test {
     index().faults.clear();
   }
 
+  ScratchRegistry registry_;
   LogLines log_;
 
  private:

@@ -48,10 +48,7 @@ void FillWithOthers() {
   ScratchRegistry::SetString(HKEY_CLASSES_ROOT, L"MAPI/ZK.Note", L"added", L"by another");
 }
 
-class Hive : public RegistrationTest {
- protected:
-  ScratchRegistry registry_;
-};
+class Hive : public RegistrationTest {};
 
 TEST_F(Hive, IsWhatItWasAfterRegistrationAndItsRemoval) {
   FillWithOthers();

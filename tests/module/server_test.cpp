@@ -8,6 +8,7 @@
 #include <fstream>
 #include <iterator>
 
+#include "include/HoardexPH.h"
 #include "platform/searchapi.h"
 #include "tests/support/module_host.h"
 
@@ -69,6 +70,21 @@ TEST(Module, RegistersItsKeysAndTakesOnlyItsOwnAway) {
   EXPECT_EQ(text(HKEY_LOCAL_MACHINE, approved, kClassText), L"<none>");
 }
 
+TEST(Module, ExportsWhatInstallersCall) {
+  ModuleHost host;
+  ASSERT_TRUE(host.loaded());
+  const HMODULE module = GetModuleHandleW(L"HoardexPH.dll");
+  for (const char* name : {"ZKHoardexAddProtocol", "ZKHoardexRemoveProtocol", "ZKHoardexRemoveAllProtocol",
+                           "UpdateWDSRegKeyForHX", "DeleteWDSRegKeyForHX"}) {
+    const FARPROC address = GetProcAddress(module, name);
+    ASSERT_NE(address, nullptr) << name;
+  }
+  // The types' names are there from the module's load on.
+  EXPECT_EQ(ScratchRegistry::GetString(HKEY_CLASSES_ROOT, L"MAPI/ZK.Task", L"FriendlyTypeName"), L"Tessary Task");
+  reinterpret_cast<HoardexRegistrationExport>(GetProcAddress(module, "DeleteWDSRegKeyForHX"))();
+  EXPECT_FALSE(ScratchRegistry::Exists(HKEY_CLASSES_ROOT, L"MAPI/ZK.Task"));
+}
+
 // Holds an inner object of the module, as an aggregating one does.
 class Outer final : public IUnknown {
  public:
@@ -109,6 +125,14 @@ TEST(Module, ServesItsClassAloneAndAggregated) {
     ASSERT_EQ(library->GetLibAttr(&attributes), S_OK);
     EXPECT_TRUE(attributes->guid == kLibrary);
     library->ReleaseTLibAttr(attributes);
+    Microsoft::WRL::ComPtr<IHoardexNotify> notify;
+    ASSERT_EQ(protocol.As(&notify), S_OK);
+    Microsoft::WRL::ComPtr<ITypeInfo> described;
+    ASSERT_EQ(library->GetTypeInfoOfGuid(IID_IHoardexNotify, &described), S_OK);
+    TYPEATTR* shape = nullptr;
+    ASSERT_EQ(described->GetTypeAttr(&shape), S_OK);
+    EXPECT_EQ(shape->cFuncs, 6) << "as the header for clients has it";
+    described->ReleaseTypeAttr(shape);
     void* nothing = &count;
     EXPECT_EQ(protocol->QueryInterface(IID_IMarshal, &nothing), E_NOINTERFACE);
     EXPECT_EQ(nothing, nullptr);
