@@ -43,8 +43,9 @@ HRESULT Deserialize(std::span<const std::byte> form, ComPtr<IPropertyStore>& sto
   ComPtr<IPersistSerializedPropStorage> persist;
   hr = store.As(&persist);
   if (FAILED(hr)) return hr;
-  return persist->SetPropertyStorage(reinterpret_cast<PCUSERIALIZEDPROPSTORAGE>(form.data()),
-                                     static_cast<DWORD>(form.size()));
+  hr = persist->SetPropertyStorage(reinterpret_cast<PCUSERIALIZEDPROPSTORAGE>(form.data()),
+                                   static_cast<DWORD>(form.size()));
+  return FAILED(hr) && hr != E_OUTOFMEMORY ? E_INVALIDARG : hr;  // what cannot be read makes no ID of ours
 }
 
 }  // namespace
