@@ -42,15 +42,8 @@ HDESK DesktopWithoutDisplay() {
   RegDeleteKeyValueW(HKEY_CURRENT_USER, kDrivers, L"Graphics");
   return desktop;
 }
-// A child process begins on its parent's.
-HDESK TheUsersDesktop() {
-  const HDESK desktop = OpenDesktopW(L"Default", 0, FALSE, GENERIC_ALL);
-  SetThreadDesktop(desktop);
-  return desktop;
-}
 // Before anything asks for a window, and before the registry is redirected.
-const HDESK desktop =
-    GetEnvironmentVariableW(L"HOARDEX_NO_DESKTOP", nullptr, 0) ? TheUsersDesktop() : DesktopWithoutDisplay();
+const HDESK desktop = GetEnvironmentVariableW(L"HOARDEX_NO_DESKTOP", nullptr, 0) ? nullptr : DesktopWithoutDisplay();
 
 std::wstring ProgramFolder(int up) {
   wchar_t path[MAX_PATH] = {};
@@ -235,13 +228,13 @@ void Shell::Handle(const wchar_t* extension) {
 
 std::wstring Shell::Handled(DWORD milliseconds) {
   const DWORD start = GetTickCount();
-  while (GetFileAttributesW(handled_.c_str()) == INVALID_FILE_ATTRIBUTES) {
+  std::string bytes;
+  while (bytes.empty()) {
     if (GetTickCount() - start > milliseconds) return {};
     Sleep(10);
+    std::ifstream file(std::string(handled_.begin(), handled_.end()), std::ios::binary);
+    bytes.assign(std::istreambuf_iterator<char>(file), {});
   }
-  std::ifstream file(std::string(handled_.begin(), handled_.end()), std::ios::binary);
-  const std::string bytes(std::istreambuf_iterator<char>(file), {});
-  file.close();
   DeleteFileW(handled_.c_str());
   std::wstring text(bytes.size() / sizeof(wchar_t), L'\0');
   memcpy(text.data(), bytes.data(), text.size() * sizeof(wchar_t));
