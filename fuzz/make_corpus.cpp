@@ -9,12 +9,14 @@
 #include <string>
 
 #include "fuzz/store_image.h"
+#include "module/shell/ItemIdLayout.h"
 #include "tests/vault/store_surgeon.h"
 #include "tools/mkvault/demo.h"
 #include "vault/heap.h"
 #include "vault/store.h"
 #include "vault/text/compressed_rtf.h"
 #include "vault/writer.h"
+#include "winprops/SerializedStorage.h"
 
 namespace {
 
@@ -255,6 +257,33 @@ void AddUrls(Corpus& corpus) {
   }
 }
 
+// Item IDs around a parsing name, alone and behind another ID, and around nothing. The first byte says where the
+// readable memory ends.
+void AddItemIds(Corpus& corpus) {
+  winprops::Value name;
+  constexpr unsigned char kShell[] = {0xA6, 0x6A, 0x63, 0x28, 0x3D, 0x95, 0xD2, 0x11,
+                                      0xB5, 0xD6, 0x00, 0xC0, 0x4F, 0xD9, 0x18, 0xD0};
+  std::memcpy(name.format.data(), kShell, sizeof kShell);
+  name.id = 24;
+  name.type = 31;
+  for (const char byte : {'\3', '\0', '\0', '\0', 'a', '\0', 'b', '\0', '\0', '\0'})
+    name.data.push_back(static_cast<std::byte>(byte));
+  winprops::Value named = name;
+  std::memcpy(named.format.data(), winprops::kNamedFormat, sizeof winprops::kNamedFormat);
+  named.name = u"n";
+  const winprops::Value both[] = {name, named};
+  for (const std::size_t count : {0, 1, 2}) {
+    const auto storage = winprops::Serialize({both, count});
+    std::vector<std::byte> id(itemid::BlockSize(storage.size()));
+    itemid::WriteOuter(id.data(), storage.size());
+    itemid::WriteInner(id.data(), itemid::kSignature, storage);
+    const std::string bytes(reinterpret_cast<const char*>(id.data()), id.size());
+    corpus.Add("item_id", "hand", '\0', bytes);
+    corpus.Add("item_id", "hand", '\0', std::string("\5\0xyz", 5) + bytes);
+    corpus.Add("item_id", "hand", '\2', bytes);
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -299,6 +328,7 @@ int main(int argc, char** argv) {
       }
     }
     AddUrls(corpus);
+    AddItemIds(corpus);
     AddLists(corpus);
     corpus.AddPrefixes(
         "rtf", 1,

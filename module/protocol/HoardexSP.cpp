@@ -17,6 +17,8 @@ namespace {
 
 constexpr wchar_t kLogSource[] = L".\\HoardexSP";
 
+constexpr int kStoppedOnLink = 681;  // the system's own code, which not every header has
+
 struct Interface {
   const IID* iid;
   void* (*cast)(CHoardexSP&);
@@ -162,7 +164,9 @@ int CHoardexSP::DeleteAppDataFolder() {
   std::wstring folder = AppDataFolder();
   ZK_LOG(L"CHoardexSP::DeleteAppDataFolder() - Trying to delete folder [%s]", folder.c_str());
   int result = ERROR_PATH_NOT_FOUND;
-  if (!folder.empty()) {
+  if (!folder.empty() && !DetachLinks(folder)) {
+    result = kStoppedOnLink;
+  } else if (!folder.empty()) {
     folder.push_back(L'\0');  // the operation takes a list of names, ended by an empty one
     SHFILEOPSTRUCTW operation = {};
     operation.wFunc = FO_DELETE;

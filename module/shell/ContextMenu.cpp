@@ -89,10 +89,10 @@ STDMETHODIMP CHoardexSP::QueryContextMenu(HMENU menu, UINT index, UINT first, UI
 STDMETHODIMP CHoardexSP::InvokeCommand(CMINVOKECOMMANDINFO* command) {
   ZK_GUARD(L"CHoardexSP::InvokeCommand()", [&]() -> HRESULT {
     if (!command) return E_POINTER;
-    const std::wstring url = url::Normalise(MsgURL());
+    const std::wstring kept = MsgURL(), url = url::Normalise(kept);
     const CHoardexURL item(url);
     if (!item.IsMessage() && !item.IsAttachment()) {
-      ZK_LOG(L"CHoardexSP::InvokeCommand() - URL is neither a message or an attachment, URL: %s", url.c_str());
+      ZK_LOG(L"CHoardexSP::InvokeCommand() - URL is neither a message or an attachment, URL: %s", kept.c_str());
       return E_FAIL;
     }
     HRESULT set_up = S_OK;

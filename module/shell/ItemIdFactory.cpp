@@ -1,5 +1,6 @@
 #include "module/shell/ItemIdFactory.h"
 
+#include <algorithm>
 #include <new>
 
 using Microsoft::WRL::ComPtr;
@@ -23,14 +24,28 @@ HRESULT Serialize(IPropertyStore* store, Serialized& form) {
   return FAILED(hr) ? hr : persist->GetPropertyStorage(&form.bytes, &form.size);
 }
 
+// Bytes from `begin` on that can be read: a list has no length but what its own words say, and those may lie.
+std::size_t Readable(const void* begin) {
+  constexpr DWORD kReadable = PAGE_READONLY | PAGE_READWRITE | PAGE_WRITECOPY | PAGE_EXECUTE_READ |
+                              PAGE_EXECUTE_READWRITE | PAGE_EXECUTE_WRITECOPY;
+  const auto first = reinterpret_cast<ULONG_PTR>(begin);
+  ULONG_PTR end = first;
+  MEMORY_BASIC_INFORMATION region;
+  while (end - first < itemid::kLongestList && VirtualQuery(reinterpret_cast<void*>(end), &region, sizeof(region)) &&
+         region.State == MEM_COMMIT && (region.Protect & kReadable) && !(region.Protect & PAGE_GUARD))
+    end = reinterpret_cast<ULONG_PTR>(region.BaseAddress) + region.RegionSize;
+  return (std::min)(static_cast<std::size_t>(end - first), itemid::kLongestList);
+}
+
 HRESULT Deserialize(std::span<const std::byte> form, ComPtr<IPropertyStore>& store) {
   HRESULT hr = PSCreateMemoryPropertyStore(__uuidof(IPropertyStore), reinterpret_cast<void**>(store.GetAddressOf()));
   if (FAILED(hr) || form.empty()) return hr;
   ComPtr<IPersistSerializedPropStorage> persist;
   hr = store.As(&persist);
   if (FAILED(hr)) return hr;
-  return persist->SetPropertyStorage(reinterpret_cast<PCUSERIALIZEDPROPSTORAGE>(form.data()),
-                                     static_cast<DWORD>(form.size()));
+  hr = persist->SetPropertyStorage(reinterpret_cast<PCUSERIALIZEDPROPSTORAGE>(form.data()),
+                                   static_cast<DWORD>(form.size()));
+  return FAILED(hr) && hr != E_OUTOFMEMORY ? E_INVALIDARG : hr;  // what cannot be read makes no ID of ours
 }
 
 }  // namespace
@@ -44,7 +59,8 @@ HRESULT CItemIDFactory<Item, Signature>::CreateItemID(IMalloc* allocator, IPrope
     if (FAILED(hr)) return hr;
   }
   const std::span<const std::byte> storage = form.span();
-  if (!itemid::Fits(storage.size())) return E_OUTOFMEMORY;
+  // A host that allocates IDs itself knows what it can carry.
+  if (!allocator && !itemid::Fits(storage.size())) return E_OUTOFMEMORY;
   void* block = allocator ? allocator->Alloc(itemid::InnerSize(storage.size()))
                           : CoTaskMemAlloc(itemid::BlockSize(storage.size()));
   if (!block) return E_OUTOFMEMORY;
@@ -62,7 +78,7 @@ template <class Item, DWORD Signature>
 HRESULT CItemIDFactory<Item, Signature>::GetPropertyFromIDList(PCUIDLIST_RELATIVE list, REFPROPERTYKEY key,
                                                                PROPVARIANT* value) {
   PropVariantInit(value);
-  const auto storage = itemid::Storage(reinterpret_cast<const std::byte*>(list), itemid::kUnmeasured, Signature);
+  const auto storage = itemid::Storage(reinterpret_cast<const std::byte*>(list), Readable(list), Signature);
   if (!storage) return E_INVALIDARG;
   ComPtr<IPropertyStore> store;
   const HRESULT hr = Deserialize(*storage, store);

@@ -28,10 +28,11 @@ class CItemIDFactory {
 
  public:
   // An ID around the store's serialised form; without a store the form is empty. With an allocator the host's memory
-  // and outer fields, else memory of CoTaskMemAlloc. E_OUTOFMEMORY when the form is too long for an ID.
+  // and outer fields, else memory of CoTaskMemAlloc. E_OUTOFMEMORY when the allocator, or without one an ID, cannot
+  // carry the form. `id` is null after a failure.
   static HRESULT CreateItemID(IMalloc* allocator, IPropertyStore* store, PITEMID_CHILD* id);
   // A property of the last ID of a list; VT_EMPTY when its store has none of this key. E_INVALIDARG for anything that
-  // is not an ID of ours.
+  // is not an ID of ours, however it is broken; memory that cannot be read is not read.
   static HRESULT GetPropertyFromIDList(PCUIDLIST_RELATIVE list, REFPROPERTYKEY key, PROPVARIANT* value);
 };
 

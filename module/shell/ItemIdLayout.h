@@ -37,9 +37,9 @@ void WriteOuter(std::byte* id, std::size_t storage);
 void WriteInner(std::byte* id, std::uint32_t signature, std::span<const std::byte> storage);
 
 // The storage in the last ID of a list, which must be one of ours in every size and mark; nothing otherwise. Reads no
-// byte beyond `readable` and none beyond what the sizes in the list cover; a list that nobody can measure is given the
-// default.
-inline constexpr std::size_t kUnmeasured = 1 << 20;
+// byte beyond `readable` and none beyond what the sizes in the list cover. No list need be taken for longer than
+// kLongestList.
+inline constexpr std::size_t kLongestList = 1 << 20;
 std::optional<std::span<const std::byte>> Storage(const std::byte* list, std::size_t readable, std::uint32_t signature);
 
 }  // namespace itemid

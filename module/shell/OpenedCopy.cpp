@@ -19,7 +19,8 @@ namespace {
 constexpr wchar_t kLogSource[] = L".\\HoardexSP";
 
 // Programs, scripts, and what makes Windows run one or change its settings when it is opened.
-constexpr const wchar_t* kExecutable[] = {L".ade",
+constexpr const wchar_t* kExecutable[] = {L".386",
+                                          L".ade",
                                           L".adp",
                                           L".app",
                                           L".application",
@@ -32,6 +33,7 @@ constexpr const wchar_t* kExecutable[] = {L".ade",
                                           L".bat",
                                           L".bgi",
                                           L".cab",
+                                          L".cdxml",
                                           L".cer",
                                           L".chm",
                                           L".cmd",
@@ -114,6 +116,8 @@ constexpr const wchar_t* kExecutable[] = {L".ade",
                                           L".psc2",
                                           L".psd1",
                                           L".psdm1",
+                                          L".psm1",
+                                          L".pssc",
                                           L".pst",
                                           L".py",
                                           L".pyc",
@@ -143,6 +147,7 @@ constexpr const wchar_t* kExecutable[] = {L".ade",
                                           L".vhdx",
                                           L".vsmacros",
                                           L".vsw",
+                                          L".vxd",
                                           L".webpnp",
                                           L".website",
                                           L".ws",
@@ -208,6 +213,7 @@ HRESULT CopyAttachmentForShell(const std::wstring& attachment_url, std::wstring&
 
 bool IsExecutableType(const std::wstring& path) {
   const std::wstring_view extension = PathFindExtensionW(path.c_str());
+  if (extension.starts_with(L".{")) return true;  // the number of a class, which need not be a type of documents
   for (const wchar_t* type : kExecutable)
     if (url::EqualIgnoringCase(extension, type)) return true;
   return false;

@@ -1,0 +1,351 @@
+// One thing after the other goes wrong under an item that is bound, opened, printed or saved.
+#include <windows.h>
+
+#include <shellapi.h>
+#include <shlobj.h>
+#include <shlwapi.h>
+
+#include <functional>
+
+#include "include/HoardexPH.h"
+#include "module/protocol/HoardexSP.h"
+#include "platform/converter.h"
+#include "tests/module/shell_fixture.h"
+#include "tests/support/import_hook.h"
+
+namespace shell {
+namespace {
+
+using Microsoft::WRL::ComPtr;
+
+constexpr HRESULT kFault = STG_E_MEDIUMFULL;
+const std::string kCode = "[0x80030070]";
+
+// A handler that takes everything, so that no program starts.
+class Executed {
+ public:
+  int count = 0;
+
+ private:
+  ZK_IMPORT_HOOK(ShellExecuteW)
+  hook_{[this](auto, HWND, LPCWSTR, LPCWSTR, LPCWSTR, LPCWSTR, INT) -> HINSTANCE {
+    ++count;
+    return reinterpret_cast<HINSTANCE>(INT_PTR{33});
+  }};
+};
+
+class Faults : public Shell {
+ protected:
+  // What is alive while the store is open stays so.
+  void ExpectLevel(const ProviderFaults::Alive& open, const std::string& what) {
+    EXPECT_EQ(ProviderFaults::Count(), open) << what;
+    EmptyTemporaryFolder();  // fails where somebody holds a file
+  }
+  HRESULT Open() { return Invoke(message_, 0u); }
+  HRESULT OpenReport() { return Invoke(attachments_[kReport], 0u); }
+  HRESULT Save(const std::wstring& url) {
+    ComPtr<IHoardexSave> save;
+    EXPECT_EQ(folder_.As(&save), S_OK);
+    return save->SaveItem(url.c_str(), (folder_path_ + L"\\saved.tmp").c_str());
+  }
+
+  Executed executed_;
+};
+
+TEST_F(Faults, OfMapiAreSaidAndPassedOn) {
+  const std::string mime = "CMapiForWDS::GetMimeStreamFromMessageURL() - ", msg = "CMapiForWDS::SaveToMSG() - ",
+                    invoke = "CHoardexSP::InvokeCommand() - ", ansi = msg + "ANSI OpenIMsgOnIStg returned with ";
+  const auto bind = [&] { return Bind(message_, IID_IStream); };
+  const auto bind_report = [&] { return Bind(attachments_[kReport], IID_IStream); };
+  const auto open = [&] { return Open(); };
+  // Messages within the message are saved before it.
+  ProviderFaults::Clear();
+  EXPECT_EQ(Open(), S_OK);
+  long saves = 0;
+  for (long n = ProviderFaults::CallsEntered(); n > 0; --n)
+    saves += std::string(ProviderFaults::CallName(n)) == "IMAPIProp::SaveChanges";
+  EmptyTemporaryFolder();
+  executed_.count = 0;
+  const struct {
+    const char* call;
+    long nth;
+    bool from_then_on;
+    std::function<HRESULT()> operation;
+    HRESULT result;
+    std::vector<std::string> lines;
+  } kCases[] = {
+      {"IMsgStore::OpenEntry",
+       1,
+       false,
+       bind,
+       kFault,
+       {"CMapiForWDS::GetMimeStreamFromMessageURL() : hr = 0x80030070, Failed to create IMessage object for url - "}},
+      {"IMAPISession::OpenAddressBook",
+       1,
+       false,
+       bind,
+       kFault,
+       {mime + "IMAPISession::OpenAddressBook failed, hr = " + kCode}},
+      {"IMessage::GetAttachmentTable",
+       1,
+       false,
+       bind_report,
+       kFault,
+       {"CHoardexSP::BindToObject() - GetStreamFromAttachmentURL() failed with " + kCode}},
+      {"IMsgStore::OpenEntry", 1, false, open, kFault, {invoke + "GetMsgFromURL failed with " + kCode}},
+      {"OpenIMsgSession",
+       1,
+       false,
+       open,
+       kFault,
+       {msg + "OpenIMsgSession failed with " + kCode, invoke + "SaveToMSG failed with " + kCode}},
+      {"OpenIMsgOnIStg",
+       1,
+       false,
+       open,
+       S_OK,
+       {msg + "Unicode OpenIMsgOnIStg returned with " + kCode, ansi + "[0x00000000]"}},
+      {"OpenIMsgOnIStg",
+       1,
+       true,
+       open,
+       kFault,
+       {msg + "Unicode OpenIMsgOnIStg returned with " + kCode, ansi + kCode,
+        invoke + "SaveToMSG failed with " + kCode}},
+      {"IMAPIProp::CopyTo",
+       1,
+       false,
+       open,
+       kFault,
+       {msg + "CopyTo failed with " + kCode, invoke + "SaveToMSG failed with " + kCode}},
+      {"IMAPIProp::SaveChanges",
+       saves,
+       false,
+       open,
+       kFault,
+       {msg + "SaveChanges failed with " + kCode, invoke + "SaveToMSG failed with " + kCode}},
+  };
+  const ProviderFaults::Alive alive = ProviderFaults::Count();
+  for (const auto& fault : kCases) {
+    log_->New();
+    ProviderFaults::Fail(fault.call, fault.nth, kFault, fault.from_then_on);
+    const HRESULT hr = fault.operation();
+    ProviderFaults::Clear();
+    EXPECT_EQ(hr, fault.result) << fault.call;
+    EXPECT_TRUE(InOrder(log_->New(), fault.lines)) << fault.call;
+    ExpectLevel(alive, fault.call);
+  }
+  EXPECT_EQ(executed_.count, 1) << "nothing is opened but what was saved";
+}
+
+// Every call that an operation makes fails once: nothing breaks, nothing stays, and the next time all is well.
+TEST_F(Faults, OfAnyCallLeaveNothing) {
+  const struct {
+    const char* name;
+    std::function<HRESULT()> run;
+  } kOperations[] = {{"bind", [&] { return Bind(message_, IID_IStream); }},
+                     {"bind attachment", [&] { return Bind(attachments_[kReport], IID_IStream); }},
+                     {"open", [&] { return Open(); }},
+                     {"open attachment", [&] { return OpenReport(); }},
+                     {"open attached message", [&] { return Invoke(attachments_[kInner], 0u); }}};
+  const ProviderFaults::Alive alive = ProviderFaults::Count();
+  for (const auto& operation : kOperations) {
+    ProviderFaults::Clear();
+    ASSERT_EQ(operation.run(), S_OK) << operation.name;
+    EmptyTemporaryFolder();
+    const long calls = ProviderFaults::CallsEntered();
+    ASSERT_GT(calls, 5) << operation.name;
+    int failed = 0;
+    for (long n = 1; n <= calls && !HasFailure(); ++n) {
+      ProviderFaults::Fail(nullptr, n, kFault);
+      const HRESULT hr = operation.run();
+      const char* call = ProviderFaults::CallName(n);
+      ProviderFaults::Clear();
+      EXPECT_TRUE(hr == S_OK || FAILED(hr));
+      failed += FAILED(hr);
+      ExpectLevel(alive, std::string(operation.name) + ", call " + std::to_string(n) + " " + (call ? call : ""));
+    }
+    EXPECT_GT(failed, 2) << operation.name;
+    EXPECT_EQ(operation.run(), S_OK);
+    ExpectLevel(alive, operation.name);
+  }
+}
+
+TEST_F(Faults, OfTheSystemAreSaidAndPassedOn) {
+  const ProviderFaults::Alive alive = ProviderFaults::Count();
+  const auto expect = [&](HRESULT hr, HRESULT expected, const std::vector<std::string>& lines) {
+    EXPECT_EQ(hr, expected) << lines[0];
+    EXPECT_TRUE(InOrder(log_->New(), lines));
+    ExpectLevel(alive, lines[0]);
+  };
+  const std::string saved = "CHoardexSP::InvokeCommand() - SaveToMSG failed with " + kCode;
+  {
+    const ZK_IMPORT_HOOK(StgCreateDocfile) hook(
+        [](auto, const WCHAR*, DWORD mode, DWORD, IStorage**) -> HRESULT { return mode == 0x11002 ? kFault : E_FAIL; });
+    expect(Open(), kFault, {"CMapiForWDS::SaveToMSG() - StgCreateDocfile failed with " + kCode, saved});
+  }
+  {
+    const ZK_IMPORT_HOOK(WriteClassStg) hook([](auto, IStorage*, REFCLSID) -> HRESULT { return kFault; });
+    expect(Open(), kFault, {"CMapiForWDS::SaveToMSG() - WriteClassStg failed with " + kCode, saved});
+    // An attached message has no line of its own for it.
+    expect(Invoke(attachments_[kInner], 0u), kFault, {"CMapiForWDS::SaveToMSG() - WriteClassStg failed with " + kCode});
+  }
+  {
+    const ZK_IMPORT_HOOK(CreateStreamOnHGlobal) hook([](auto, HGLOBAL, BOOL, IStream**) -> HRESULT { return kFault; });
+    expect(Bind(message_, IID_IStream), kFault,
+           {"CMapiForWDS::GetMimeStreamFromMessageURL() - SHCreateStreamOnFile failed, hr = " + kCode});
+  }
+  {
+    const ZK_IMPORT_HOOK(CoCreateInstance)
+        hook([](auto, REFCLSID, IUnknown*, DWORD, REFIID, void**) -> HRESULT { return kFault; });
+    expect(Bind(message_, IID_IStream), kFault,
+           {"CMapiForWDS::GetMimeStreamFromMessageURL() - Failed to create IConverterSession object, hr = " + kCode});
+  }
+  {
+    const ZK_IMPORT_HOOK(AssocCreate) hook([](auto, CLSID, REFIID, void**) -> HRESULT { return kFault; });
+    ComPtr<IQueryAssociations> associations;
+    expect(UIObject(message_, IID_IQueryAssociations, associations), kFault,
+           {"CHoardexSP::GetUIObjectOf() - AssocCreate failed with " + kCode});
+  }
+  {
+    const ZK_IMPORT_HOOK(SHGetSpecialFolderPathW) hook([](auto, HWND, LPWSTR, int, BOOL) -> BOOL { return FALSE; });
+    EXPECT_EQ(Open(), E_FAIL);
+    ComPtr<ISearchProtocol> protocol;
+    ASSERT_EQ(folder_.As(&protocol), S_OK);
+    protocol->ShutDown();
+    EXPECT_TRUE(InOrder(log_->New(), {"CHoardexSP::DeleteAppDataFolder() - Trying to delete folder []",
+                                      "CHoardexSP::DeleteAppDataFolder() - Could not delete folder []"}));
+  }
+  EXPECT_EQ(executed_.count, 0);
+}
+
+TEST_F(Faults, OfThePropertyStoreMakeNoIds) {
+  ItemId good;
+  Parse(message_, good);
+  const ZK_IMPORT_HOOK(PSCreateMemoryPropertyStore) hook([](auto, REFIID, void** store) -> HRESULT {
+    *store = nullptr;
+    return kFault;
+  });
+  ItemId item;
+  ULONG attributes = 7;
+  std::wstring name = message_;
+  EXPECT_EQ(folder_->ParseDisplayName(nullptr, nullptr, name.data(), nullptr, &item.list, &attributes), kFault);
+  EXPECT_EQ(item.list, nullptr);
+  EXPECT_EQ(attributes, 0u);
+  const std::string what = " failed with " + kCode;
+  EXPECT_TRUE(InOrder(log_->New(), {"CHoardexSP::ParseDisplayName() - PSCreateMemoryPropertyStore for a getting an "
+                                    "IPropertyStore interface failed with error " +
+                                    kCode}));
+  STRRET text;
+  EXPECT_EQ(folder_->GetDisplayNameOf(good.child(), 0, &text), kFault);
+  EXPECT_TRUE(InOrder(log_->New(), {"CHoardexSP::GetDisplayNameOf() - GetPropertyFromIDList" + what}));
+  PCUITEMID_CHILD child = good.child();
+  ComPtr<IUnknown> object;
+  void** out = reinterpret_cast<void**>(object.GetAddressOf());
+  EXPECT_EQ(folder_->GetUIObjectOf(nullptr, 1, &child, IID_IContextMenu, nullptr, out), kFault);
+  EXPECT_TRUE(InOrder(log_->New(), {"CHoardexSP::GetUIObjectOf() - GetPropertyFromIDList" + what}));
+  EXPECT_EQ(folder_->BindToObject(good.list, nullptr, IID_IStream, out), kFault);
+  EXPECT_TRUE(InOrder(log_->New(), {"CHoardexSP::BindToObject() - GetURLFromItemIDList failed with error " + kCode}));
+}
+
+TEST_F(Faults, OfIconsAreFalse) {
+  ComPtr<IExtractIconW> icons;
+  ASSERT_EQ(UIObject(message_, IID_IExtractIconW, icons), S_OK);
+  WORD missing = 0;
+  const ZK_IMPORT_HOOK(LoadImageW)
+      hook([&](auto real, HINSTANCE module, LPCWSTR name, UINT type, INT width, INT height, UINT flags) -> HANDLE {
+        return LOWORD(reinterpret_cast<ULONG_PTR>(name)) == missing ? nullptr
+                                                                    : real(module, name, type, width, height, flags);
+      });
+  const std::pair<WORD, const char*> kIcons[] = {{203, "large"}, {205, "small"}};
+  for (const auto& [id, kind] : kIcons) {
+    missing = id;
+    HICON icons_of[2] = {};
+    log_->New();
+    EXPECT_EQ(icons->Extract(L"", 0, &icons_of[0], &icons_of[1], 0), S_FALSE);
+    EXPECT_TRUE(InOrder(log_->New(), {std::string("CHoardexSP::Extract() - Could not ") + kind + " icon"}));
+    EXPECT_EQ(icons_of[0] == nullptr, id == 203);
+    EXPECT_EQ(icons_of[1] == nullptr, id == 205);
+    for (const HICON icon : icons_of)
+      if (icon) DestroyIcon(icon);
+  }
+}
+
+// A converter one of whose operations fails, and that checks what it is asked for.
+class Converter final : public IConverterSession {
+ public:
+  STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
+    *object = iid == __uuidof(IConverterSession) || iid == IID_IUnknown ? this : nullptr;
+    if (*object) ++references;
+    return *object ? S_OK : E_NOINTERFACE;
+  }
+  STDMETHODIMP_(ULONG) AddRef() override { return ++references; }
+  STDMETHODIMP_(ULONG) Release() override { return --references; }
+  STDMETHODIMP SetAdrBook(LPADRBOOK book) override { return Step("SetAdrBook", book != nullptr); }
+  STDMETHODIMP SetEncoding(ENCODINGTYPE encoding) override { return Step("SetEncoding ", encoding == 1); }
+  STDMETHODIMP Reserved5() override { return E_NOTIMPL; }
+  STDMETHODIMP MIMEToMAPI(LPSTREAM, LPMESSAGE, LPCSTR, ULONG) override { return E_NOTIMPL; }
+  STDMETHODIMP MAPIToMIMEStm(LPMESSAGE message, LPSTREAM stream, ULONG flags) override {
+    if (stream) stream->Write("MIME", 4, nullptr);
+    return Step("MAPIToMIMEStm", message && stream && flags == 2);
+  }
+  STDMETHODIMP Reserved8() override { return E_NOTIMPL; }
+  STDMETHODIMP Reserved9() override { return E_NOTIMPL; }
+  STDMETHODIMP Reserved10() override { return E_NOTIMPL; }
+  STDMETHODIMP SetTextWrapping(BOOL wrap, ULONG width) override { return Step("SetTextWrapping", wrap && !width); }
+  STDMETHODIMP SetSaveFormat(MIMESAVETYPE format) override { return Step("SetSaveFormat", format == 1); }
+  STDMETHODIMP Reserved13() override { return E_NOTIMPL; }
+  STDMETHODIMP SetCharset(BOOL, HANDLE, CSETAPPLYTYPE) override { return E_NOTIMPL; }
+
+  std::vector<std::string> steps;
+  std::string failing;
+  ULONG references = 0;
+
+ private:
+  HRESULT Step(const char* name, bool as_expected) {
+    EXPECT_TRUE(as_expected) << name;
+    steps.push_back(name);
+    return failing == name ? kFault : S_OK;
+  }
+};
+
+TEST_F(Faults, OfTheConverterAreSaidAndPassedOn) {
+  Converter converter;
+  CoRevokeClassObject(std::exchange(converter_, 0));
+  const ClassDouble registered(CLSID_IConverterSession, &converter);
+  const ProviderFaults::Alive alive = ProviderFaults::Count();
+  std::string bytes;
+  ASSERT_EQ(Bind(message_, IID_IStream, &bytes), S_OK);
+  EXPECT_EQ(bytes, "MIME");
+  const std::vector<std::string> all = {"SetAdrBook", "SetEncoding ", "SetSaveFormat", "SetTextWrapping",
+                                        "MAPIToMIMEStm"};
+  ASSERT_EQ(converter.steps, all);
+  for (size_t i = 0; i < all.size(); ++i) {
+    converter.steps.clear();
+    converter.failing = all[i];
+    log_->New();
+    EXPECT_EQ(Bind(message_, IID_IStream), kFault);
+    EXPECT_EQ(converter.steps, std::vector<std::string>(all.begin(), all.begin() + static_cast<ptrdiff_t>(i) + 1));
+    EXPECT_TRUE(InOrder(log_->New(), {"CMapiForWDS::GetMimeStreamFromMessageURL() - IConverterSession::" + all[i] +
+                                      " failed, hr = " + kCode}));
+    EXPECT_EQ(converter.references, 0u);
+    ExpectLevel(alive, all[i]);
+  }
+}
+
+TEST_F(Faults, OfSavingLeaveTheCodeAndNoCopy) {
+  const std::wstring path = folder_path_ + L"\\saved.tmp";
+  EXPECT_EQ(Save(message_), S_OK);
+  EXPECT_EQ(TextIn(path, L"__substg1.0_0037001F"), L"Quarterly report");
+  EXPECT_EQ(Save(attachments_[kReport]), S_OK) << "over what is there";
+  EXPECT_EQ(Save(inbox_), E_INVALIDARG);
+  EXPECT_TRUE(InOrder(log_->New(), {"CHoardexSP::SaveItem() - failed with [0x80070057]"}));
+  DeleteFileW(path.c_str());
+  CreateDirectoryW(path.c_str(), nullptr);
+  EXPECT_TRUE(FAILED(Save(attachments_[kReport])));
+  EXPECT_TRUE(TemporaryFiles().empty());
+  RemoveDirectoryW(path.c_str());
+}
+
+}  // namespace
+}  // namespace shell
