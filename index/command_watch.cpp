@@ -18,7 +18,6 @@ namespace {
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
-constexpr auto kIdle = std::chrono::seconds(60);   // then the host is let go
 constexpr auto kAgain = std::chrono::seconds(30);  // after a failure
 constexpr auto kLockPoll = std::chrono::milliseconds(500);
 constexpr auto kStep = std::chrono::milliseconds(1000);
@@ -67,6 +66,9 @@ std::map<std::string, std::string> IndexedStamps(const Environment& environment)
 
 std::string Describe(const ChangeReport& report) {
   if (!report.error.empty()) return report.vault + " could not be read: " + OneLine(report.error);
+  if (report.change.kind == ChangeKind::kDelete)
+    return "removed " + (report.vault.empty() ? "all vaults" : report.vault) + ": " +
+           Counted(report.removed, "message");
   std::string text = "indexed " + (report.vault.empty() ? "all vaults" : report.vault) + ": " +
                      Counted(report.work.messages, "message") + ", " + Counted(report.work.attachments, "attachment");
   if (report.work.failed > 0) text += ", " + Counted(report.work.failed, "item") + " failed";
@@ -85,31 +87,28 @@ class Watcher {
     const auto lock = WaitForLock(environment_);
     if (!lock) return false;
     try {
-      if (!gatherer_) gatherer_.emplace(host_);
+      // A host of its own each time: one that goes on keeps the files open that it has read, and would read one that
+      // was replaced as it was.
+      Gatherer gatherer(host_);
       for (const VaultEvent& event : events) {
-        const std::string trouble = ReportVault(*gatherer_, WordsOf(event.change).told, event.name);
+        const std::string trouble = ReportVault(gatherer, WordsOf(event.change).told, event.name);
         if (!trouble.empty()) return Fail(trouble);
       }
-      if (!Index(events)) return false;
+      if (!Index(gatherer, events)) return false;
     } catch (const HostError& error) {
       return Interrupted() ? false : Fail(error.what());
     }
-    used_ = Clock::now();
     said_.clear();
     return true;
   }
 
-  void LetGoWhenIdle() {
-    if (gatherer_ && Clock::now() - used_ > kIdle) gatherer_.reset();
-  }
-
  private:
-  bool Index(const std::vector<VaultEvent>& events) {
+  bool Index(Gatherer& gatherer, const std::vector<VaultEvent>& events) {
     Store store(environment_.index_file(), Database::Mode::kCreate);
     VaultFolder folder(environment_);
     CrawlOptions options;
     for (const Vault& vault : folder.List()) options.kept_vaults.insert(vault.name);
-    const ChangesOutcome outcome = CrawlChanges(*gatherer_, store, options);
+    const ChangesOutcome outcome = CrawlChanges(gatherer, store, options);
     for (const ChangeReport& report : outcome.reports) Say(Describe(report));
     if (outcome.result != GatherResult::kFinished) return false;
     for (const VaultEvent& event : events) {
@@ -127,7 +126,6 @@ class Watcher {
   }
 
   bool Fail(const std::string& trouble) {
-    gatherer_.reset();
     if (trouble != said_) Say(trouble + " It is tried again every " + std::to_string(kAgain.count()) + " s.");
     said_ = trouble;
     return false;
@@ -135,8 +133,6 @@ class Watcher {
 
   const Environment& environment_;
   const GatherOptions host_;
-  std::optional<Gatherer> gatherer_;
-  Clock::time_point used_{};
   std::string said_;
 };
 
@@ -164,7 +160,6 @@ int RunWatch(const Environment& environment, const WatchArguments& arguments) {
       again = Clock::now() + kAgain;
     }
     if (arguments.once) return kExitOk;
-    watcher.LetGoWhenIdle();
   }
   Say("stopped");
   return kExitOk;

@@ -1,6 +1,7 @@
 #include "tests/e2e/system.h"
 
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <fstream>
@@ -36,19 +37,25 @@ std::string WindowsPath(std::string path) {
   return "Z:" + path;
 }
 
-fs::path Prefix() {
-  return fs::absolute("e2e-prefix");
+// Names the prefix to Wine and to the gatherer.
+void UsePrefix(const fs::path& prefix) {
+  setenv("WINEPREFIX", prefix.c_str(), 1);
+  const std::string wine = "env\nHOME=" + prefix.string() + "/home\nwine\n";
+  setenv("HOARDEX_HOST", (wine + WINDOWS_BUILD + "/host/HoardexHost.exe\nserve").c_str(), 1);
+  setenv("HOARDEX_RUNDLL", (wine + "rundll32").c_str(), 1);
+}
+
+void MapVaults(const fs::path& prefix) {
+  fs::create_directories(System::home() / "vaults/Tessary");
+  fs::remove(prefix / "dosdevices/v:");
+  fs::create_symlink(System::home() / "vaults", prefix / "dosdevices/v:");
 }
 
 std::string Register() {
-  const std::string module = std::string(WINDOWS_BUILD) + "/module/HoardexPH.dll";
-  const std::string provider = std::string(WINDOWS_BUILD) + "/provider/HoardexMapi.dll";
-  const std::string host = std::string(WINDOWS_BUILD) + "/host/HoardexHost.exe";
-  const std::string index = std::string(WINDOWS_BUILD) + "/winindex/HoardexIndex.dll";
-  for (const std::string& file : {module, provider, host, index})
-    if (!fs::exists(file)) return file + " is not built";
+  for (const char* file :
+       {"/module/HoardexPH.dll", "/provider/HoardexMapi.dll", "/host/HoardexHost.exe", "/winindex/HoardexIndex.dll"})
+    if (!fs::exists(std::string(WINDOWS_BUILD) + file)) return std::string(WINDOWS_BUILD) + file + " is not built";
   if (Shell("command -v wine").code) return "Wine is not installed";
-  setenv("WINEPREFIX", Prefix().c_str(), 1);
   setenv("WINEARCH", "win64", 1);
   setenv("WINEDEBUG", "-all", 1);
   setenv("WINEDLLOVERRIDES", "mscoree,mshtml=", 1);
@@ -58,26 +65,81 @@ std::string Register() {
   setenv("HOARDEX_HOME", System::home().c_str(), 1);
   setenv("HOARDEX_VAULTINFO", VAULTINFO, 1);
   setenv("HOARDEX_MKVAULT", MKVAULT, 1);
-  setenv("HOARDEX_HOST", ("env\nHOME=" + Prefix().string() + "/home\nwine\n" + host + "\nserve").c_str(), 1);
+  setenv("HOARDEX_MODULE", System::module().c_str(), 1);
+  setenv("HOARDEX_PROVIDER", System::provider().c_str(), 1);
+  setenv("HOARDEX_STAND_IN", System::stand_in().c_str(), 1);
+  UsePrefix(System::prefix());
   const Result made = Shell(Quote(std::string(SOURCE_FOLDER) + "/tools/wine-prefix"));
   if (made.code) return made.errors;
-  fs::create_directories(System::home() / "vaults/Tessary");
-  fs::remove(Prefix() / "dosdevices/v:");
-  fs::create_symlink(System::home() / "vaults", Prefix() / "dosdevices/v:");
-  const std::string commands[] = {
-      "wine reg add 'HKLM\\Software\\Clients\\Mail\\Microsoft Outlook' /v DLLPathEx /d " +
-          Quote(WindowsPath(provider)) + " /f",
-      "wine reg add 'HKCU\\SOFTWARE\\Trelmo\\Zarnak\\Client\\Tessary' /v HXRootDirectory /d 'V:\\' /f",
-      "wine regsvr32 /s " + Quote(WindowsPath(index)),
-      "wine regsvr32 /s " + Quote(WindowsPath(module)),
-      "wine rundll32 " + Quote(WindowsPath(module) + ",ZKHoardexAddProtocol"),
+  MapVaults(System::prefix());
+  const std::vector<std::string> commands[] = {
+      {"reg", "add", "HKLM\\Software\\Clients\\Mail\\Microsoft Outlook", "/v", "DLLPathEx", "/d", System::provider(),
+       "/f"},
+      {"reg", "add", "HKCU\\SOFTWARE\\Trelmo\\Zarnak\\Client\\Tessary", "/v", "HXRootDirectory", "/d", "V:\\", "/f"},
+      {"regsvr32", "/s", System::stand_in()},
+      {"regsvr32", "/s", System::module()},
+      {"rundll32", System::module() + ",ZKHoardexAddProtocol"},
   };
-  for (const std::string& command : commands)
-    if (const Result done = Shell(command); done.code) return command + ": " + done.output + done.errors;
+  for (const auto& command : commands)
+    if (const Result done = System::Wine(command); done.code) return command[0] + ": " + done.output + done.errors;
   return {};
 }
 
 }  // namespace
+
+fs::path System::prefix() {
+  return fs::absolute("e2e-prefix");
+}
+std::string System::module() {
+  return WindowsPath(WINDOWS_BUILD "/module/HoardexPH.dll");
+}
+std::string System::provider() {
+  return WindowsPath(WINDOWS_BUILD "/provider/HoardexMapi.dll");
+}
+std::string System::stand_in() {
+  return WindowsPath(WINDOWS_BUILD "/winindex/HoardexIndex.dll");
+}
+std::string System::host() {
+  return WINDOWS_BUILD "/host/HoardexHost.exe";
+}
+
+Result System::Wine(const std::vector<std::string>& words) {
+  std::string command = "timeout 120 env HOME=\"$WINEPREFIX/home\" wine";
+  for (const std::string& word : words) command += " " + Quote(word);
+  return Shell(command);
+}
+
+pid_t System::Start(const std::vector<std::string>& words, const fs::path& output) {
+  const pid_t child = fork();
+  if (child != 0) return child;
+  std::string command = "exec " + Quote(GATHERER);
+  for (const std::string& word : words) command += " " + Quote(word);
+  command += " </dev/null >" + Quote(output) + " 2>&1";
+  execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
+  _exit(127);
+}
+
+// Copied without registration: the registry of a prefix of its own that nothing was registered in.
+System::FreshPrefix::FreshPrefix() : path_(fs::absolute("e2e-fresh-prefix")) {
+  const fs::path clean = fs::absolute("e2e-clean-prefix");
+  setenv("WINEPREFIX", clean.c_str(), 1);
+  Shell(Quote(std::string(SOURCE_FOLDER) + "/tools/wine-prefix"));
+  Shell("rm -rf --one-file-system " + Quote(path_) + " && mkdir -p " + Quote(path_) + " && cp -as " +
+        Quote(clean / "drive_c") + " " + Quote(path_) + " && cd " + Quote(clean) +
+        " && cp -a dosdevices home *.reg .update-timestamp .complete " + Quote(path_));
+  UsePrefix(path_);
+  MapVaults(path_);
+}
+
+void System::FreshPrefix::Settle() {
+  Shell("timeout 60 wineserver -w");
+}
+
+System::FreshPrefix::~FreshPrefix() {
+  Shell("timeout 20 wineserver -k; timeout 60 wineserver -w");
+  Shell("rm -rf --one-file-system " + Quote(path_));
+  UsePrefix(prefix());
+}
 
 fs::path System::home() {
   return fs::absolute("e2e-home");
@@ -110,7 +172,7 @@ std::vector<Json> System::Dump(const std::vector<std::string>& words) {
 
 std::vector<std::string> System::LeftBehind() {
   std::vector<std::string> left;
-  for (const auto& user : fs::directory_iterator(Prefix() / "drive_c/users")) {
+  for (const auto& user : fs::directory_iterator(prefix() / "drive_c/users")) {
     const fs::path folder = user.path() / "AppData/Roaming/zkoffline3x";
     if (fs::exists(folder)) left.push_back(folder);
   }
