@@ -21,11 +21,12 @@ struct Finished {
 };
 
 // Runs a command to its end. The pipe says nothing about that: a service that Wine starts may hold it.
-Finished RunToEnd(const std::vector<std::string>& command, const fs::path& log) {
-  HostConnection child(command, log);
+Finished RunToEnd(const std::vector<std::string>& command, const fs::path& log, HostLife life = HostLife::kShort) {
+  const bool patient = life == HostLife::kOpensPrograms;
+  HostConnection child(command, log, patient ? Core::kEvery : Core::kFirst);
   Finished finished;
   const auto deadline = HostConnection::Clock::now() + kLongest;
-  while (HostConnection::Clock::now() < deadline && !Interrupted()) {
+  while ((patient || HostConnection::Clock::now() < deadline) && !Interrupted()) {
     std::string line;
     switch (child.Wait(kPoll, &line)) {
       case HostConnection::Event::kLine:
@@ -45,15 +46,14 @@ Finished RunToEnd(const std::vector<std::string>& command, const fs::path& log) 
 
 }  // namespace
 
-json ExamineWindowsSide(const Environment& environment, bool clear) {
+json RunHost(const Environment& environment, const std::vector<std::string>& words, HostLife life) {
   if (environment.host_command.empty()) environment.Require("");
   std::vector<std::string> command = environment.host_command;
   if (command.back() == "serve") command.pop_back();
-  command.push_back("examine");
-  if (clear) command.push_back("--clear");
+  command.insert(command.end(), words.begin(), words.end());
   Finished finished;
   try {
-    finished = RunToEnd(command, environment.host_log());
+    finished = RunToEnd(command, environment.host_log(), life);
   } catch (const std::system_error& error) {
     throw HostError("The protocol host cannot be started: " + std::string(error.what()) + ".");
   }
@@ -63,6 +63,12 @@ json ExamineWindowsSide(const Environment& environment, bool clear) {
   }
   throw HostError("The protocol host " + finished.end + " and told nothing; " + environment.host_log().string() +
                   " may say more.");
+}
+
+json ExamineWindowsSide(const Environment& environment, bool clear) {
+  return RunHost(environment,
+                 clear ? std::vector<std::string>{"examine", "--clear"} : std::vector<std::string>{"examine"},
+                 HostLife::kShort);
 }
 
 std::string RunInWine(const Environment& environment, const std::vector<std::string>& words) {
@@ -95,7 +101,8 @@ std::vector<std::string> RegisterWindowsSide(const Environment& environment) {
        RunInWine(environment, {"reg", "add", kVaultRoot, "/v", "HXRootDirectory", "/d", "V:\\", "/f"}));
   // The stand-in before the module, whose search root goes there.
   for (const auto& [what, library] :
-       {std::pair("The index's stand-in", environment.stand_in), std::pair("The module", environment.module)})
+       {std::pair("The index's stand-in", environment.stand_in), std::pair("The module", environment.module),
+        std::pair("The MIME converter", environment.provider)})
     if (!library.empty()) step(what, RunInWine(environment, {"regsvr32", "/s", library}));
   step("The search root", RunExport(environment, "ZKHoardexAddProtocol"));
   return troubles;

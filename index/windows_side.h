@@ -11,6 +11,11 @@
 
 namespace hoardex {
 
+enum class HostLife { kShort, kOpensPrograms };
+// Runs a command of the host other than serve and returns the object that it prints. kOpensPrograms: people may keep it
+// waiting, and the programs that it starts are to run on all processors. Throws HostError when it says nothing.
+nlohmann::json RunHost(const Environment& environment, const std::vector<std::string>& words, HostLife life);
+
 // What `HoardexHost examine` says. `clear` has leftover profiles and temporary files deleted. Throws HostError when it
 // says nothing.
 nlohmann::json ExamineWindowsSide(const Environment& environment, bool clear);
