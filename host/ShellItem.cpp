@@ -62,7 +62,22 @@ UINT Choose(HMENU menu, const std::string& verb) {
   return kNothing;
 }
 
+// Wine hands files to the desktop that it runs in; where there is none, nothing would come of it, and nobody be told.
+void RequireDesktop(const std::string& url, const std::string& verb) {
+  const std::wstring extension = url.ends_with(".zkm") ? L".msg" : PathFindExtensionW(FromUtf8(url).c_str());
+  wchar_t program[MAX_PATH];
+  DWORD size = MAX_PATH;
+  if (FAILED(AssocQueryStringW(ASSOCF_NONE, ASSOCSTR_EXECUTABLE, extension.c_str(), FromUtf8(verb).c_str(), program,
+                               &size)) ||
+      _wcsicmp(PathFindFileNameW(program), L"winebrowser.exe"))
+    return;
+  for (const wchar_t* display : {L"DISPLAY", L"WAYLAND_DISPLAY"})
+    if (GetEnvironmentVariableW(display, nullptr, 0) > 1) return;
+  throw Trouble{"Desktop", HRESULT_FROM_WIN32(ERROR_REQUIRES_INTERACTIVE_WINDOWSTATION)};
+}
+
 HRESULT Invoke(const std::string& url, const std::string& verb) {
+  RequireDesktop(url, verb);
   const auto folder = MakeHandler<IShellFolder>();
   ItemId item;
   Parse(folder.Get(), url, item);

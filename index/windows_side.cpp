@@ -13,6 +13,9 @@ using nlohmann::json;
 constexpr auto kLongest = std::chrono::seconds(180);  // a cold start of Wine on a busy machine, and three slow steps
 constexpr auto kPoll = std::chrono::milliseconds(200);
 constexpr const char* kMailClient = R"(HKLM\Software\Clients\Mail\Microsoft Outlook)";
+constexpr const char* kMailFile = "Hoardex.Mail";
+constexpr const char* kMailFileCommand = R"(HKCR\Hoardex.Mail\shell\open\command)";
+constexpr const char* kDesktop = R"(winebrowser -nohome "%1")";
 constexpr const char* kVaultRoot = R"(HKCU\SOFTWARE\Trelmo\Zarnak\Client\Tessary)";
 
 struct Finished {
@@ -89,6 +92,17 @@ std::string RunExport(const Environment& environment, const std::string& name) {
                                  environment.module + "," + name});
 }
 
+// Files of these types open on the desktop, unless a program is registered for them.
+std::string RegisterOpeners(const Environment& environment) {
+  std::string trouble;
+  for (const char* type : {R"(HKCR\.msg)", R"(HKCR\.eml)"}) {
+    if (RunInWine(environment, {"reg", "query", type, "/ve"}).empty()) continue;
+    for (const auto& [key, value] : {std::pair(type, kMailFile), std::pair(kMailFileCommand, kDesktop)})
+      if (trouble.empty()) trouble = RunInWine(environment, {"reg", "add", key, "/ve", "/d", value, "/f"});
+  }
+  return trouble;
+}
+
 std::vector<std::string> RegisterWindowsSide(const Environment& environment) {
   std::vector<std::string> troubles;
   const auto step = [&](const std::string& what, const std::string& trouble) {
@@ -104,6 +118,7 @@ std::vector<std::string> RegisterWindowsSide(const Environment& environment) {
        {std::pair("The index's stand-in", environment.stand_in), std::pair("The module", environment.module),
         std::pair("The MIME converter", environment.provider)})
     if (!library.empty()) step(what, RunInWine(environment, {"regsvr32", "/s", library}));
+  step("The type of mail files", RegisterOpeners(environment));
   step("The search root", RunExport(environment, "ZKHoardexAddProtocol"));
   return troubles;
 }
