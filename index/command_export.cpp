@@ -169,8 +169,7 @@ int64_t Report(const ExportFolder& folder, const std::vector<Outcome>& outcomes,
   std::fflush(stdout);
   for (const Outcome& outcome : outcomes)
     if (outcome.file.empty())
-      std::fprintf(stderr, "hoardex: %s\n  %s%s\n", OneLine(outcome.trouble).c_str(), OneLine(outcome.url).c_str(),
-                   outcome.error.code.empty() ? "" : ("  " + outcome.error.code + " " + outcome.error.name).c_str());
+      std::fprintf(stderr, "hoardex: %s\n  %s\n", OneLine(outcome.trouble).c_str(), OneLine(outcome.url).c_str());
   return failed;
 }
 

@@ -44,8 +44,7 @@ int RunOpen(const Environment& environment, const OpenArguments& arguments) {
   const json answer = RunHost(environment, {verb, url}, HostLife::kOpensPrograms);
   const auto error = ErrorOfAnswer(answer);
   if (!error) return kExitOk;
-  const std::string code = error->code.empty() ? "" : " (" + error->Describe() + ")";
-  throw CommandError(kExitFailed, ExplainShellError(*error, verb) + code);
+  throw CommandError(kExitFailed, ExplainShellError(*error, verb));
 }
 
 }  // namespace hoardex

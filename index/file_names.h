@@ -10,9 +10,9 @@ namespace hoardex {
 inline constexpr size_t kLongestFileName = 120;
 
 // A name of `stem` and `extension` (".eml", or empty; kept whole unless it is no sensible one). What Windows forbids in
-// names becomes "_"; controls, bidirectional marks and malformed bytes go, as do trailing dots and blanks; the names of
-// Windows's devices and names that a shell would hide or take for an option get "_" in front. Cut between characters,
-// never within one. A number above 1 stands before the extension: "Report (2).pdf". Never empty.
+// names becomes "_"; controls and bidirectional marks go, as do trailing dots and blanks; malformed bytes become
+// U+FFFD; the names of Windows's devices and names that a shell would hide or take for an option get "_" in front. Cut
+// between characters, never within one. A number above 1 stands before the extension: "Report (2).pdf". Never empty.
 std::string SafeFileName(std::string_view stem, std::string_view extension, int number = 1);
 
 // Where the extension of a file's name begins, its size when there is none.
