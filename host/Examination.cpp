@@ -17,6 +17,7 @@
 #include "host/SystemIndex.h"
 #include "host/Text.h"
 #include "include/HoardexPH.h"
+#include "platform/converter.h"
 #include "platform/searchmanager.h"
 
 using Microsoft::WRL::ComPtr;
@@ -151,6 +152,7 @@ Json AllFacts(bool clear) {
                 {"module", ExamineServer(CLSID_HoardexSP)},
                 {"index_server", ExamineServer(CLSID_CSearchManager)},
                 {"root_server", ExamineServer(CLSID_CSearchRoot)},
+                {"converter", ExamineServer(CLSID_IConverterSession)},
                 {"unnamed_item_types", ExamineItemTypes()},
                 {"mail_client", ExamineMailClient()},
                 {"vault_folders", VaultFolders()},

@@ -62,7 +62,22 @@ UINT Choose(HMENU menu, const std::string& verb) {
   return kNothing;
 }
 
+// Wine hands files to the desktop that it runs in; where there is none, nothing would come of it, and nobody be told.
+void RequireDesktop(const std::string& url, const std::string& verb) {
+  const std::wstring extension = url.ends_with(".zkm") ? L".msg" : PathFindExtensionW(FromUtf8(url).c_str());
+  wchar_t command[1024];
+  DWORD size = 1024;
+  if (FAILED(AssocQueryStringW(ASSOCF_NONE, ASSOCSTR_COMMAND, extension.c_str(), FromUtf8(verb).c_str(), command,
+                               &size)) ||
+      !StrStrIW(command, L"winebrowser"))
+    return;
+  for (const wchar_t* display : {L"DISPLAY", L"WAYLAND_DISPLAY"})
+    if (GetEnvironmentVariableW(display, nullptr, 0) > 1) return;
+  throw Trouble{"Desktop", HRESULT_FROM_WIN32(ERROR_REQUIRES_INTERACTIVE_WINDOWSTATION)};
+}
+
 HRESULT Invoke(const std::string& url, const std::string& verb) {
+  RequireDesktop(url, verb);
   const auto folder = MakeHandler<IShellFolder>();
   ItemId item;
   Parse(folder.Get(), url, item);

@@ -36,10 +36,15 @@ std::vector<std::string> MarkQueryWords(int argc, char** argv) {
         !(word[1] == 'n' && word[2] >= '0' && word[2] <= '9')) {
       word.insert(word.begin(), kQueryWord);
     }
-    searching = searching || word == "search";
+    searching = searching || word == "search" || word == "export" || word == "open";
     words.push_back(std::move(word));
   }
   return words;
+}
+
+void UnmarkQueryWords(std::vector<std::string>& words) {
+  for (std::string& word : words)
+    if (!word.empty() && word[0] == kQueryWord) word.erase(0, 1);
 }
 
 // What CLI11 would say of a command line without a command, or with one that is none, tells nobody what is wrong.
@@ -118,9 +123,7 @@ int Main(int argc, char** argv) {
   search_command->add_flag("--json", search.json, "Hits as JSON, with all properties");
   search_command->footer(kQueryHelp);
   search_command->callback([&] {
-    for (std::string& word : search.words) {
-      if (!word.empty() && word[0] == kQueryWord) word.erase(0, 1);
-    }
+    UnmarkQueryWords(search.words);
     command = [&] { return RunSearch(environment(), search); };
   });
 
@@ -129,6 +132,39 @@ int Main(int argc, char** argv) {
   show_command->add_option("URL", show.url, "The item's URL, as search prints it")->required();
   show_command->add_flag("--json", show.json, "The host's record as JSON");
   show_command->callback([&] { command = [&] { return RunShow(environment(), show); }; });
+
+  ExportArguments exports;
+  auto* export_command = app.add_subcommand("export", "Write what a query finds, or items by their URLs, to files");
+  export_command->add_option("QUERY", exports.words, "What to find; or URLs, as search prints them")->required();
+  export_command->add_option("--to", exports.to, "The folder for the files; made if it is not there")
+      ->required()
+      ->check(NotEmpty);
+  export_command->add_option("--format", exports.format, "Of mails: eml (MIME) or msg; attachments stay what they are")
+      ->check(CLI::IsMember({"eml", "msg"}))
+      ->capture_default_str();
+  export_command->add_option("-n,--limit", exports.limit, "At most so many items; without, all that are found")
+      ->check(CLI::Range(1, 1000000000));
+  export_command->add_flag("--json", exports.json, "What became of every item as JSON");
+  export_command->footer(kQueryHelp);
+  export_command->callback([&] {
+    UnmarkQueryWords(exports.words);
+    command = [&] { return RunExportItems(environment(), exports); };
+  });
+
+  OpenArguments open, print;
+  print.print = true;
+  for (auto* arguments : {&open, &print}) {
+    auto* open_command =
+        app.add_subcommand(arguments->print ? "print" : "open",
+                           arguments->print ? "Print one item with the program that is registered for it"
+                                            : "Open one item with the program that is registered for it");
+    open_command->add_option("URL", arguments->words, "The item's URL, as search prints it; or a query with one hit")
+        ->required();
+    open_command->callback([&, arguments] {
+      UnmarkQueryWords(arguments->words);
+      command = [&, arguments] { return RunOpen(environment(), *arguments); };
+    });
+  }
 
   DumpArguments dump;
   auto* dump_command = app.add_subcommand("dump", "Write every item as a line of JSON, without an index");

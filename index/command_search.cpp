@@ -98,7 +98,8 @@ int RunSearch(const Environment& environment, const SearchArguments& arguments) 
                        "There is no index yet: run hoardex index with the stores to search, or hoardex index --demo.");
   }
   Store store(environment.index_file(), Database::Mode::kReadOnly);
-  const SearchResult result = Search(store, plan, arguments.limit, arguments.json);
+  const SearchResult result =
+      Search(store, plan, arguments.limit, arguments.json ? HitDetail::kProperties : HitDetail::kSnippet);
 
   if (arguments.json) {
     json out{{"query", query}, {"total", result.total}, {"hits", json::array()}};

@@ -53,6 +53,20 @@ struct WhyArguments {
 };
 int RunWhy(const Environment& environment, const WhyArguments& arguments);
 
+struct ExportArguments {
+  std::vector<std::string> words;  // a query, or URLs
+  std::string to, format = "eml";
+  int64_t limit = 0;  // 0: all
+  bool json = false;
+};
+int RunExportItems(const Environment& environment, const ExportArguments& arguments);
+
+struct OpenArguments {
+  std::vector<std::string> words;  // a URL, or a query with one hit
+  bool print = false;
+};
+int RunOpen(const Environment& environment, const OpenArguments& arguments);
+
 struct WatchArguments {
   double quiet_seconds = 2;
   bool once = false;

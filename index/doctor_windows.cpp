@@ -94,7 +94,7 @@ Finding JudgeServer(const char* check, const json& server, const std::string& bu
 Finding JudgeBitness(const json& facts) {
   std::string wrong;
   int count = 0;
-  for (const char* server : {"module", "mail_client", "index_server", "root_server"}) {
+  for (const char* server : {"module", "mail_client", "index_server", "root_server", "converter"}) {
     const json& library = Part(facts, server);
     if (!Flag(library, "exists")) continue;
     ++count;
@@ -117,6 +117,17 @@ Finding JudgeMailClient(const json& client, const Environment& environment) {
     return Bad("mail client", "its registration names no library (DLLPathEx)", fix);
   if (!path.empty() && !Flag(client, "exists")) return Bad("mail client", path + " is not there", fix);
   return Good("mail client", path.empty() ? "component " + Text(client, "component") : path);
+}
+
+// Another one than the mail client's own does not know its messages.
+Finding JudgeConverter(const json& converter, const Environment& environment) {
+  Finding finding = JudgeServer("converter", converter, environment.provider);
+  if (finding.verdict == Verdict::kOk) return finding;
+  if (Text(converter, "path").empty())
+    finding.found = "no MIME converter is registered: mails are not exported as .eml";
+  else if (Flag(converter, "exists"))
+    finding.remedy = "Another program's converter is not replaced: uninstall it, then hoardex setup.";
+  return finding;
 }
 
 Finding JudgeMapi(const json& client, const json& mail) {
@@ -241,6 +252,7 @@ std::vector<Finding> JudgeWindowsSide(const json& facts, const Environment& envi
           JudgeServer("class server", Part(facts, "module"), environment.module),
           JudgeBitness(facts),
           JudgeMailClient(Part(facts, "mail_client"), environment),
+          JudgeConverter(Part(facts, "converter"), environment),
           JudgeMapi(Part(facts, "mail_client"), mail),
           JudgeClass(Part(facts, "class")),
           JudgeVaultFolder(Part(facts, "vault_folders")),

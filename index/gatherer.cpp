@@ -97,7 +97,7 @@ json Gatherer::Request(const json& request, const char* key) {
     host_->Kill();
     host_.reset();
   }
-  throw HostError("The protocol host does not answer {\"" + std::string(key) + "\"}: " + problem);
+  throw RequestLost("The protocol host does not answer {\"" + std::string(key) + "\"}: " + problem);
 }
 
 void Gatherer::Start() {

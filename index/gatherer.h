@@ -51,6 +51,12 @@ class HostError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// The host ended, or gave no answer, over a request that is no item's.
+class RequestLost : public HostError {
+ public:
+  using HostError::HostError;
+};
+
 enum class GatherResult { kFinished, kInterrupted };
 
 class Gatherer {
@@ -64,7 +70,8 @@ class Gatherer {
   // The same without a root being needed.
   const CrawlScope& Scope();
 
-  // Asks for something that is no item, between runs: the line that has `key`. Throws HostError.
+  // Asks for something that is no item, between runs: the line that has `key`. Throws
+  // RequestLost when the host ends over it again and again, HostError when it does not start.
   nlohmann::json Request(const nlohmann::json& request, const char* key);
 
   // Works until the source has no more and every answer has come, or until Interrupted(). Throws HostError and whatever

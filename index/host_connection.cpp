@@ -21,8 +21,8 @@ void MakeNonBlocking(int fd) {
 
 }  // namespace
 
-HostConnection::HostConnection(const std::vector<std::string>& command, const std::filesystem::path& log)
-    : child_(Spawn(command, log, Core::kFirst)) {
+HostConnection::HostConnection(const std::vector<std::string>& command, const std::filesystem::path& log, Core core)
+    : child_(Spawn(command, log, core)) {
   // A host that ends while it is written to is told by EPIPE.
   signal(SIGPIPE, SIG_IGN);
   MakeNonBlocking(child_.in.get());

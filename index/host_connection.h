@@ -17,7 +17,7 @@ class HostConnection {
 
   // Starts the host; its standard error goes to `log`. From then on the process ignores SIGPIPE. Throws
   // std::system_error.
-  HostConnection(const std::vector<std::string>& command, const std::filesystem::path& log);
+  HostConnection(const std::vector<std::string>& command, const std::filesystem::path& log, Core core = Core::kFirst);
   // Closes the host's input, gives it a moment to end by itself, then kills its process group.
   ~HostConnection();
   HostConnection(const HostConnection&) = delete;

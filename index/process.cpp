@@ -31,31 +31,40 @@ Pipe MakePipe() {
   return {FileDescriptor(fds[0]), FileDescriptor(fds[1])};
 }
 
-// The lowest core this process might use when it was asked for first, or -1 when there was only one.
-int FirstCore() {
-  static const int first = [] {
+// The cores this process might use when it was asked for first; none when there was only one.
+const cpu_set_t& AllCores() {
+  static const cpu_set_t all = [] {
     cpu_set_t allowed;
-    if (sched_getaffinity(0, sizeof allowed, &allowed) != 0 || CPU_COUNT(&allowed) < 2) return -1;
-    int core = 0;
-    while (!CPU_ISSET(core, &allowed)) ++core;
-    return core;
+    if (sched_getaffinity(0, sizeof allowed, &allowed) != 0 || CPU_COUNT(&allowed) < 2) CPU_ZERO(&allowed);
+    return allowed;
   }();
-  return first;
+  return all;
+}
+
+// The lowest of these, or -1.
+int FirstCore() {
+  for (int core = 0; core < CPU_SETSIZE; ++core)
+    if (CPU_ISSET(core, &AllCores())) return core;
+  return -1;
+}
+
+cpu_set_t CoresOf(Core core) {
+  cpu_set_t cores;
+  CPU_ZERO(&cores);
+  if (core == Core::kEvery) return AllCores();
+  if (const int first = FirstCore(); core == Core::kFirst && first >= 0) CPU_SET(first, &cores);
+  return cores;
 }
 
 // Runs in the child between fork and exec: system calls only.
-[[noreturn]] void BecomeProgram(char* const* argv, int in, int out, int err, int core, int report, pid_t tied_to) {
+[[noreturn]] void BecomeProgram(char* const* argv, int in, int out, int err, const cpu_set_t& cores, int report,
+                                pid_t tied_to) {
   setpgid(0, 0);
   if (tied_to) {
     prctl(PR_SET_PDEATHSIG, SIGTERM);
     if (getppid() != tied_to) _exit(127);
   }
-  if (core >= 0) {
-    cpu_set_t one;
-    CPU_ZERO(&one);
-    CPU_SET(core, &one);
-    sched_setaffinity(0, sizeof one, &one);
-  }
+  if (CPU_COUNT(&cores)) sched_setaffinity(0, sizeof cores, &cores);
   sigset_t none;
   sigemptyset(&none);
   sigprocmask(SIG_SETMASK, &none, nullptr);
@@ -90,14 +99,14 @@ Child Spawn(const std::vector<std::string>& argv, const std::filesystem::path& e
   FileDescriptor err(
       open(error_log.empty() ? "/dev/null" : error_log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
   if (!err) ThrowErrno(error_log.string());
-  const int pinned = core == Core::kFirst ? FirstCore() : -1;
+  const cpu_set_t cores = CoresOf(core);
 
   Child child;
   const pid_t tied_to = life == Life::kTied ? getpid() : 0;
   child.pid = fork();
   if (child.pid < 0) ThrowErrno("a process could not be started");
   if (child.pid == 0)
-    BecomeProgram(arguments.data(), in.read.get(), out.write.get(), err.get(), pinned, report.write.get(), tied_to);
+    BecomeProgram(arguments.data(), in.read.get(), out.write.get(), err.get(), cores, report.write.get(), tied_to);
   setpgid(child.pid, child.pid);
   report.write.Close();
   int error = 0;

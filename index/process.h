@@ -30,13 +30,14 @@ struct Child {
   FileDescriptor in, out;
 };
 
-enum class Core { kAny, kFirst };
+enum class Core { kAny, kFirst, kEvery };
 // kTied: the child is told to end (SIGTERM) when the thread that started it does, however that comes.
 enum class Life { kOwn, kTied };
 
 // Starts argv[0] (looked up in PATH) in a process group of its own, with pipes at its standard input and output and
 // standard error appended to `error_log` (or discarded when empty). kFirst pins it to one core when there are more: a
-// host that shares its core with Wine's server needs no hand-over between cores for every call to it.
+// host that shares its core with Wine's server needs no hand-over between cores for every call to it. kEvery gives it
+// back the one that LeaveFirstCore has left.
 // Throws std::system_error, also when the program cannot be executed.
 Child Spawn(const std::vector<std::string>& argv, const std::filesystem::path& error_log, Core core,
             Life life = Life::kOwn);

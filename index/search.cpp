@@ -43,7 +43,7 @@ std::string Snippet(Store& store, const std::string& match, int64_t id) {
 
 }  // namespace
 
-SearchResult Search(Store& store, const QueryPlan& plan, int64_t limit, bool with_properties) {
+SearchResult Search(Store& store, const QueryPlan& plan, int64_t limit, HitDetail detail) {
   sqlite3* db = store.database().handle();
   const std::string from =
       plan.match.empty() ? std::string(" FROM items i") : " FROM documents JOIN items i ON i.id = documents.rowid";
@@ -83,9 +83,10 @@ SearchResult Search(Store& store, const QueryPlan& plan, int64_t limit, bool wit
     if (hit.kind == ItemKind::kAttachment) hit.parent_title = rows.String(11);
     result.hits.push_back(std::move(hit));
   }
+  if (detail == HitDetail::kBare) return result;
   for (Hit& hit : result.hits) {
     hit.snippet = Snippet(store, plan.match, hit.id);
-    if (!with_properties) continue;
+    if (detail != HitDetail::kProperties) continue;
     Statement query(db, "SELECT json FROM properties WHERE item = ?1");
     query.BindOne(1, hit.id);
     if (query.Step()) hit.properties = query.String(0);

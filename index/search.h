@@ -17,7 +17,7 @@ struct Hit {
   int64_t id = 0;
   std::string url, vault, title, sender, path, kinds, date, snippet, error;
   std::string parent_title;  // of an attachment: the subject of its mail
-  std::string properties;    // JSON
+  std::string properties;    // JSON; only with HitDetail::kProperties
   ItemKind kind = ItemKind::kUnknown;
   double score = 0;  // smaller is better; 0 without ranked words
 };
@@ -27,8 +27,11 @@ struct SearchResult {
   std::vector<Hit> hits;
 };
 
-// The best `limit` hits, the newest first among equals and where nothing is ranked. `with_properties` fills
-// Hit::properties. Throws QueryError and DatabaseError.
-SearchResult Search(Store& store, const QueryPlan& plan, int64_t limit, bool with_properties);
+// What is looked up of every hit: neither, the snippet, or the snippet and the properties.
+enum class HitDetail { kBare, kSnippet, kProperties };
+
+// The best `limit` hits, the newest first among equals and where nothing is ranked. Throws QueryError and
+// DatabaseError.
+SearchResult Search(Store& store, const QueryPlan& plan, int64_t limit, HitDetail detail);
 
 }  // namespace hoardex

@@ -13,6 +13,9 @@ using nlohmann::json;
 constexpr auto kLongest = std::chrono::seconds(180);  // a cold start of Wine on a busy machine, and three slow steps
 constexpr auto kPoll = std::chrono::milliseconds(200);
 constexpr const char* kMailClient = R"(HKLM\Software\Clients\Mail\Microsoft Outlook)";
+constexpr const char* kMailFile = "Hoardex.Mail";
+constexpr const char* kMailFileCommand = R"(HKCR\Hoardex.Mail\shell\open\command)";
+constexpr const char* kDesktop = R"(winebrowser -nohome "%1")";
 constexpr const char* kVaultRoot = R"(HKCU\SOFTWARE\Trelmo\Zarnak\Client\Tessary)";
 
 struct Finished {
@@ -21,11 +24,12 @@ struct Finished {
 };
 
 // Runs a command to its end. The pipe says nothing about that: a service that Wine starts may hold it.
-Finished RunToEnd(const std::vector<std::string>& command, const fs::path& log) {
-  HostConnection child(command, log);
+Finished RunToEnd(const std::vector<std::string>& command, const fs::path& log, HostLife life = HostLife::kShort) {
+  const bool patient = life == HostLife::kOpensPrograms;
+  HostConnection child(command, log, patient ? Core::kEvery : Core::kFirst);
   Finished finished;
   const auto deadline = HostConnection::Clock::now() + kLongest;
-  while (HostConnection::Clock::now() < deadline && !Interrupted()) {
+  while ((patient || HostConnection::Clock::now() < deadline) && !Interrupted()) {
     std::string line;
     switch (child.Wait(kPoll, &line)) {
       case HostConnection::Event::kLine:
@@ -45,15 +49,14 @@ Finished RunToEnd(const std::vector<std::string>& command, const fs::path& log) 
 
 }  // namespace
 
-json ExamineWindowsSide(const Environment& environment, bool clear) {
+json RunHost(const Environment& environment, const std::vector<std::string>& words, HostLife life) {
   if (environment.host_command.empty()) environment.Require("");
   std::vector<std::string> command = environment.host_command;
   if (command.back() == "serve") command.pop_back();
-  command.push_back("examine");
-  if (clear) command.push_back("--clear");
+  command.insert(command.end(), words.begin(), words.end());
   Finished finished;
   try {
-    finished = RunToEnd(command, environment.host_log());
+    finished = RunToEnd(command, environment.host_log(), life);
   } catch (const std::system_error& error) {
     throw HostError("The protocol host cannot be started: " + std::string(error.what()) + ".");
   }
@@ -63,6 +66,12 @@ json ExamineWindowsSide(const Environment& environment, bool clear) {
   }
   throw HostError("The protocol host " + finished.end + " and told nothing; " + environment.host_log().string() +
                   " may say more.");
+}
+
+json ExamineWindowsSide(const Environment& environment, bool clear) {
+  return RunHost(environment,
+                 clear ? std::vector<std::string>{"examine", "--clear"} : std::vector<std::string>{"examine"},
+                 HostLife::kShort);
 }
 
 std::string RunInWine(const Environment& environment, const std::vector<std::string>& words) {
@@ -83,6 +92,17 @@ std::string RunExport(const Environment& environment, const std::string& name) {
                                  environment.module + "," + name});
 }
 
+// Files of these types open on the desktop, unless a program is registered for them.
+std::string RegisterOpeners(const Environment& environment) {
+  std::string trouble;
+  for (const char* type : {R"(HKCR\.msg)", R"(HKCR\.eml)"}) {
+    if (RunInWine(environment, {"reg", "query", type, "/ve"}).empty()) continue;
+    for (const auto& [key, value] : {std::pair(type, kMailFile), std::pair(kMailFileCommand, kDesktop)})
+      if (trouble.empty()) trouble = RunInWine(environment, {"reg", "add", key, "/ve", "/d", value, "/f"});
+  }
+  return trouble;
+}
+
 std::vector<std::string> RegisterWindowsSide(const Environment& environment) {
   std::vector<std::string> troubles;
   const auto step = [&](const std::string& what, const std::string& trouble) {
@@ -95,8 +115,10 @@ std::vector<std::string> RegisterWindowsSide(const Environment& environment) {
        RunInWine(environment, {"reg", "add", kVaultRoot, "/v", "HXRootDirectory", "/d", "V:\\", "/f"}));
   // The stand-in before the module, whose search root goes there.
   for (const auto& [what, library] :
-       {std::pair("The index's stand-in", environment.stand_in), std::pair("The module", environment.module)})
+       {std::pair("The index's stand-in", environment.stand_in), std::pair("The module", environment.module),
+        std::pair("The MIME converter", environment.provider)})
     if (!library.empty()) step(what, RunInWine(environment, {"regsvr32", "/s", library}));
+  step("The type of mail files", RegisterOpeners(environment));
   step("The search root", RunExport(environment, "ZKHoardexAddProtocol"));
   return troubles;
 }

@@ -11,6 +11,11 @@
 
 namespace hoardex {
 
+enum class HostLife { kShort, kOpensPrograms };
+// Runs a command of the host other than serve and returns the object that it prints. kOpensPrograms: people may keep it
+// waiting, and the programs that it starts are to run on all processors. Throws HostError when it says nothing.
+nlohmann::json RunHost(const Environment& environment, const std::vector<std::string>& words, HostLife life);
+
 // What `HoardexHost examine` says. `clear` has leftover profiles and temporary files deleted. Throws HostError when it
 // says nothing.
 nlohmann::json ExamineWindowsSide(const Environment& environment, bool clear);
@@ -22,8 +27,8 @@ std::string RunInWine(const Environment& environment, const std::vector<std::str
 // be looked up afterwards. Returns what kept it from running.
 std::string RunExport(const Environment& environment, const std::string& name);
 
-// The mail client, the folder of vaults, the index's stand-in, the module and the user's search root, as far as the
-// launcher names them. Returns what went wrong, one sentence a step.
+// The mail client with its MIME converter, the folder of vaults, the index's stand-in, the module, the type of mail files
+// and the user's search root, as far as the launcher names them. Returns what went wrong, one sentence a step.
 std::vector<std::string> RegisterWindowsSide(const Environment& environment);
 
 // Tells the system's index through the module that a vault's file was added ("add"), deleted or modified. Returns what

@@ -74,8 +74,10 @@ STDAPI HxCanUnloadNow() {
 STDAPI HxRegisterServer() {
   const std::wstring path = LibraryPath(), present = Registered();
   if (path.empty()) return SELFREG_E_CLASS;
-  // A mail client's converter is not ours to replace.
-  if (!present.empty() && _wcsicmp(present.c_str(), path.c_str()) && present.find(L"HoardexMapi") == std::wstring::npos)
+  // A mail client's converter is not ours to replace, as long as it is there.
+  const bool foreign =
+      !present.empty() && _wcsicmp(present.c_str(), path.c_str()) && present.find(L"HoardexMapi") == std::wstring::npos;
+  if (foreign && GetFileAttributesW(present.c_str()) != INVALID_FILE_ATTRIBUTES)
     return HRESULT_FROM_WIN32(ERROR_ALREADY_EXISTS);
   const std::wstring server = std::wstring(kClassKey) + L"\\InprocServer32";
   LONG error = Set(kClassKey, nullptr, L"Hoardex MIME converter");

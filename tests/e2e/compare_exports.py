@@ -1,10 +1,11 @@
 #!/usr/bin/env python3
 """Holds exported items against what independent readers find in the same stores.
 
-    compare_exports.py EXPECTED.json EXPORTED.json
+    compare_exports.py EXPECTED.json EXPORTED.json [CONVERTED]
 
 EXPORTED lists {"url", "file"} of .msg and .eml files. Message files are read with olefile, MIME with Python's email
-package, which must find no defect. Every difference is a line; the last line counts them. Exits with 1 when there is one,
+package, which must find no defect. CONVERTED is a folder in which
+msgconvert has made a mail of every .msg file. Every difference is a line; the last line counts them. Exits with 1 when there is one,
 or when a message that is expected was not exported in both forms.
 """
 import datetime
@@ -190,7 +191,8 @@ class Comparison:
                 self.equal(where + " embedded", "subject", one_line(inner["subject"]), one_line(expected["subject"]))
                 if expected.get("body_chars"):
                     self.equal(where + " embedded", "has a body", bool(lines(inner["body"])), True)
-                self.attachments(where + " embedded", inner["attachments"], expected.get("attachments", []))
+                if inner["attachments"] is not None:
+                    self.attachments(where + " embedded", inner["attachments"], expected.get("attachments", []))
 
     @staticmethod
     def is_same(found, wanted):
@@ -234,9 +236,23 @@ class Comparison:
         if not found["id"]:
             self.differ(where, "message id", None, "one")
 
+    def converted(self, where, file, wanted):
+        # The converter makes addresses and dates of its own: what it read is its subject and its attachments.
+        with open(file, "rb") as raw:
+            message = email.message_from_binary_file(raw, policy=email.policy.default)
+        self.equal(where, "subject", one_line(message["subject"]), one_line(wanted["subject"]))
+        parts = list(message.iter_attachments()) if message.is_multipart() else []
+        self.attachments(where, [{
+            "name": part.get_filename() or part.get_content_type(),
+            "sha256": hashlib.sha256(part.get_payload(decode=True) or b"").hexdigest(),
+            "embedded": part.get_content_type() == "message/rfc822" and {
+                "subject": part.get_content()["subject"], "body": "not looked at", "attachments": None},
+        } for part in parts], wanted["attachments"])
+
 
 def main():
     expected, exported = (json.load(open(path, encoding="utf-8")) for path in sys.argv[1:3])
+    converted = sys.argv[3] if len(sys.argv) > 3 else None
     wanted = {}
     for name, store in expected["files"].items():
         for folder in store.get("folders", []):
@@ -262,6 +278,9 @@ def main():
             saved = read_msg(forms[".msg"])
             comparison.msg(where + " msg", saved, wanted[key])
             comparison.eml(where + " eml", read_eml(forms[".eml"]), wanted[key], saved)
+            if converted:
+                name = os.path.splitext(os.path.basename(forms[".msg"]))[0] + ".eml"
+                comparison.converted(where + " converted", os.path.join(converted, name), wanted[key])
             compared += 1
         except (ValueError, OSError, KeyError, struct.error) as error:
             comparison.differ(where, "reading", "%s: %s" % (type(error).__name__, error), "no error")

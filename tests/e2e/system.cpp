@@ -78,6 +78,7 @@ std::string Register() {
       {"reg", "add", "HKCU\\SOFTWARE\\Trelmo\\Zarnak\\Client\\Tessary", "/v", "HXRootDirectory", "/d", "V:\\", "/f"},
       {"regsvr32", "/s", System::stand_in()},
       {"regsvr32", "/s", System::module()},
+      {"regsvr32", "/s", System::provider()},
       {"rundll32", System::module() + ",ZKHoardexAddProtocol"},
   };
   for (const auto& command : commands)

@@ -29,6 +29,7 @@ json Healthy() {
       {"module", Library(kModule)},
       {"index_server", Library(R"(Z:\build\HoardexIndex.dll)")},
       {"root_server", Library(R"(Z:\build\HoardexIndex.dll)")},
+      {"converter", Library(R"(Z:\build\HoardexMapi.dll)")},
       {"unnamed_item_types", json::array()},
       {"mail_client", {{"key", true}, {"path", R"(Z:\m.dll)"}, {"exists", true}, {"bitness", 64}}},
       {"vault_folders", {{{"name", "Tessary"}, {"folder", R"(V:\Tessary)"}, {"exists", true}}}},
@@ -44,6 +45,7 @@ json Healthy() {
 Environment Built() {
   Environment environment;
   environment.module = kModule;
+  environment.provider = R"(Z:\build\HoardexMapi.dll)";
   environment.stand_in = R"(z:\BUILD\HoardexIndex.dll)";  // Windows makes no difference
   return environment;
 }

@@ -1,6 +1,7 @@
 // A protocol host that answers from a script, and misbehaves where the script says so:
 //   {"roots": [...], "rules": [...], "changes": [{"id","change","url"}, …], "items": {url: record}, "checks": {url or
-//   "*": record}, "log": file, "faults": [{"url": …|"request": n, "times": n, "do": …}]}
+//   "*": record}, "saves": {url: content of its file}, "log": file, "faults": [{"url": …|"request": n, "times": n,
+//   "do": …}]}
 // do: die, exit, hang, garble, mute (no answer), kill_parent; "start" in place of a URL means before the first answer.
 // Without "rules" every root is included. "done" takes changes away for good: the file log + ".done" keeps the number.
 // Every request is appended to the log, whose lines also count requests across restarts.
@@ -46,6 +47,16 @@ json AnswerForIndex(const json& script, const json& request) {
     if (more) waiting.erase(waiting.begin() + static_cast<std::ptrdiff_t>(most), waiting.end());
     return {{"changes", waiting}, {"more", more}};
   }
+  if (request.contains("save")) {
+    const json content = script.value("saves", json::object()).value(request["save"].get<std::string>(), json());
+    if (!content.is_string())
+      return {{"save", request["save"]}, {"result", "0x8004010F"}, {"name", "MAPI_E_NOT_FOUND"}};
+    std::string path = request["to"].get<std::string>().substr(2);
+    for (char& c : path)
+      if (c == '\\') c = '/';
+    std::ofstream(path) << request["format"].get<std::string>() << " " << content.get<std::string>();
+    return {{"save", request["save"]}, {"result", "0x00000000"}};
+  }
   if (request.contains("notify"))
     return {{"notify", request["notify"]}, {"result", script.value("notify_result", "0x00000000")}};
   if (!request.contains("done")) return nullptr;
@@ -82,6 +93,7 @@ int main(int argc, char** argv) {
                             : request.contains("changes") ? "changes"
                             : request.contains("done")    ? "done"
                             : request.contains("notify")  ? "notify"
+                            : request.contains("save")    ? request["save"].get<std::string>()
                                                           : request.at("url").get<std::string>();
     int number = 0;
     const int earlier = Occurrences(log, url, &number);
