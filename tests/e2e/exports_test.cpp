@@ -109,7 +109,7 @@ Json MessageFact(const Json& attachments) {
       {"delivery_time", "2023-11-05T06:07:09Z"},
       {"recipients", {Person("山田 太郎", "taro@example.jp", "to"), Person("Zoë \U0001F98A", "zoe@example.org", "cc")}},
       {"body_from", "plain"},
-      {"plain_body_chars", 47},
+      {"plain_body_chars", 49},
       {"body_probe", {"проба", "来週の会議", "\U0001F600", "probe"}},
       {"attachments", attachments}};
 }
@@ -150,7 +150,7 @@ TEST_F(Exports, KeepEveryScriptAndMailsInMails) {
   for (int depth = 4; depth >= 1; --depth)
     inside = Json::array(
         {{{"embedded",
-           {{"subject", "Уровень " + std::to_string(depth) + " 段階"}, {"body_chars", 47}, {"attachments", inside}}}}});
+           {{"subject", "Уровень " + std::to_string(depth) + " 段階"}, {"body_chars", 49}, {"attachments", inside}}}}});
   store.Write(System::home() / "tongues.pst");
   ASSERT_EQ(System::Run({"index", System::home() / "tongues.pst"}).code, 0);
 
@@ -209,22 +209,32 @@ TEST_F(Exports, OpenAndPrintHandTheRightFileOver) {
   const std::string url = hits[0]["url"];
 
   // Without a desktop and without a program it is said, and nothing hangs.
-  System::Run({"doctor", "--fix"});
+  const auto forget = [] {
+    for (const char* key : {"HKCR\\.msg", "HKCR\\Hoardex.Mail", "HKCR\\Test.Mail"})
+      System::Wine({"reg", "delete", key, "/f"});
+  };
+  forget();
+  // With the converter gone, mails do not leave as MIME; the repair brings it and the type of mail files.
+  ASSERT_EQ(System::Wine({"regsvr32", "/s", "/u", System::provider()}).code, 0);
+  const Result no_converter = System::Run({"export", url, "--to", folder_ / "none"});
+  EXPECT_EQ(no_converter.code, 1);
+  EXPECT_THAT(no_converter.errors, HasSubstr("No MIME converter is registered"));
+  EXPECT_THAT(System::Run({"doctor"}).output, HasSubstr("no MIME converter is registered"));
+  EXPECT_EQ(System::Run({"doctor", "--fix"}).code, 0);
   const Result no_desktop = System::Run({"open", url}), no_program = System::Run({"print", url});
   EXPECT_EQ(no_desktop.code, 1);
+  EXPECT_THAT(no_desktop.errors, HasSubstr("There is no desktop here"));
   EXPECT_EQ(no_program.code, 1);
   EXPECT_THAT(no_program.errors, HasSubstr("No program is registered that prints"));
 
   // Programs that take a copy of what they are given.
   const fs::path opened = folder_ / "opened", printed = folder_ / "printed";
+  // A folder that is there: xcopy would ask.
+  for (const fs::path& folder : {opened, printed}) fs::create_directories(folder);
   for (const auto& [verb, folder] : {std::pair("open", opened), std::pair("print", printed)})
-    for (const char* type : {"Test.Mail", "txtfile"})
-      ASSERT_EQ(System::Wine({"reg", "add", std::string("HKCR\\") + type + "\\shell\\" + verb + "\\command", "/ve",
-                              "/d", "xcopy /i /y \"%1\" \"" + WindowsPath(folder) + "\"", "/f"})
-                    .code,
-                0);
+    System::Wine({"reg", "add", std::string("HKCR\\Test.Mail\\shell\\") + verb + "\\command", "/ve", "/d",
+                  "xcopy /y \"%1\" \"" + WindowsPath(folder) + "\"", "/f"});
   ASSERT_EQ(System::Wine({"reg", "add", "HKCR\\.msg", "/ve", "/d", "Test.Mail", "/f"}).code, 0);
-  const Json as_mail = Export({url}, "eml");
   fs::create_directories(folder_ / "msg");
   for (const char* verb : {"open", "print"}) {
     const Result done = System::Run({verb, url});
@@ -242,6 +252,8 @@ TEST_F(Exports, OpenAndPrintHandTheRightFileOver) {
   const Json attached = found("oszilloskop kind:attachment");
   ASSERT_EQ(attached.size(), 1u);
   fs::remove(Arrived(opened));
+  const std::string name = attached[0]["subject"], type = "HKCR\\" + fs::path(name).extension().string();
+  ASSERT_EQ(System::Wine({"reg", "add", type, "/ve", "/d", "Test.Mail", "/f"}).code, 0);
   const Result done = System::Run({"open", "oszilloskop", "kind:attachment"});
   EXPECT_EQ(done.code, 0) << done.errors;
   const fs::path file = Arrived(opened);
@@ -254,8 +266,8 @@ TEST_F(Exports, OpenAndPrintHandTheRightFileOver) {
   std::string gone = url;
   gone.replace(gone.find("[[") - 6, 2, "7F");
   EXPECT_THAT(System::Run({"open", gone}).errors, HasSubstr("not in its vault"));
-  for (const char* key : {"HKCR\\.msg", "HKCR\\Test.Mail", "HKCR\\txtfile\\shell\\print"})
-    System::Wine({"reg", "delete", key, "/f"});
+  System::Wine({"reg", "delete", type, "/f"});
+  forget();
 }
 
 }  // namespace
