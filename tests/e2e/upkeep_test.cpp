@@ -198,6 +198,7 @@ TEST_F(Upkeep, DoctorNamesEveryFaultAndRepairsWhatIsOurs) {
   Wine({System::host(), "notify", "modify"});
   Wine({"reg", "add", key + "\\InprocServer32", "/v", "ThreadingModel", "/d", "Apartment", "/f"});
   Wine({"reg", "delete", "HKLM\\Software\\Microsoft\\Windows Search\\ProtocolHandlers", "/v", "zkoffline3x", "/f"});
+  Wine({"reg", "add", key + "\\ShellFolder", "/v", "Attributes", "/t", "REG_SZ", "/d", "538443776", "/f"});
   Wine({"reg", "delete", "HKCR\\TypeLib\\{6E2F0B69-3C41-4D0E-9A57-2B80C164E71D}", "/f"});
   Wine({"reg", "delete", kVaultRoot, "/v", "HXRootDirectory", "/f"});
   Wine({"rundll32", System::module() + ",ZKHoardexRemoveProtocol"});
@@ -229,7 +230,10 @@ TEST_F(Upkeep, DoctorNamesEveryFaultAndRepairsWhatIsOurs) {
   // Libraries that are not there, none, or of others; a policy, which is nobody's to change here.
   Wine({"reg", "add", key + "\\InprocServer32", "/ve", "/d", "Z:\\nowhere\\HoardexPH.dll", "/f"});
   Wine({"reg", "add", kMailClient, "/v", "DLLPathEx", "/d", "Z:\\etc\\passwd", "/f"});
-  Wine({"regsvr32", "/s", "/u", System::stand_in()});
+  // A registration of the stand-in that lost its title and its root's server.
+  Wine({"reg", "delete", "HKCR\\CLSID\\{30766BD2-EA1C-4F28-BF27-0B44E2F68DB7}\\InprocServer32", "/f"});
+  Wine({"reg", "delete", "HKCR\\CLSID\\{30766BD2-EA1C-4F28-BF27-0B44E2F68DB7}", "/ve", "/f"});
+  Wine({"rundll32", System::module() + ",ZKHoardexRemoveProtocol"});
   const std::string policy = "HKLM\\Software\\Policies\\Microsoft\\Windows\\Windows Search";
   Wine({"reg", "add", policy, "/v", "PreventIndexingEmailAttachments", "/t", "REG_DWORD", "/d", "1", "/f"});
   EXPECT_THAT(Faults({}, 1),
@@ -272,6 +276,12 @@ TEST_F(Upkeep, WatchIndexesWhatChangesOnTheDisk) {
   MakeStore("mail", 12, 6);
   EXPECT_TRUE(Says(output, "indexed mail: 12 messages"));
   EXPECT_EQ(MessagesOf("mail"), 12);
+  // What a running host uses is not left over, although nobody has a copy open at this moment.
+  const std::string profile = "HKCU\\Software\\Trelmo\\Hoardex\\Profiles\\ZK_HX_1_2_3_4_6";
+  Wine({"reg", "add", profile, "/f"});
+  EXPECT_EQ(Faults({}, 0), std::set<std::string>());
+  EXPECT_EQ(Json::parse(System::Wine({System::host(), "examine", "mail", "--clear"}).output)["in_use"], 1);
+  Wine({"reg", "delete", profile, "/f"});
 
   EXPECT_EQ(System::Run({"vaults", "add", MakeStore("second", 5, 7)}).code, 0);
   EXPECT_TRUE(Says(output, "indexed second: 5 messages"));
@@ -282,7 +292,9 @@ TEST_F(Upkeep, WatchIndexesWhatChangesOnTheDisk) {
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
   EXPECT_TRUE(Says(output, "stopped"));
 
+  Wine({System::host(), "notify", "modify", "V:\\Tessary\\mail.db"});
   EXPECT_EQ(System::Run({"vaults", "remove", "second"}).code, 0);
+  EXPECT_THAT(System::Run({"index", "--changes"}).output, HasSubstr("mail: modified")) << "worked off by the removal";
   EXPECT_EQ(Hits("vault:second"), 0u);
   EXPECT_EQ(MessagesOf("mail"), 12);
   EXPECT_EQ(System::Run({"watch", "--once", "--quiet", "0.1"}).code, 0);
