@@ -58,7 +58,7 @@ size_t Hits(const std::string& query) {
 
 void Wine(const std::vector<std::string>& words, int code = 0) {
   const Result done = System::Wine(words);
-  EXPECT_EQ(done.code, code) << words[0] << " " << done.output << done.errors;
+  EXPECT_EQ(done.code, code) << words[0] << " " << words.back() << " " << done.output << done.errors;
 }
 
 Json Roots() {
