@@ -25,7 +25,7 @@ using Microsoft::WRL::ComPtr;
 namespace host {
 namespace {
 
-constexpr DWORD kStepTimeout = 30'000;  // ms
+constexpr DWORD kStepTimeout = 30'000, kStepPoll = 20;  // ms
 constexpr wchar_t kClientKey[] = L"SOFTWARE\\Trelmo\\Zarnak\\Client";
 
 // What people attach most.
@@ -40,12 +40,20 @@ struct CloseHandleAtEnd {
   }
 };
 
+// What lies in the pipe at this moment; never waits.
+void ReadWaiting(HANDLE pipe, std::string& text) {
+  char part[4096];
+  for (DWORD size = 0; PeekNamedPipe(pipe, nullptr, 0, nullptr, &size, nullptr) && size;) {
+    if (!ReadFile(pipe, part, std::min<DWORD>(size, sizeof(part)), &size, nullptr)) return;
+    text.append(part, size);
+  }
+}
+
 // Runs this program with other words and returns the object that it prints, or {"failed": what became of it}.
 Json RunStep(const std::wstring& words) {
   SECURITY_ATTRIBUTES inherited = {sizeof(inherited), nullptr, TRUE};
   HANDLE read = nullptr, write = nullptr;
-  // The pipe holds the whole answer, so that nobody need read before the process has ended.
-  if (!CreatePipe(&read, &write, &inherited, 1 << 20)) return {{"failed", "no pipe could be made"}};
+  if (!CreatePipe(&read, &write, &inherited, 0)) return {{"failed", "no pipe could be made"}};
   const CloseHandleAtEnd reader{read};
   SetHandleInformation(read, HANDLE_FLAG_INHERIT, 0);
   wchar_t program[MAX_PATH];
@@ -63,16 +71,15 @@ Json RunStep(const std::wstring& words) {
   CloseHandle(write);
   if (!started) return {{"failed", "it could not be started: error " + std::to_string(error)}};
   const CloseHandleAtEnd child{process.hProcess}, thread{process.hThread};
-  if (WaitForSingleObject(process.hProcess, kStepTimeout) != WAIT_OBJECT_0) {
+  std::string text;
+  // Read meanwhile: a process that fills the pipe would look as if it hung.
+  for (DWORD waited = 0; WaitForSingleObject(process.hProcess, kStepPoll) != WAIT_OBJECT_0; waited += kStepPoll) {
+    ReadWaiting(read, text);
+    if (waited < kStepTimeout) continue;
     TerminateProcess(process.hProcess, 1);
     return {{"failed", "it gave no answer for " + std::to_string(kStepTimeout / 1000) + " s"}};
   }
-  std::string text;
-  char part[4096];
-  for (DWORD size = 0; PeekNamedPipe(read, nullptr, 0, nullptr, &size, nullptr) && size;) {
-    if (!ReadFile(read, part, std::min<DWORD>(size, sizeof(part)), &size, nullptr)) break;
-    text.append(part, size);
-  }
+  ReadWaiting(read, text);
   Json answer = Json::parse(text, nullptr, false);
   if (answer.is_object()) return answer;
   DWORD code = 0;
@@ -104,13 +111,15 @@ std::string UserRoot() {
   return root;
 }
 
-// Asks the index: {"root": the user's, "roots","rules" of the scheme, "changes": how many wait, null where none can be
-// asked for}, or "error".
+// Asks the index: {"root": the user's, "roots","rules" of the scheme, "changes": how many wait at least, and
+// "more"; both absent where none can be asked for}, or "error".
 Json AskIndex() {
   Json answer = SystemRoots();
   answer["root"] = UserRoot();
   const Json changes = SystemChanges();
-  if (changes.contains("changes") && !changes.contains("error")) answer["changes"] = changes["changes"].size();
+  if (changes.contains("error")) return answer;
+  answer["changes"] = changes["changes"].size();
+  answer["more"] = changes["more"];
   return answer;
 }
 

@@ -3,6 +3,7 @@
 #include <windows.h>
 
 #include <shlobj.h>
+#include <tlhelp32.h>
 
 #include <cstdio>
 #include <vector>
@@ -31,6 +32,34 @@ Function* Export(HMODULE library, const char* name) {
   Function* function = nullptr;
   memcpy(&function, &address, sizeof(function));
   return function;
+}
+
+struct CloseSnapshot {
+  HANDLE handle;
+  ~CloseSnapshot() {
+    if (handle != INVALID_HANDLE_VALUE) CloseHandle(handle);
+  }
+};
+
+bool HasModule(DWORD process) {
+  const CloseSnapshot modules{CreateToolhelp32Snapshot(TH32CS_SNAPMODULE, process)};
+  MODULEENTRY32W module = {};
+  module.dwSize = sizeof(module);
+  for (BOOL more = Module32FirstW(modules.handle, &module); more; more = Module32NextW(modules.handle, &module))
+    if (_wcsicmp(module.szModule, L"HoardexPH.dll") == 0) return true;
+  return false;
+}
+
+// Whether another process has the module loaded. What was listed before this is asked and belongs to nobody then is
+// left over, whoever starts meanwhile.
+bool ModuleIsInUse() {
+  const CloseSnapshot processes{CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0)};
+  PROCESSENTRY32W process = {};
+  process.dwSize = sizeof(process);
+  for (BOOL more = Process32FirstW(processes.handle, &process); more; more = Process32NextW(processes.handle, &process))
+    if (process.th32ProcessID && process.th32ProcessID != GetCurrentProcessId() && HasModule(process.th32ProcessID))
+      return true;
+  return false;
 }
 
 // Names of the module's temporary profiles: ZK_HX_ and five hexadecimal numbers.
@@ -75,6 +104,10 @@ Json AskForProfiles(HMODULE library, bool clear) {
     if (SUCCEEDED(hr)) hr = FindProfiles(library, admin.Get(), names);
     if (FAILED(hr)) answer["error"] = ErrorOf("MAPIAdminProfiles", hr);
     Json left = Json::array();
+    if (!names.empty() && ModuleIsInUse()) {
+      answer["in_use"] = names.size();
+      names.clear();
+    }
     for (std::string& name : names)
       if (!clear || FAILED(admin->DeleteProfile(reinterpret_cast<LPTSTR>(name.data()), 0))) left.push_back(name);
     answer["profiles"] = std::move(left);
@@ -114,13 +147,19 @@ Json ExamineTemporaryFiles(bool clear) {
   wchar_t roaming[MAX_PATH] = {};
   if (FAILED(SHGetFolderPathW(nullptr, CSIDL_APPDATA, nullptr, 0, roaming))) return {{"files", Json::array()}};
   const std::wstring folder = std::wstring(roaming) + L"\\zkoffline3x";
-  Json left = Json::array();
-  int in_use = 0;
+  std::vector<std::wstring> names;
   WIN32_FIND_DATAW found;
   const HANDLE search = FindFirstFileW((folder + L"\\*").c_str(), &found);
-  for (bool more = search != INVALID_HANDLE_VALUE; more; more = FindNextFileW(search, &found)) {
-    if (found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) continue;
-    const std::wstring path = folder + L"\\" + found.cFileName;
+  for (bool more = search != INVALID_HANDLE_VALUE; more; more = FindNextFileW(search, &found))
+    if (!(found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)) names.emplace_back(found.cFileName);
+  if (search != INVALID_HANDLE_VALUE) FindClose(search);
+  // Between its writing and its reading nobody has a copy open.
+  if (!names.empty() && ModuleIsInUse())
+    return {{"folder", ToUtf8(folder)}, {"files", Json::array()}, {"in_use", names.size()}};
+  Json left = Json::array();
+  int in_use = 0;
+  for (const std::wstring& name : names) {
+    const std::wstring path = folder + L"\\" + name;
     // Opened without sharing: that fails while a reader has it open.
     const HANDLE file = CreateFileW(path.c_str(), GENERIC_READ | DELETE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
     const bool free = file != INVALID_HANDLE_VALUE;
@@ -128,10 +167,9 @@ Json ExamineTemporaryFiles(bool clear) {
     if (!free && GetLastError() == ERROR_SHARING_VIOLATION) {
       ++in_use;
     } else if (!clear || !DeleteFileW(path.c_str())) {
-      left.push_back(ToUtf8(found.cFileName));
+      left.push_back(ToUtf8(name));
     }
   }
-  if (search != INVALID_HANDLE_VALUE) FindClose(search);
   if (clear) RemoveDirectoryW(folder.c_str());
   return {{"folder", ToUtf8(folder)}, {"files", std::move(left)}, {"in_use", in_use}};
 }

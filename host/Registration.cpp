@@ -17,10 +17,12 @@ constexpr wchar_t kExtension[] = L"Windows Search Hoardex Namespace Extension Cl
 #define CURRENT_VERSION L"Software\\Microsoft\\Windows\\CurrentVersion\\"
 #define WINDOWS_SEARCH L"Software\\Microsoft\\Windows Search\\"
 
-// One value. %CLSID% is the class; %MODULE% the file that the class is registered with.
+// One value, or a key that must be there (without a name). %CLSID% is the class; %MODULE% the file that the class is
+// registered with.
 struct Entry {
   HKEY hive;
   const wchar_t *key, *name, *expected;
+  DWORD type = REG_SZ;
 };
 
 const Entry kEntries[] = {
@@ -34,22 +36,24 @@ const Entry kEntries[] = {
     {HKEY_CLASSES_ROOT, L"CLSID\\%CLSID%\\VersionIndependentProgID", L"", L"HoardexPH3x.HoardexSP"},
     {HKEY_CLASSES_ROOT, L"CLSID\\%CLSID%\\InprocServer32", L"", L"%MODULE%"},
     {HKEY_CLASSES_ROOT, L"CLSID\\%CLSID%\\InprocServer32", L"ThreadingModel", L"Both"},
-    {HKEY_CLASSES_ROOT, L"CLSID\\%CLSID%\\ShellFolder", L"Attributes", L"538443776"},
+    {HKEY_CLASSES_ROOT, L"CLSID\\%CLSID%\\ShellFolder", L"Attributes", L"538443776", REG_DWORD},
     {HKEY_CLASSES_ROOT, L"CLSID\\%CLSID%\\ShellFolder", L"WANTSFORPARSING", L""},
     {HKEY_CLASSES_ROOT, L"zkoffline3x", L"", kExtension},
     {HKEY_CLASSES_ROOT, L"zkoffline3x", L"ShellFolder", L"%CLSID%"},
     {HKEY_CLASSES_ROOT, L"zkoffline3x", L"URL Protocol", L""},
+    {HKEY_CLASSES_ROOT, L"zkoffline3x\\Shell", nullptr, nullptr},
     {HKEY_CLASSES_ROOT, L"TypeLib\\{6E2F0B69-3C41-4D0E-9A57-2B80C164E71D}\\1.0\\0\\win64", L"", L"%MODULE%"},
     {HKEY_LOCAL_MACHINE, WINDOWS_SEARCH L"Gather\\Windows\\SystemIndex\\Protocols\\zkoffline3x\\0",
-     L"ExtExclusionsUsed", L"1"},
-    {HKEY_LOCAL_MACHINE, WINDOWS_SEARCH L"Gather\\Windows\\SystemIndex\\Protocols\\zkoffline3x\\0", L"Included", L"1"},
+     L"ExtExclusionsUsed", L"1", REG_DWORD},
+    {HKEY_LOCAL_MACHINE, WINDOWS_SEARCH L"Gather\\Windows\\SystemIndex\\Protocols\\zkoffline3x\\0", L"Included", L"1",
+     REG_DWORD},
     {HKEY_LOCAL_MACHINE, WINDOWS_SEARCH L"Gather\\Windows\\SystemIndex\\Protocols\\zkoffline3x\\0", L"PrefixName", L""},
     {HKEY_LOCAL_MACHINE, WINDOWS_SEARCH L"Gather\\Windows\\SystemIndex\\Protocols\\zkoffline3x\\0", L"ProgIdHandler",
      kProgId},
     {HKEY_LOCAL_MACHINE, WINDOWS_SEARCH L"ProtocolHandlers", L"zkoffline3x", kProgId},
     {HKEY_LOCAL_MACHINE, CURRENT_VERSION L"Explorer\\Desktop\\NameSpace\\%CLSID%", L"", kExtension},
-    {HKEY_LOCAL_MACHINE, CURRENT_VERSION L"Explorer\\HideDesktopIcons\\NewStartPanel", L"%CLSID%", L"1"},
-    {HKEY_LOCAL_MACHINE, CURRENT_VERSION L"Explorer\\HideDesktopIcons\\ClassicStartMenu", L"%CLSID%", L"1"},
+    {HKEY_LOCAL_MACHINE, CURRENT_VERSION L"Explorer\\HideDesktopIcons\\NewStartPanel", L"%CLSID%", L"1", REG_DWORD},
+    {HKEY_LOCAL_MACHINE, CURRENT_VERSION L"Explorer\\HideDesktopIcons\\ClassicStartMenu", L"%CLSID%", L"1", REG_DWORD},
     {HKEY_LOCAL_MACHINE, CURRENT_VERSION L"Shell Extensions\\Approved", L"%CLSID%", kExtension},
 };
 
@@ -70,6 +74,45 @@ std::wstring Filled(std::wstring text, const std::wstring& clsid, const std::wst
        {std::pair(std::wstring(L"%CLSID%"), clsid), std::pair(std::wstring(L"%MODULE%"), module)})
     if (const size_t at = text.find(mark); at != std::wstring::npos) text.replace(at, mark.size(), value);
   return text;
+}
+
+const wchar_t* TypeName(DWORD type) {
+  constexpr const wchar_t* kNames[] = {L"REG_NONE", L"REG_SZ", L"REG_EXPAND_SZ", L"REG_BINARY", L"REG_DWORD"};
+  return type < std::size(kNames) ? kNames[type] : L"another type";
+}
+
+bool KeyExists(HKEY hive, const std::wstring& key) {
+  HKEY opened = nullptr;
+  if (RegOpenKeyExW(hive, key.c_str(), 0, KEY_READ, &opened) != ERROR_SUCCESS) return false;
+  RegCloseKey(opened);
+  return true;
+}
+
+// How an entry differs: {"key","name","expected","found"}, or null.
+Json Differing(const Entry& entry, const std::wstring& clsid, const std::wstring& module) {
+  const std::wstring key = Filled(entry.key, clsid, module);
+  Json differing = {{"key", (entry.hive == HKEY_CLASSES_ROOT ? "HKCR\\" : "HKLM\\") + ToUtf8(key)},
+                    {"name", ""},
+                    {"expected", ""},
+                    {"found", nullptr}};
+  if (!entry.name) return KeyExists(entry.hive, key) ? Json() : differing;
+  const std::wstring name = Filled(entry.name, clsid, module), expected = Filled(entry.expected, clsid, module);
+  differing["name"] = ToUtf8(name);
+  differing["expected"] = ToUtf8(expected);
+  DWORD type = REG_NONE;
+  if (RegGetValueW(entry.hive, key.c_str(), name.c_str(), RRF_RT_ANY | RRF_NOEXPAND, &type, nullptr, nullptr) !=
+      ERROR_SUCCESS)
+    return differing;
+  const std::wstring found = RegistryText(entry.hive, key, name.c_str()).value_or(L"");
+  if (type != entry.type) {
+    differing["expected"] = ToUtf8(std::wstring(TypeName(entry.type)) + L" " + expected);
+    differing["found"] = ToUtf8(std::wstring(TypeName(type)) + L" " + found);
+    return differing;
+  }
+  // A type library is registered by its path without the limit of length.
+  if (found == expected || found == LR"(\\?\)" + expected) return {};
+  differing["found"] = ToUtf8(found);
+  return differing;
 }
 
 // The word at this place of a file; 0 past its end.
@@ -109,18 +152,8 @@ Json ExamineRegistration() {
   const std::wstring clsid = ClassText(CLSID_HoardexSP);
   const std::wstring module = RegistryText(HKEY_CLASSES_ROOT, ServerKey(CLSID_HoardexSP), L"").value_or(L"");
   Json differing = Json::array();
-  for (const Entry& entry : kEntries) {
-    const std::wstring key = Filled(entry.key, clsid, module), name = Filled(entry.name, clsid, module),
-                       expected = Filled(entry.expected, clsid, module);
-    const auto found = RegistryText(entry.hive, key, name.c_str());
-    // A type library is registered by its path without the limit of length.
-    if (found == expected || found == LR"(\\?\)" + expected) continue;
-    const std::wstring hive = entry.hive == HKEY_CLASSES_ROOT ? L"HKCR\\" : L"HKLM\\";
-    differing.push_back({{"key", ToUtf8(hive + key)},
-                         {"name", ToUtf8(name)},
-                         {"expected", ToUtf8(expected)},
-                         {"found", found ? Json(ToUtf8(*found)) : Json()}});
-  }
+  for (const Entry& entry : kEntries)
+    if (Json one = Differing(entry, clsid, module); !one.is_null()) differing.push_back(std::move(one));
   return {{"entries", std::size(kEntries)}, {"differing", std::move(differing)}};
 }
 
@@ -134,8 +167,12 @@ Json ExamineLibrary(const std::wstring& path) {
 
 Json ExamineServer(const CLSID& clsid) {
   const auto path = RegistryText(HKEY_CLASSES_ROOT, ServerKey(clsid), L"");
-  if (!path || path->empty()) return {{"exists", false}};
-  Json server = ExamineLibrary(*path);
+  const std::wstring key = L"CLSID\\" + ClassText(clsid);
+  Json server = path && !path->empty() ? ExamineLibrary(*path) : Json{{"exists", false}};
+  server["title"] = ToUtf8(RegistryText(HKEY_CLASSES_ROOT, key, L"").value_or(L""));
+  for (const auto& [place, name] : {std::pair(key + L"\\LocalServer32", L""), std::pair(key, L"AppID")})
+    if (const auto program = RegistryText(HKEY_CLASSES_ROOT, place, name)) server["program"] = ToUtf8(*program);
+  if (!server.contains("path")) return server;
   server["threading"] = ToUtf8(RegistryText(HKEY_CLASSES_ROOT, ServerKey(clsid), L"ThreadingModel").value_or(L""));
   return server;
 }

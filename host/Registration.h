@@ -11,11 +11,12 @@
 namespace host {
 
 // {"entries": how many there are, "differing": [{"key","name","expected","found"}]}; `found` is null for an entry that
-// is not there, `name` empty for a key's default value. Only reads.
+// is not there, `name` empty for a key's default value or the key as such. A value of another type is named with both
+// types. Only reads.
 Json ExamineRegistration();
 
-// The in-process server that COM would load for a class: {"path","exists","bitness","threading"}, all but `exists`
-// absent where there is none.
+// The server of a class: {"title","exists"}; with one in process {"path","bitness","threading"}; "program" where there
+// is one out of process: its command line or application ID.
 Json ExamineServer(const CLSID& clsid);
 
 // {"path","exists","bitness"}: 64 or 32 by the header of the file, 0 for what is no library of this processor.

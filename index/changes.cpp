@@ -209,6 +209,17 @@ int64_t TakeUpChanges(Gatherer& gatherer, Store& store, const CrawlScope& scope,
   }
 }
 
+void FinishDeletions(Gatherer& gatherer, Store& store, const std::set<std::string>& vaults) {
+  const Batch batch = Fetch(gatherer);
+  const auto known = [&](const QueuedChange& change) {
+    return change.valid && change.kind == ChangeKind::kDelete &&
+           KindOfUrl(ContainerUrl(change.url)) == ItemKind::kVault &&
+           vaults.contains(VaultOfUrl(ContainerUrl(change.url)));
+  };
+  if (batch.changes.empty() || batch.more || !std::all_of(batch.changes.begin(), batch.changes.end(), known)) return;
+  FinishChanges(gatherer, store, LastId(batch));
+}
+
 void FinishChanges(Gatherer& gatherer, Store& store, int64_t last) {
   store.Sync();
   const json answer = gatherer.Request({{"done", last}}, "done");

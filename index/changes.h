@@ -58,6 +58,9 @@ ChangesOutcome CrawlChanges(Gatherer& gatherer, Store& store, const CrawlOptions
 // finish with after the crawl, or 0.
 int64_t TakeUpChanges(Gatherer& gatherer, Store& store, const CrawlScope& scope,
                       const std::set<std::string>& kept_vaults);
+// Takes deletions of these vaults (by name), which the store knows already, out of the system's queue, unless other
+// changes wait there: the queue can only be shortened from its front. Then they stay; told again they do no harm.
+void FinishDeletions(Gatherer& gatherer, Store& store, const std::set<std::string>& vaults);
 // Takes the changes up to and including this one out of the system's queue, after the store's last commit has reached
 // the disk.
 void FinishChanges(Gatherer& gatherer, Store& store, int64_t last);

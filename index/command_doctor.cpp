@@ -73,7 +73,8 @@ Repairs Fix(const Environment& environment) {
   fs::create_directories(environment.vault_folder(), error);
   MapDrives(environment);
   repairs.failed = RegisterWindowsSide(environment);
-  repairs.done.push_back("The registration was made again.");
+  if (repairs.failed.empty()) repairs.done.push_back("The registration was made again.");
+  Examine(environment, true);  // takes leftovers away, while no index is being made
   return repairs;
 }
 
@@ -97,7 +98,6 @@ int RunDoctor(const Environment& environment, const DoctorArguments& arguments) 
   std::vector<Finding> findings = Examine(environment, false);
   if (arguments.fix && AnyWrong(findings)) {
     repairs = Fix(environment);
-    Examine(environment, true);  // takes leftovers away
     findings = Examine(environment, false);
   }
   const bool wrong = AnyWrong(findings);

@@ -1,6 +1,7 @@
 #include <cstdio>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <set>
 #include <stdexcept>
 
 #include "index/changes.h"
@@ -70,6 +71,7 @@ class WindowsSide {
   void Say(const std::string& trouble) {
     if (trouble.empty()) return;
     well_ = false;
+    if (Interrupted()) return;
     std::fprintf(stderr, "hoardex: %s\n", PrintableText(trouble).c_str());
   }
   const Environment& environment_;
@@ -130,29 +132,37 @@ int RunVaultsRemove(const Environment& environment, const std::vector<std::strin
   VaultFolder folder(environment);
   Imports imports(environment);
   WindowsSide windows(environment);
+  Progress progress;
   std::vector<Vault> removed;
   for (const std::string& name : names) {
+    if (Interrupted()) break;
     const auto vault = folder.Find(name);
     if (!vault) {
       std::fprintf(stderr, "hoardex: There is no vault \"%s\".\n", OneLine(name).c_str());
       continue;
     }
+    progress.Say("telling the system's index of " + OneLine(vault->name));
     // The link first: an index without it is put right by the next crawl, a link without its items would come back.
     folder.Remove(name);
     windows.Do([&](Gatherer& gatherer) { return ReportVault(gatherer, "delete", vault->name); });
     removed.push_back(*vault);
   }
   if (!removed.empty() && std::filesystem::exists(environment.index_file())) {
+    // Here and not by way of the queue, which may hold hours of work that nobody asked for now. What was not told, or
+    // was stopped, goes all the same; what is remembered of the file goes with it.
     Store store(environment.index_file(), Database::Mode::kCreate);
-    CrawlOptions options;
-    for (const Vault& vault : folder.List()) options.kept_vaults.insert(vault.name);
+    std::set<std::string> gone;
+    for (const Vault& vault : removed) {
+      progress.Say("taking " + OneLine(vault.name) + " out of the index");
+      store.RemoveVault(vault.name);
+      gone.insert(vault.name);
+    }
     windows.Do([&](Gatherer& gatherer) {
-      CrawlChanges(gatherer, store, options);
+      FinishDeletions(gatherer, store, gone);
       return std::string();
     });
-    // What was not told, or was stopped, goes all the same; what is remembered of the file goes with it.
-    for (const Vault& vault : removed) store.RemoveVault(vault.name);
   }
+  progress.Clear();
   for (const Vault& vault : removed) {
     std::string original = vault.source.string();
     for (const Import& import : imports.List()) {
@@ -160,6 +170,10 @@ int RunVaultsRemove(const Environment& environment, const std::vector<std::strin
     }
     imports.Forget(vault.source);
     Print("The vault " + vault.name + " is no longer indexed; " + OneLine(original) + " is untouched.\n");
+  }
+  if (Interrupted()) {
+    std::fprintf(stderr, "hoardex: stopped; what is not named above is still a vault.\n");
+    return kExitInterrupted;
   }
   if (removed.size() < names.size()) return kExitFailed;
   return windows.well() ? kExitOk : kExitPartly;

@@ -2,6 +2,7 @@
 
 #include "index/doctor.h"
 #include "index/output.h"
+#include "index/scope.h"
 #include "index/text.h"
 
 namespace hoardex {
@@ -171,9 +172,23 @@ Finding JudgePolicy(const json& policy) {
   return Good("policy", "none on attachments");
 }
 
+// The server of a class of the index that is another's, which registration leaves alone; empty for none.
+std::string AnothersServer(const json& server, const std::string& built) {
+  const auto file_name = [](const std::string& path) { return AsciiLower(path.substr(path.find_last_of("\\/") + 1)); };
+  const std::string path = Text(server, "path");
+  if (Text(server, "title").starts_with("Hoardex system index")) return {};
+  if (path.empty()) return Text(server, "program");
+  return built.empty() || file_name(path) == file_name(built) ? "" : path;
+}
+
 Finding JudgeSearchManager(const json& facts, const Environment& environment) {
-  for (const char* server : {"index_server", "root_server"}) {
-    Finding finding = JudgeServer("search manager", Part(facts, server), environment.stand_in);
+  for (const char* name : {"index_server", "root_server"}) {
+    const json& server = Part(facts, name);
+    if (const std::string another = AnothersServer(server, environment.stand_in); !another.empty())
+      return Bad("search manager", another + " is registered for it",
+                 "It is another's and is left alone: once " + another +
+                     " is unregistered, hoardex doctor --fix registers the stand-in.");
+    Finding finding = JudgeServer("search manager", server, environment.stand_in);
     if (finding.verdict != Verdict::kOk) return finding;
   }
   const json& index = Part(facts, "index");
@@ -184,23 +199,23 @@ Finding JudgeSearchManager(const json& facts, const Environment& environment) {
 }
 
 Finding JudgeRoot(const json& index) {
-  constexpr const char* kRemedy = "hoardex doctor --fix adds it.";
-  constexpr const char* kExcluded = "Take the rule back in the settings of the index.";
   const std::string root = Text(index, "root");
-  const auto is_root = [&](const json& url) {
-    return url.is_string() && AsciiLower(url.get<std::string>()) == AsciiLower(root);
-  };
   const json& roots = Part(index, "roots");
-  if (root.empty() || std::none_of(roots.begin(), roots.end(), is_root))
-    return Bad("search root", "the user's search root is not registered", kRemedy);
-  bool included = false;
-  for (const json& rule : Part(index, "rules")) {
-    if (!is_root(Part(rule, "pattern"))) continue;
-    if (!Flag(rule, "included")) return Bad("search root", root + " is excluded by a rule of the index", kExcluded);
-    included = true;
-  }
-  if (!included) return Bad("search root", root + " is there, but no rule includes it", kRemedy);
-  return Good("search root", root);
+  const bool there = std::any_of(roots.begin(), roots.end(), [&](const json& url) {
+    return url.is_string() && AsciiLower(ContainerUrl(url.get<std::string>())) == AsciiLower(ContainerUrl(root));
+  });
+  if (root.empty() || !there)
+    return Bad("search root", "the user's search root is not registered", "hoardex doctor --fix adds it.");
+  std::vector<ScopeRule> rules;
+  for (const json& rule : Part(index, "rules"))
+    rules.push_back({Text(rule, "pattern"), Flag(rule, "included"), Flag(rule, "default")});
+  if (CrawlScope({root}, rules).Includes(root)) return Good("search root", root);
+  for (ScopeRule& rule : rules) rule.included = true;
+  if (CrawlScope({root}, rules).Includes(root))
+    return Bad("search root", root + " is excluded by a rule of the index",
+               "Take the rule back in the settings of the index.");
+  return Bad("search root", root + " is there, but no rule includes it",
+             "hoardex setup --remove and then hoardex setup make both anew.");
 }
 
 Finding JudgeItemTypes(const json& unnamed) {
@@ -211,7 +226,8 @@ Finding JudgeItemTypes(const json& unnamed) {
 Finding JudgeProfiles(const json& mail) {
   const json& profiles = Part(mail, "profiles");
   if (!profiles.is_array()) return {"profiles", Verdict::kWarning, "they cannot be listed", "See the check of MAPI."};
-  if (profiles.empty()) return Good("profiles", "none left over");
+  const int64_t in_use = Number(mail, "in_use");
+  if (profiles.empty()) return Good("profiles", in_use ? Counted(in_use, "profile") + " in use" : "none left over");
   return Bad("profiles", "left over: " + Joined(profiles, kNamed), "hoardex doctor --fix deletes them.");
 }
 
@@ -237,7 +253,9 @@ Finding JudgeChanges(const json& index) {
   if (!changes.is_number()) return {"changes", Verdict::kWarning, "they cannot be counted", "See the search manager."};
   const int64_t waiting = changes.get<int64_t>();
   if (waiting == 0) return Good("changes", "none wait");
-  return {"changes", Verdict::kWarning, Counted(waiting, "reported change") + (waiting == 1 ? " waits" : " wait"),
+  return {"changes", Verdict::kWarning,
+          (Flag(index, "more") ? "at least " : "") + Counted(waiting, "reported change") +
+              (waiting == 1 ? " waits" : " wait"),
           "hoardex index --changes takes them up."};
 }
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <iterator>
 
+#include "winindex/ComObject.h"
 #include "winindex/StateFiles.h"
 #include "winindex/Text.h"
 
@@ -56,6 +57,8 @@ void QueueChanges(const std::vector<Change>& changes) {
   const StateFile file(kFile);
   const std::vector<NumberedChange> last = Parse(file.ReadEnd(kEnd));
   ULONGLONG id = std::max(Now(), last.empty() ? 0 : last.back().id + 1);
+  // Behind a number at the limit a change would be written that nobody reads: refused until the queue has been emptied.
+  Require(id + changes.size() <= kMaxId, HRESULT_FROM_WIN32(ERROR_ARITHMETIC_OVERFLOW));
   std::string lines;
   for (const Change& change : changes) lines += LineOf(id++, change);
   file.Append(lines);
@@ -76,6 +79,11 @@ bool TakeChangesAway(ULONGLONG last) {
   const bool any = !all.empty() && all.front().id <= last;
   if (any || rest.empty()) file.Replace(rest);
   return any;
+}
+
+void ForgetChanges() {
+  const StateLock lock;
+  StateFile(kFile).Replace({});
 }
 
 }  // namespace winindex

@@ -22,5 +22,7 @@ void QueueChanges(const std::vector<Change>& changes);
 std::vector<NumberedChange> QueuedChanges();
 // Takes the changes up to and including `last` away; false when there were none.
 bool TakeChangesAway(ULONGLONG last);
+// Takes all away, whatever the file holds. Throws Failure.
+void ForgetChanges();
 
 }  // namespace winindex

@@ -10,11 +10,12 @@ namespace {
 
 constexpr wchar_t kFile[] = L"scope.txt";
 
-// The deepest root that has this URL below it, or null.
+// The deepest root that is this URL or has it below it, or null. A rule for a root may lack the slash at its end.
 const Root* RootOf(const std::vector<Root>& roots, std::wstring_view url) {
   const Root* deepest = nullptr;
+  const std::wstring closed = std::wstring(url) + L"/";
   for (const Root& root : roots) {
-    if (BeginsWith(url, root.url) && (!deepest || root.url.size() > deepest->url.size())) deepest = &root;
+    if (BeginsWith(closed, root.url) && (!deepest || root.url.size() > deepest->url.size())) deepest = &root;
   }
   return deepest;
 }

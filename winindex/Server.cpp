@@ -1,9 +1,13 @@
 // The DLL's exports: class objects and registration.
 #include <string>
 
+#include "module/core/RegistryUndo.h"
+#include "winindex/ChangeQueue.h"
 #include "winindex/ComObject.h"
+#include "winindex/Scope.h"
 #include "winindex/SearchManager.h"
 #include "winindex/SearchRoot.h"
+#include "winindex/StateFiles.h"
 #include "winindex/Text.h"
 
 namespace winindex {
@@ -66,24 +70,35 @@ std::wstring ModulePath() {
 
 enum class Owner { kNobody, kOurs, kAnother };
 
-// Whose class this is: another's is left alone, above all the index of Windows itself.
-Owner OwnerOf(const ClassRow& row) {
-  HKEY key;
-  if (RegOpenKeyExW(HKEY_CLASSES_ROOT, KeyOf(row).c_str(), 0, KEY_READ, &key) != ERROR_SUCCESS) return Owner::kNobody;
-  RegCloseKey(key);
-  const std::wstring file = ModulePath().substr(ModulePath().find_last_of(L"\\/") + 1);
-  wchar_t server[2048];
-  DWORD size = sizeof(server);
-  if (RegGetValueW(HKEY_CLASSES_ROOT, (KeyOf(row) + L"\\" + kServer).c_str(), nullptr, RRF_RT_REG_SZ, nullptr, server,
-                   &size) != ERROR_SUCCESS)
-    return Owner::kAnother;
-  const std::wstring_view path = server;
-  return SameText(path.substr(path.find_last_of(L"\\/") + 1), file) ? Owner::kOurs : Owner::kAnother;
+// A text of the classes' part of the registry; empty when there is none.
+std::wstring TextOf(const std::wstring& key, const wchar_t* name = nullptr) {
+  wchar_t text[2048];
+  DWORD size = sizeof(text);
+  return RegGetValueW(HKEY_CLASSES_ROOT, key.c_str(), name, RRF_RT_REG_SZ, nullptr, text, &size) == ERROR_SUCCESS ? text
+                                                                                                                  : L"";
 }
 
-void SetText(const std::wstring& key, const wchar_t* name, const std::wstring& text) {
-  const auto size = static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t));
-  const LONG error = RegSetKeyValueW(HKEY_CLASSES_ROOT, key.c_str(), name, REG_SZ, text.c_str(), size);
+// Whose class this is: another's is left alone, above all the index of Windows itself, whose server is a service.
+// Ours is what has our title, our library, or no server at all: the rest of a registration.
+Owner OwnerOf(const ClassRow& row) {
+  const std::wstring key = KeyOf(row);
+  RegistryKey there;
+  if (there.Open(HKEY_CLASSES_ROOT, key.c_str()) != ERROR_SUCCESS) return Owner::kNobody;
+  if (SameText(TextOf(key), row.title)) return Owner::kOurs;
+  const auto file_of = [](const std::wstring& path) { return path.substr(path.find_last_of(L"\\/") + 1); };
+  const std::wstring server = TextOf(key + L"\\" + kServer);
+  if (!server.empty()) return SameText(file_of(server), file_of(ModulePath())) ? Owner::kOurs : Owner::kAnother;
+  for (const wchar_t* out_of_process : {L"LocalServer32", L"LocalServer"})
+    if (there.Open(HKEY_CLASSES_ROOT, (key + L"\\" + out_of_process).c_str()) == ERROR_SUCCESS) return Owner::kAnother;
+  return TextOf(key, L"AppID").empty() ? Owner::kOurs : Owner::kAnother;
+}
+
+void SetText(RegistryUndo& undo, const std::wstring& path, const wchar_t* name, const std::wstring& text) {
+  RegistryKey key;
+  LONG error = undo.OpenOrCreate(HKEY_CLASSES_ROOT, path, KEY_READ | KEY_WRITE, key);
+  if (error == ERROR_SUCCESS)
+    error = undo.SetValue(HKEY_CLASSES_ROOT, path, key, name, REG_SZ, text.c_str(),
+                          static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t)));
   if (error != ERROR_SUCCESS) throw Failure{HRESULT_FROM_WIN32(error)};
 }
 
@@ -126,28 +141,35 @@ STDAPI DllCanUnloadNow() {
   return living == 0 ? S_OK : S_FALSE;
 }
 
-// Refuses with ERROR_ALREADY_EXISTS where the machine has an index of its own. What cannot be done whole is undone.
+// Refuses with ERROR_ALREADY_EXISTS where the machine has an index of its own. What cannot be done whole is undone:
+// what stood there before stands there again.
 STDAPI DllRegisterServer() {
   return Method("DllRegisterServer", [] {
     for (const ClassRow& row : kClasses)
       Require(OwnerOf(row) != Owner::kAnother, HRESULT_FROM_WIN32(ERROR_ALREADY_EXISTS));
-    try {
-      for (const ClassRow& row : kClasses) {
-        SetText(KeyOf(row) + L"\\" + kServer, nullptr, ModulePath());
-        SetText(KeyOf(row) + L"\\" + kServer, L"ThreadingModel", L"Both");
-        SetText(KeyOf(row), nullptr, row.title);
-      }
-    } catch (const Failure&) {
-      Remove();
-      throw;
+    RegistryUndo undo;
+    RegistryKey classes;
+    if (const LONG error = undo.OpenOrCreate(HKEY_CLASSES_ROOT, L"CLSID", KEY_READ, classes); error != ERROR_SUCCESS)
+      return HRESULT_FROM_WIN32(error);
+    for (const ClassRow& row : kClasses) {
+      SetText(undo, KeyOf(row), nullptr, row.title);
+      SetText(undo, KeyOf(row) + L"\\" + kServer, nullptr, ModulePath());
+      SetText(undo, KeyOf(row) + L"\\" + kServer, L"ThreadingModel", L"Both");
     }
+    undo.Keep();
     return S_OK;
   });
 }
 
-// Leaves classes of others alone, and the state: search roots are the users'.
+// Leaves classes of others alone, and search roots, which are the users'. Without any there is nobody whose index waits
+// for the changes that are queued.
 STDAPI DllUnregisterServer() {
-  return Method("DllUnregisterServer", [] { return Remove(); });
+  return Method("DllUnregisterServer", [] {
+    const HRESULT result = Remove();
+    const StateLock lock;
+    if (Scope::Load().roots().empty()) ForgetChanges();
+    return result;
+  });
 }
 
 }  // extern "C"

@@ -118,7 +118,9 @@ STDAPI DllRegisterServer() {
 STDAPI DllUnregisterServer() {
   ZK_GUARD(L"HoardexPH::DllUnregisterServer()", [] {
     const HRESULT hr = registrar::Unregister(IDR_REGISTRATION, ModulePath());
-    UnRegisterTypeLib(module::kTypeLibrary, 1, 0, LOCALE_NEUTRAL, SYS_WIN64);
+    const HRESULT library = UnRegisterTypeLib(module::kTypeLibrary, 1, 0, LOCALE_NEUTRAL, SYS_WIN64);
+    if (FAILED(library))
+      ZK_LOG(L"HoardexPH::DllUnregisterServer() - UnRegisterTypeLib returned with a value of [0x%08lX]", library);
     DeleteWDSRegKeyForHX();
     return hr;
   });

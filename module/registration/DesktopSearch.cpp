@@ -33,20 +33,19 @@ bool OlderGeneration() {
   return !IsVistaOrLater() && !IsServer2008OrLater();
 }
 
-// How many locations there are; where there is no list yet, none.
-LONG CountLocations(DWORD& count) {
+// How many locations there are beside the module's own.
+LONG CountOtherLocations(DWORD& count) {
   count = 0;
   RegistryKey locations;
-  const LONG opened = locations.Open(HKEY_LOCAL_MACHINE, kLocationsKey);
-  if (opened == ERROR_FILE_NOT_FOUND) return ERROR_SUCCESS;
-  if (opened != ERROR_SUCCESS) return opened;
-  for (;; ++count) {
+  LONG error = locations.Open(HKEY_LOCAL_MACHINE, kLocationsKey);
+  const std::wstring own = text::Resource(IDS_TESSARY);
+  for (DWORD i = 0; error == ERROR_SUCCESS; ++i) {
     wchar_t name[256];
     DWORD length = 256;
-    const LONG error = RegEnumKeyExW(locations.get(), count, name, &length, nullptr, nullptr, nullptr, nullptr);
-    if (error == ERROR_NO_MORE_ITEMS) return ERROR_SUCCESS;
-    if (error != ERROR_SUCCESS) return error;
+    error = RegEnumKeyExW(locations.get(), i, name, &length, nullptr, nullptr, nullptr, nullptr);
+    if (error == ERROR_SUCCESS && own != name) ++count;
   }
+  return error == ERROR_NO_MORE_ITEMS ? ERROR_SUCCESS : error;
 }
 
 LONG WriteLocation(const RegistryKey& key, DWORD position) {
@@ -73,21 +72,24 @@ LONG AddLocation(const std::wstring& path) {
   RegistryKey key;
   LONG error = key.Open(HKEY_LOCAL_MACHINE, path.c_str());
   if (error != ERROR_FILE_NOT_FOUND) return error;
-  DWORD position = 0;
-  if ((error = CountLocations(position)) != ERROR_SUCCESS) return error;
+  // Whoever makes the key writes it: of processes that are loading the module at the same time, one.
   bool made = false;
-  if ((error = key.Create(HKEY_LOCAL_MACHINE, path.c_str(), KEY_ALL_ACCESS, &made)) != ERROR_SUCCESS) return error;
-  error = WriteLocation(key, position);
+  if ((error = key.Create(HKEY_LOCAL_MACHINE, path.c_str(), KEY_ALL_ACCESS, &made)) != ERROR_SUCCESS || !made)
+    return error;
+  DWORD position = 0;
+  error = CountOtherLocations(position);
+  if (error == ERROR_SUCCESS) error = WriteLocation(key, position);
   // Half an entry would be taken for a whole one the next time.
-  if (error != ERROR_SUCCESS && made) RegDeleteTreeW(HKEY_LOCAL_MACHINE, path.c_str());
+  if (error != ERROR_SUCCESS) RegDeleteTreeW(HKEY_LOCAL_MACHINE, path.c_str());
   return error;
 }
 
-void UpdateLocation() {
+bool UpdateLocation() {
   const std::wstring path = LocationKey();
   const LONG error = AddLocation(path);
   if (error != ERROR_SUCCESS)
     ZK_LOG(L"UpdateWDSRegKeyForHX() - Adding the registry key HKLM\\%s failed, errorCode = %ld", path.c_str(), error);
+  return error == ERROR_SUCCESS;
 }
 
 void RemoveLocation() {
@@ -97,27 +99,34 @@ void RemoveLocation() {
     ZK_LOG(L"DeleteWDSRegKeyForHX() - Removing the registry key HKLM\\%s failed, errorCode = %ld", path.c_str(), error);
 }
 
-// The part of the update that touches the registry alone. Returns whether the system is known.
-bool UpdateRegistry() {
-  const bool known = DetectOSVersion();
-  UpdateTYItemTypeInReg();
-  if (known && OlderGeneration()) UpdateLocation();
-  return known;
+// The part of the update that touches the registry alone.
+struct RegistryUpdate {
+  bool known = false;    // the system is
+  bool written = false;  // all of it
+};
+RegistryUpdate UpdateRegistry() {
+  RegistryUpdate update;
+  update.known = DetectOSVersion();
+  update.written = UpdateTYItemTypeInReg();
+  if (update.known && OlderGeneration()) update.written = UpdateLocation() && update.written;
+  return update;
 }
 
 }  // namespace
 
 void UpdateRegistryOnAttach() {
-  static constinit std::atomic<bool> done = false;
-  if (done) return;
+  // Not on every thread of a process that may not write there.
+  static constinit std::atomic<int> passes_left = 3;
+  if (passes_left <= 0 || passes_left-- <= 0) return;
   boundary::Guard(kLogSource, __LINE__, L"UpdateWDSRegKeyForHX()", [] {
-    if (UpdateRegistry()) done = true;
+    const RegistryUpdate update = UpdateRegistry();
+    if (update.known && update.written) passes_left = 0;
     return S_OK;
   });
 }
 
 void UpdateWDSRegKey() {
-  if (UpdateRegistry() && !OlderGeneration()) CreateDeleteRegSearchRootAndDefaultScope(true);
+  if (UpdateRegistry().known && !OlderGeneration()) CreateDeleteRegSearchRootAndDefaultScope(true);
 }
 
 void DeleteWDSRegKey() {

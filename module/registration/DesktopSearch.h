@@ -2,8 +2,8 @@
 // Vista its entry in the locations of Windows Desktop Search.
 #pragma once
 
-// Called on every attach, under the loader lock: brings the registry up to date and never calls COM. After the first
-// pass of the process it returns at once.
+// Called on every attach, under the loader lock: brings the registry up to date and never calls COM. After a pass
+// that wrote everything, or three that did not, it returns at once.
 void UpdateRegistryOnAttach();
 
 // The exports of the same name, for a thread that has initialised COM.

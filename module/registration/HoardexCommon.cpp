@@ -13,7 +13,7 @@ namespace {
 
 constexpr wchar_t kLogSource[] = L".\\HoardexCommon";
 
-// Flags of the process; written once, by whichever thread detects first.
+// Flags of the process; every thread that detects finds the same.
 std::atomic<bool> g_detected = false;
 std::atomic<bool> g_vista = false;
 std::atomic<bool> g_server2008 = false;
@@ -55,18 +55,19 @@ bool DetectOSVersion() {
     return false;
   }
   const bool workstation = version.wProductType == VER_NT_WORKSTATION;
-  ZK_LOG(L"DetectOSVersion() - MajorVer = %d, MinorVer = %d, Type = %s", version.dwMajorVersion, version.dwMinorVersion,
-         workstation ? L"WORKSTATION" : L"SERVER");
+  const Rule* detected = nullptr;
   for (const Rule& rule : kRules) {
     const bool major = rule.later_too ? version.dwMajorVersion >= rule.major : version.dwMajorVersion == rule.major;
     const bool minor = rule.minor < 0 || version.dwMinorVersion == static_cast<DWORD>(rule.minor);
-    if (!major || !minor || rule.workstation != workstation) continue;
-    if (rule.flag) *rule.flag = true;
-    ZK_LOG(L"%s", rule.line);
-    break;
+    if (!detected && major && minor && rule.workstation == workstation) detected = &rule;
   }
-  // Last: whoever finds it set finds the flags.
-  g_detected = true;
+  if (detected && detected->flag) *detected->flag = true;
+  // After the flags: whoever finds it set finds them. Of threads that come here together one logs; none waits, since
+  // the loader's lock may be held.
+  if (g_detected.exchange(true)) return true;
+  ZK_LOG(L"DetectOSVersion() - MajorVer = %d, MinorVer = %d, Type = %s", version.dwMajorVersion, version.dwMinorVersion,
+         workstation ? L"WORKSTATION" : L"SERVER");
+  if (detected) ZK_LOG(L"%s", detected->line);
   return true;
 }
 
@@ -77,7 +78,8 @@ bool IsServer2008OrLater() {
   return g_server2008;
 }
 
-void UpdateTYItemTypeInReg() {
+bool UpdateTYItemTypeInReg() {
+  bool all = true;
   for (const ItemType& type : kItemTypes) {
     const std::wstring display_name = text::Resource(type.display_name);
     RegistryKey key;
@@ -86,13 +88,16 @@ void UpdateTYItemTypeInReg() {
     if (error != ERROR_SUCCESS) {
       ZK_LOG(L"UpdateTYItemTypeInReg() - Failed to access %s registry key under HKEY_CLASSES_ROOT, errorCode = %ld",
              type.name, error);
+      all = false;
       continue;
     }
     ZK_LOG(L"UpdateTYItemTypeInReg() --- TY ItemType [%s] ---", type.name);
     if (display_name.empty()) continue;
     error = key.WriteString(kFriendlyName, display_name);
     ZK_LOG(L"UpdateTYItemTypeInReg() Set '%s' registry value, returnCode = %ld", kFriendlyName, error);
+    all = all && error == ERROR_SUCCESS;
   }
+  return all;
 }
 
 void RemoveTYItemTypeFromReg() {

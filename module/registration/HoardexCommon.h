@@ -1,8 +1,8 @@
 // Which Windows the module runs on, and the names of the item types.
 #pragma once
 
-// Classifies the running Windows once and keeps the flags; until it has succeeded both are false. Returns whether it
-// has.
+// Classifies the running Windows once, with its lines in the log, and keeps the flags; until it has succeeded both are
+// false. Returns whether it has. Any thread.
 bool DetectOSVersion();
 
 // Major version 6 or later on a workstation, or on a server.
@@ -10,6 +10,6 @@ bool IsVistaOrLater();
 bool IsServer2008OrLater();
 
 // Writes the display names of the item types under HKEY_CLASSES_ROOT, or takes them away again, each with its key if
-// nothing else is in it. What the registry refuses is only logged.
-void UpdateTYItemTypeInReg();
+// nothing else is in it. What the registry refuses is logged; the update returns whether it refused nothing.
+bool UpdateTYItemTypeInReg();
 void RemoveTYItemTypeFromReg();

@@ -69,6 +69,8 @@ TEST(DoctorTest, EveryFactThatIsWrongIsNamedByItsCheck) {
     const char *check, *found;
   };
   const json missing = {{"key", R"(HKLM\x)"}, {"name", "y"}, {"expected", "1"}, {"found", nullptr}};
+  json more = Healthy()["index"];
+  more.update({{"changes", 1000}, {"more", true}});
   const Case cases[] = {
       {"/registration/differing/0", missing, "registration", R"(HKLM\x y is missing)"},
       {"/registration/differing/0",
@@ -96,6 +98,8 @@ TEST(DoctorTest, EveryFactThatIsWrongIsNamedByItsCheck) {
       {"/vault_folders", json::array(), "vault folder", "names none"},
       {"/vault_folders/0/exists", false, "vault folder", R"(V:\Tessary is not there)"},
       {"/index_server", {{"exists", false}}, "search manager", "no library"},
+      {"/index_server/path", R"(C:\other.dll)", "search manager", R"(C:\other.dll is registered)"},
+      {"/root_server", {{"exists", false}, {"program", "{9E175B9C}"}}, "search manager", "{9E175B9C} is registered"},
       {"/index/error",
        {{"step", "GetCatalog"}, {"code", "0x80070005"}},
        "search manager",
@@ -104,7 +108,9 @@ TEST(DoctorTest, EveryFactThatIsWrongIsNamedByItsCheck) {
       {"/index/roots", {"zkoffline3x://{S-1-5-21-2}/default/"}, "search root", "not registered"},
       {"/index/rules", json::array(), "search root", "no rule includes"},
       {"/index/rules/0/included", false, "search root", "excluded"},
-      {"/index/changes", 3, "changes", "3 reported changes wait"},
+      {"/index/rules/1", {{"pattern", kRoot}, {"included", false}}, "search root", "excluded"},
+      {"/index/rules/0/pattern", "zkoffline3x://{S-1-5-21-2}", "search root", "no rule includes"},
+      {"/index", more, "changes", "at least 1,000 reported changes wait"},
       {"/unnamed_item_types", {"MAPI/ZK.Note"}, "item types", "MAPI/ZK.Note"},
       {"/temporary/files", {"ZK_HX_a.txt"}, "temporary", "ZK_HX_a.txt"},
       {"/filters/with", json::array(), "filters", "no type"},
@@ -117,6 +123,22 @@ TEST(DoctorTest, EveryFactThatIsWrongIsNamedByItsCheck) {
     ASSERT_TRUE(findings.contains(one.check));
     EXPECT_THAT(findings.at(one.check).found, HasSubstr(one.found));
   }
+}
+
+TEST(DoctorTest, WhatIsInUseOrDecidedByAnotherRuleIsWell) {
+  json facts = Healthy();
+  facts["mail"]["in_use"] = 2;
+  facts["temporary"]["in_use"] = 1;
+  const json broader = {{"pattern", "zkoffline3x://"}, {"included", true}};
+  const json weaker = {{"pattern", kRoot}, {"included", false}, {"default", true}};
+  const json strong = {{"pattern", kRoot.substr(0, kRoot.size() - 1)}, {"included", true}};
+  for (const json& rules : {json::array({broader}), json::array({weaker, strong})}) {
+    facts["index"]["rules"] = rules;
+    EXPECT_TRUE(Judged(facts).empty()) << rules;
+  }
+  facts["index_server"]["path"] = R"(Z:\old\Index.dll)";
+  facts["index_server"]["title"] = "Hoardex system index: search manager";
+  EXPECT_THAT(Judged(facts).at("search manager").remedy, HasSubstr("--fix"));
 }
 
 TEST(DoctorTest, StrangeFactsAreJudgedWithoutHarm) {

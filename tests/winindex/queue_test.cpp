@@ -111,6 +111,10 @@ TEST_F(IndexQueue, SurvivesAHostileFile) {
   WriteQueueFile(std::string(3 << 20, 'x'));
   EXPECT_EQ(Notify(SEARCH_CHANGE_ADD, L"zk://new/"), S_OK);
   EXPECT_EQ(Queued().size(), 1u);
+  // Behind the largest number nothing can be queued that would be read; that is told, and ends with the queue.
+  WriteQueueFile(std::to_string((1ULL << 53) - (1ULL << 40)) + "\tadd\tzk://last/\n");
+  EXPECT_HRESULT_FAILED(Notify(SEARCH_CHANGE_ADD, L"zk://lost/"));
+  EXPECT_EQ(Queued().size(), 1u);
   WriteQueueFile("");
 }
 

@@ -92,7 +92,9 @@ TEST_F(IndexScope, ARemovedRootTakesItsRulesAndLeavesNothing) {
     EXPECT_EQ(scope->AddRoot(Root(url).Get()), S_OK);
     EXPECT_EQ(scope->AddDefaultScopeRule(url, TRUE, FF_INDEXCOMPLEXURLS), S_OK);
   }
+  const std::wstring unclosed(kAnn, wcslen(kAnn) - 1);
   EXPECT_EQ(scope->AddHierarchicalScope((kAnn + std::wstring(L"V:\\*")).c_str(), FALSE, FALSE, FALSE), S_OK);
+  EXPECT_EQ(scope->AddHierarchicalScope(unclosed.c_str(), FALSE, FALSE, FALSE), S_OK);
   EXPECT_EQ(scope->SaveAll(), S_OK);
   scope = Scope();
   EXPECT_EQ(scope->RemoveRoot(L"zkoffline3x://{S-1-5-21-3}/default/"), S_FALSE);
@@ -224,9 +226,31 @@ TEST_F(IndexScope, RegistersUnlessTheMachineHasAnIndex) {
       EXPECT_EQ(server(key, L"ThreadingModel"), L"Both");
     }
   }
+  const auto scope = Scope();
+  EXPECT_EQ(scope->AddRoot(Root(kAnn).Get()), S_OK);
+  EXPECT_EQ(scope->SaveAll(), S_OK);
+  EXPECT_EQ(Notify(SEARCH_CHANGE_ADD, kAnn), S_OK);
   EXPECT_EQ(Call("DllUnregisterServer"), S_OK);
   for (const wchar_t* key : {kManager, kRoot}) EXPECT_FALSE(ScratchRegistry::Exists(HKEY_CLASSES_ROOT, key));
+  EXPECT_EQ(Queued().size(), 1u) << "the root is still there";
+  EXPECT_EQ(scope->RemoveRoot(kAnn), S_OK);
+  EXPECT_EQ(scope->SaveAll(), S_OK);
+  EXPECT_EQ(Call("DllUnregisterServer"), S_OK);
+  EXPECT_FALSE(Exists(data() + L"\\Hoardex"));
 
+  // What is left of a registration of ours, or of nobody's, is made whole again.
+  ScratchRegistry::SetString(HKEY_CLASSES_ROOT, kRoot, L"added", L"");
+  ScratchRegistry::SetString(HKEY_CLASSES_ROOT, kManager, nullptr, L"Hoardex system index: search manager");
+  const std::wstring manager_server = kManager + std::wstring(L"\\InprocServer32");
+  ScratchRegistry::SetString(HKEY_CLASSES_ROOT, manager_server.c_str(), nullptr, L"Z:\\elsewhere.dll");
+  EXPECT_EQ(Call("DllRegisterServer"), S_OK);
+  for (const wchar_t* key : {kManager, kRoot}) EXPECT_EQ(_wcsicmp(server(key, nullptr).c_str(), DllPath().c_str()), 0);
+  EXPECT_EQ(Call("DllUnregisterServer"), S_OK);
+
+  // The index of Windows is a service.
+  ScratchRegistry::SetString(HKEY_CLASSES_ROOT, kManager, L"AppID", L"{9E175B9C-F52A-11D8-B9A5-505054503030}");
+  EXPECT_EQ(Call("DllRegisterServer"), HRESULT_FROM_WIN32(ERROR_ALREADY_EXISTS));
+  RegDeleteKeyW(HKEY_CLASSES_ROOT, kManager);
   ScratchRegistry::SetString(HKEY_CLASSES_ROOT, (kRoot + std::wstring(L"\\LocalServer32")).c_str(), nullptr,
                              L"C:\\Windows\\System32\\SearchIndexer.exe");
   EXPECT_EQ(Call("DllRegisterServer"), HRESULT_FROM_WIN32(ERROR_ALREADY_EXISTS));
