@@ -43,7 +43,8 @@ DECLARE_INTERFACE_(IHoardexNotify, IUnknown) {
 
 /* {6E2F0B6D-3C41-4D0E-9A57-2B80C164E71D}: items as files. The same class offers it. `url` is an item URL, `path` a full
  * path, whose file is replaced. A message becomes a .msg file, an attachment what was attached (a message that was
- * attached: a .msg file). E_INVALIDARG for a URL that names neither, else the code of the step that failed; then the
+ * attached: a .msg file). E_INVALIDARG for a URL that names neither, E_ACCESSDENIED for
+ * one whose vault lies in no registered vault folder, else the code of the step that failed; then the
  * part that was written may be left. For MIME text bind the item to IStream through IShellFolder. */
 static const IID IID_IHoardexSave = {0x6E2F0B6D, 0x3C41, 0x4D0E, {0x9A, 0x57, 0x2B, 0x80, 0xC1, 0x64, 0xE7, 0x1D}};
 

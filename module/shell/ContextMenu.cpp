@@ -4,6 +4,8 @@
 #include <shellapi.h>
 #include <wrl/client.h>
 
+#include <algorithm>
+
 #include "module/core/Boundary.h"
 #include "module/core/HoardexPH.h"
 #include "module/core/HoardexURL.h"
@@ -12,6 +14,7 @@
 #include "module/mapi/MapiForWDS.h"
 #include "module/protocol/HoardexSP.h"
 #include "module/shell/OpenedCopy.h"
+#include "module/shell/VaultOfItem.h"
 
 using Microsoft::WRL::ComPtr;
 
@@ -71,6 +74,8 @@ STDMETHODIMP CHoardexSP::QueryContextMenu(HMENU menu, UINT index, UINT first, UI
     const CHoardexURL item(url::Normalise(MsgURL()));
     no_menu_ = (flags & CMF_DEFAULTONLY) && !item.IsMessage() && !item.IsAttachment() ? 1 : 0;
     if (no_menu_ == 1) return 0;
+    // "At the end" would put the second item at the top.
+    index = (std::min)(index, static_cast<UINT>((std::max)(GetMenuItemCount(menu), 0)));
     for (const MenuItem& entry : kItems) {
       std::wstring text = text::Resource(entry.text);
       MENUITEMINFOW info = {};
@@ -96,10 +101,11 @@ STDMETHODIMP CHoardexSP::InvokeCommand(CMINVOKECOMMANDINFO* command) {
       return E_FAIL;
     }
     HRESULT set_up = S_OK;
-    CMapiForWDS* mapi = CMapiForWDS::GetMapiObj(url, &set_up);
+    const bool allowed = IsRegisteredVault(url);
+    CMapiForWDS* mapi = allowed ? CMapiForWDS::GetMapiObj(url, &set_up) : nullptr;
     if (!mapi && SUCCEEDED(set_up)) {
       ZK_LOG(L"CHoardexSP::InvokeCommand() - Cannot allocate MAPI helper object");
-      return E_OUTOFMEMORY;
+      return allowed ? E_OUTOFMEMORY : E_ACCESSDENIED;
     }
     if (!mapi) {
       ZK_LOG(L"CHoardexSP::InvokeCommand() - MAPI setup failed with error [0x%08lX]", set_up);

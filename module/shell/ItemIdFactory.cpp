@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <new>
 
+#include "module/shell/PropertyStores.h"
+
 using Microsoft::WRL::ComPtr;
 
 namespace {
@@ -38,7 +40,7 @@ std::size_t Readable(const void* begin) {
 }
 
 HRESULT Deserialize(std::span<const std::byte> form, ComPtr<IPropertyStore>& store) {
-  HRESULT hr = PSCreateMemoryPropertyStore(__uuidof(IPropertyStore), reinterpret_cast<void**>(store.GetAddressOf()));
+  HRESULT hr = CreateMemoryPropertyStore(store.GetAddressOf());
   if (FAILED(hr) || form.empty()) return hr;
   ComPtr<IPersistSerializedPropStorage> persist;
   hr = store.As(&persist);

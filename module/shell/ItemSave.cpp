@@ -4,6 +4,7 @@
 #include "module/mapi/MapiForWDS.h"
 #include "module/protocol/HoardexSP.h"
 #include "module/shell/OpenedCopy.h"
+#include "module/shell/VaultOfItem.h"
 
 using Microsoft::WRL::ComPtr;
 
@@ -12,14 +13,15 @@ namespace {
 constexpr wchar_t kLogSource[] = L".\\HoardexSP";
 
 HRESULT SaveMessage(const std::wstring& url, LPCWSTR path) {
-  CMapiForWDS* mapi = CMapiForWDS::GetMapiObj(url);
-  if (!mapi) return E_FAIL;
+  HRESULT set_up = S_OK;
+  CMapiForWDS* mapi = CMapiForWDS::GetMapiObj(url, &set_up);
+  if (!mapi) return FAILED(set_up) ? set_up : E_FAIL;
   ComPtr<IMessage> message;
   const HRESULT hr = mapi->GetMsgFromURL(url::WithoutSize(url), message.GetAddressOf());
   return FAILED(hr) ? hr : CMapiForWDS::SaveToMSG(path, message.Get());
 }
 
-// Copied beside its place first, so that a failure leaves no part of it there.
+// Copied to the temporary folder first, so that a failure leaves no part of it in its place.
 HRESULT SaveAttachment(const std::wstring& url, LPCWSTR path) {
   std::wstring copy;
   const HRESULT hr = CopyAttachment(url, copy);
@@ -38,9 +40,11 @@ STDMETHODIMP CHoardexSP::SaveItem(LPCWSTR url, LPCWSTR path) {
     ZK_LOG(L"CHoardexSP::SaveItem() - URL is [%s]", url);
     const std::wstring normalised = url::Normalise(url);
     const CHoardexURL item(normalised);
-    const HRESULT hr = item.IsMessage()      ? SaveMessage(normalised, path)
-                       : item.IsAttachment() ? SaveAttachment(normalised, path)
-                                             : E_INVALIDARG;
+    const bool known = item.IsMessage() || item.IsAttachment();
+    const HRESULT hr = !known                           ? E_INVALIDARG
+                       : !IsRegisteredVault(normalised) ? E_ACCESSDENIED
+                       : item.IsMessage()               ? SaveMessage(normalised, path)
+                                                        : SaveAttachment(normalised, path);
     if (FAILED(hr)) ZK_LOG(L"CHoardexSP::SaveItem() - failed with [0x%08lX]", hr);
     return hr;
   });

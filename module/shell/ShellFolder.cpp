@@ -15,6 +15,8 @@
 #include "module/mapi/MapiForWDS.h"
 #include "module/protocol/HoardexSP.h"
 #include "module/shell/ItemIdFactory.h"
+#include "module/shell/PropertyStores.h"
+#include "module/shell/VaultOfItem.h"
 
 using Microsoft::WRL::ComPtr;
 
@@ -64,7 +66,7 @@ STDMETHODIMP CHoardexSP::ParseDisplayName(HWND, IBindCtx*, LPWSTR name, ULONG*, 
     *id = nullptr;
     if (attributes) *attributes = 0;
     ComPtr<IPropertyStore> store;
-    HRESULT hr = PSCreateMemoryPropertyStore(__uuidof(IPropertyStore), reinterpret_cast<void**>(store.GetAddressOf()));
+    HRESULT hr = CreateMemoryPropertyStore(store.GetAddressOf());
     if (FAILED(hr)) {
       ZK_LOG(
           L"CHoardexSP::ParseDisplayName() - PSCreateMemoryPropertyStore for a getting an IPropertyStore interface "
@@ -110,7 +112,8 @@ STDMETHODIMP CHoardexSP::BindToObject(PCUIDLIST_RELATIVE id, IBindCtx*, REFIID i
     }
     ZK_LOG(L"CHoardexSP::BindToObject() - URL extracted from the property store is [%s]", url.c_str());
     // What is none of our URLs must not make MAPI open, or create, the file that its fourth token names.
-    CMapiForWDS* mapi = CHoardexURL(url).kind() == CHoardexURL::kUnknown ? nullptr : CMapiForWDS::GetMapiObj(url);
+    const bool allowed = CHoardexURL(url).kind() != CHoardexURL::kUnknown && IsRegisteredVault(url);
+    CMapiForWDS* mapi = allowed ? CMapiForWDS::GetMapiObj(url) : nullptr;
     if (!mapi) {
       ZK_LOG(L"CUrlAccessor::BindToObject() - Failed to allocate MAPI helper object");
       return E_NOINTERFACE;

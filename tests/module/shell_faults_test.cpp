@@ -222,9 +222,14 @@ TEST_F(Faults, OfTheSystemAreSaidAndPassedOn) {
 TEST_F(Faults, OfThePropertyStoreMakeNoIds) {
   ItemId good;
   Parse(message_, good);
-  const ZK_IMPORT_HOOK(PSCreateMemoryPropertyStore) hook([](auto, REFIID, void** store) -> HRESULT {
-    *store = nullptr;
-    return kFault;
+  using Create = HRESULT(STDAPICALLTYPE*)(REFIID, void**);
+  const ZK_IMPORT_HOOK(GetProcAddress) hook([](auto next, HMODULE library, LPCSTR name) -> FARPROC {
+    if (strcmp(name, "PSCreateMemoryPropertyStore")) return next(library, name);
+    constexpr Create kFailing = [](REFIID, void** store) -> HRESULT {
+      *store = nullptr;
+      return kFault;
+    };
+    return reinterpret_cast<FARPROC>(reinterpret_cast<void*>(kFailing));
   });
   ItemId item;
   ULONG attributes = 7;

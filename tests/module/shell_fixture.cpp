@@ -127,8 +127,11 @@ Shell::Shell() {
   store_path_ = folder_path_ + L"\\items.db";
   handled_ = folder_path_ + L"\\handled.txt";
   WriteStore(store_path_);
-  ScratchRegistry::SetString(HKEY_CURRENT_USER, L"SOFTWARE\\Trelmo\\Zarnak\\Client\\Vault", L"HXRootDirectory",
-                             folder_path_);
+  // The folder of vaults is the root's sub-folder of the key's name.
+  const size_t last = folder_path_.rfind(L'\\');
+  ScratchRegistry::SetString(HKEY_CURRENT_USER,
+                             (L"SOFTWARE\\Trelmo\\Zarnak\\Client" + folder_path_.substr(last)).c_str(),
+                             L"HXRootDirectory", folder_path_.substr(0, last));
   ScratchRegistry::SetString(HKEY_LOCAL_MACHINE, L"Software\\Clients\\Mail\\Microsoft Outlook", L"DLLPathEx",
                              ProgramFolder(2) + L"\\provider\\HoardexMapiChecked.dll");
   g_MapiLoader.Load();

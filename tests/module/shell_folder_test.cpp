@@ -156,6 +156,16 @@ TEST_F(Folder, BindsNothingElse) {
     EXPECT_EQ(Bind(bad.url, IID_IStream), bad.result) << Narrow(bad.url);
     EXPECT_TRUE(InOrder(log_->New(), {bad.line}));
   }
+  // A good item of a vault that lies elsewhere is not looked at, whatever the ID says.
+  const std::wstring item = message_.substr(vault_.size()), name = store_path_.substr(store_path_.rfind(L'\\'));
+  for (const std::wstring& folder : {std::wstring(L"\\\\server\\share"), folder_path_ + L"\\.",
+                                     folder_path_ + L"\\Roaming\\..", folder_path_ + L"2"}) {
+    EXPECT_EQ(Bind(root_ + folder + name + item, IID_IStream), E_NOINTERFACE) << Narrow(folder);
+    EXPECT_FALSE(InOrder(log_->New(), {"CMapiForWDS::GetMapiObj()"}));
+    ComPtr<IHoardexSave> save;
+    ASSERT_EQ(folder_.As(&save), S_OK);
+    EXPECT_EQ(save->SaveItem((root_ + folder + name + item).c_str(), L"C:\\never"), E_ACCESSDENIED);
+  }
   // An ID that is none fails; none at all counts as an empty URL.
   ComPtr<IStream> stream;
   void** object = reinterpret_cast<void**>(stream.GetAddressOf());
