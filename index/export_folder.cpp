@@ -20,13 +20,14 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr std::string_view kPartBegin = ".hoardex-", kPartEnd = ".part", kLinkBegin = "export-";
-constexpr int kMostOfOneName = 100'000;
+constexpr int kMostOfOneName = 1'000'000;
+constexpr const char* kItem = "item";
 
 [[noreturn]] void Throw(int error, const fs::path& file) {
   throw std::system_error(error, std::generic_category(), OneLine(file.filename().string()));
 }
 
-// Removes what processes that are no more have left: files "BEGINpidEND".
+// Removes what processes that are no more have left: "BEGINpidEND", a link or a folder with one item in it.
 void Sweep(const fs::path& folder, std::string_view begin, std::string_view end) {
   std::error_code error;
   for (const auto& entry : fs::directory_iterator(folder, error)) {
@@ -35,7 +36,9 @@ void Sweep(const fs::path& folder, std::string_view begin, std::string_view end)
     const char *first = name.data() + begin.size(), *last = name.data() + name.size() - end.size();
     pid_t process = 0;
     if (std::from_chars(first, last, process).ptr != last || process <= 0) continue;
-    if (process == getpid() || (kill(process, 0) != 0 && errno == ESRCH)) fs::remove(entry.path(), error);
+    if (process != getpid() && (kill(process, 0) == 0 || errno != ESRCH)) continue;
+    if (entry.symlink_status(error).type() == fs::file_type::directory) fs::remove(entry.path() / kItem, error);
+    fs::remove(entry.path(), error);
   }
 }
 
@@ -47,8 +50,11 @@ bool Rename(const fs::path& from, const fs::path& to) {
   // A file system that cannot: the name is claimed first.
   const FileDescriptor claim(open(to.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0666));
   if (!claim && errno == EEXIST) return false;
-  if (!claim || rename(from.c_str(), to.c_str()) != 0) Throw(errno, to);
-  return true;
+  if (!claim) Throw(errno, to);
+  if (rename(from.c_str(), to.c_str()) == 0) return true;
+  const int error = errno;
+  unlink(to.c_str());
+  Throw(error, to);
 }
 
 }  // namespace
@@ -76,15 +82,14 @@ ExportFolder::ExportFolder(const Environment& environment, const fs::path& folde
   Sweep(environment.home, kLinkBegin, "");
   const std::string process = std::to_string(getpid()),
                     part = std::string(kPartBegin) + process + std::string(kPartEnd);
-  part_ = folder_ / part;
-  const FileDescriptor probe(open(part_.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0666));
-  if (!probe)
+  // A folder of our own: in one that others may write, they could put a link in the part's place.
+  if (mkdir((folder_ / part).c_str(), 0700) != 0)
     throw CommandError(kExitFailed, "The folder " + folder.string() +
                                         " cannot be written: " + std::generic_category().message(errno) + ".");
-  DropPart();
+  part_ = folder_ / part / kItem;
   link_ = environment.home / (std::string(kLinkBegin) + process);
   fs::create_directory_symlink(folder_, link_);
-  windows_part_ = "Z:" + (link_ / part).string();
+  windows_part_ = "Z:" + (link_ / part / kItem).string();
   for (char& c : windows_part_)
     if (c == '/') c = '\\';
 }
@@ -92,6 +97,7 @@ ExportFolder::ExportFolder(const Environment& environment, const fs::path& folde
 ExportFolder::~ExportFolder() {
   DropPart();
   std::error_code error;
+  fs::remove(part_.parent_path(), error);
   fs::remove(link_, error);
 }
 
@@ -105,7 +111,9 @@ std::string ExportFolder::Keep(std::string_view stem, std::string_view extension
   const timespec times[] = {stamp, stamp};
   // A file system that cannot keep the time keeps the mail all the same.
   utimensat(AT_FDCWD, part_.c_str(), times, 0);
-  for (int number = 1; number <= kMostOfOneName; ++number) {
+  // Many items have one name: the search goes on where it ended.
+  int& number = last_[SafeFileName(stem, extension, 1)];
+  while (++number <= kMostOfOneName) {
     std::string name = SafeFileName(stem, extension, number);
     if (Rename(part_, folder_ / name)) return name;
   }

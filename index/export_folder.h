@@ -2,6 +2,7 @@
 #pragma once
 
 #include <filesystem>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -34,6 +35,7 @@ class ExportFolder {
  private:
   std::filesystem::path folder_, part_, link_;
   std::string windows_part_;
+  std::map<std::string, int> last_;  // of the numbers of each name
 };
 
 // Seconds since 1970 of "2019-03-02T09:26:53…" or "2019-03-02", UTC.

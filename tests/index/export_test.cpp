@@ -201,7 +201,8 @@ TEST_F(Export, LeavesWholeFilesWhenItIsStopped) {
     EXPECT_FALSE(entry.path().filename().string().starts_with("export-"));
 
   // What a killed one has left goes with the next; files of others do not.
-  std::ofstream(to_ / ".hoardex-999999999.part") << "half a m";
+  std::filesystem::create_directory(to_ / ".hoardex-999999999.part");
+  std::ofstream(to_ / ".hoardex-999999999.part/item") << "half a m";
   std::ofstream(to_ / ".hoardex-notes.part") << "somebody's";
   EXPECT_EQ(Run({sample_.japanese}).code, 0);
   const Files files = Exported();
