@@ -143,6 +143,21 @@ Json AskMailClient(bool clear) {
   return answer;
 }
 
+// Whether the path leads where it says, and no link is on the way. Wine shows links as what they lead to.
+bool IsPlain(const std::wstring& path) {
+  const HANDLE file = CreateFileW(path.c_str(), 0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                  OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
+  if (file == INVALID_HANDLE_VALUE) return false;
+  std::wstring target(32768, L'\0');
+  const DWORD length = GetFinalPathNameByHandleW(file, target.data(), static_cast<DWORD>(target.size()), 0);
+  BY_HANDLE_FILE_INFORMATION information = {};
+  const bool known = GetFileInformationByHandle(file, &information) && length && length < target.size();
+  CloseHandle(file);
+  target.resize(known ? length : 0);
+  return known && !(information.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) && target.size() >= path.size() &&
+         !_wcsicmp(target.c_str() + target.size() - path.size(), path.c_str());
+}
+
 Json ExamineTemporaryFiles(bool clear) {
   wchar_t roaming[MAX_PATH] = {};
   if (FAILED(SHGetFolderPathW(nullptr, CSIDL_APPDATA, nullptr, 0, roaming))) return {{"files", Json::array()}};
@@ -151,7 +166,8 @@ Json ExamineTemporaryFiles(bool clear) {
   WIN32_FIND_DATAW found;
   const HANDLE search = FindFirstFileW((folder + L"\\*").c_str(), &found);
   for (bool more = search != INVALID_HANDLE_VALUE; more; more = FindNextFileW(search, &found))
-    if (!(found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)) names.emplace_back(found.cFileName);
+    if (!(found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) && IsPlain(folder + L"\\" + found.cFileName))
+      names.emplace_back(found.cFileName);
   if (search != INVALID_HANDLE_VALUE) FindClose(search);
   // Between its writing and its reading nobody has a copy open.
   if (!names.empty() && ModuleIsInUse())

@@ -131,9 +131,14 @@ Json OpenItem(const std::string& url, const std::string& verb) {
 
 Json SaveItem(const std::string& url, const std::string& path, const std::string& format) {
   return Run({{"save", url}}, [&]() -> HRESULT {
-    if (format == "eml") return SaveStream(url, FromUtf8(path));
+    const std::wstring to = FromUtf8(path);
+    // A terminated string would end at a NUL, and name another item or file.
+    const bool terminated = url.find('\0') == std::string::npos && path.find('\0') == std::string::npos;
+    if (!terminated || to.size() < 4 || to.compare(1, 2, L":\\") != 0) return E_INVALIDARG;
+    if (GetFileAttributesW(to.c_str()) != INVALID_FILE_ATTRIBUTES) return HRESULT_FROM_WIN32(ERROR_FILE_EXISTS);
+    if (format == "eml") return SaveStream(url, to);
     if (format != "msg" && format != "content") return E_INVALIDARG;
-    return MakeHandler<IHoardexSave>()->SaveItem(FromUtf8(url).c_str(), FromUtf8(path).c_str());
+    return MakeHandler<IHoardexSave>()->SaveItem(FromUtf8(url).c_str(), to.c_str());
   });
 }
 

@@ -12,7 +12,7 @@ namespace host {
 Json OpenItem(const std::string& url, const std::string& verb);
 
 // Writes the item to a file: "eml" is the message's MIME stream, "msg" and "content" the file that the module saves.
-// The file is replaced: {"save": url, "result", "name"?} or {"save", "error"}.
+// No file is replaced: HRESULT_FROM_WIN32(ERROR_FILE_EXISTS). {"save": url, "result", "name"?} or {"save", "error"}.
 Json SaveItem(const std::string& url, const std::string& path, const std::string& format);
 
 }  // namespace host

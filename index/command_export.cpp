@@ -37,8 +37,9 @@ struct Outcome {
   ItemError error;
 };
 
-bool IsItemUrl(const std::string& word) {
-  return KindOfUrl(word) != ItemKind::kUnknown;
+// Also one that is mistyped, which as a query would find nothing.
+bool LooksLikeUrl(const std::string& word) {
+  return KindOfUrl(word) != ItemKind::kUnknown || word.find("://") != std::string::npos;
 }
 
 std::vector<Item> Named(const std::vector<std::string>& urls) {
@@ -176,11 +177,12 @@ int64_t Report(const ExportFolder& folder, const std::vector<Outcome>& outcomes,
 }  // namespace
 
 int RunExportItems(const Environment& environment, const ExportArguments& arguments) {
-  const bool urls = std::any_of(arguments.words.begin(), arguments.words.end(), IsItemUrl);
+  const bool urls = std::any_of(arguments.words.begin(), arguments.words.end(), LooksLikeUrl);
   std::vector<Item> items =
       urls ? Named(arguments.words) : Found(environment, JoinQuery(arguments.words), arguments.limit);
   if (urls && arguments.limit && items.size() > static_cast<size_t>(arguments.limit))
     items.resize(static_cast<size_t>(arguments.limit));
+  if (items.empty()) throw CommandError(kExitFailed, "Nothing found for: " + OneLine(JoinQuery(arguments.words)));
   Gatherer gatherer(HostOptions(environment, {}, kItemTimeout));
   ExportFolder folder(environment, arguments.to);
   std::vector<Outcome> outcomes;

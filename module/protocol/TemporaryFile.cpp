@@ -16,6 +16,7 @@ constexpr size_t kMaxRecordKey = 64;
 constexpr size_t kMaxExtension = 32;
 constexpr size_t kMaxPath = MAX_PATH - 1;
 constexpr size_t kLeastName = 16;
+constexpr size_t kMaxNameBytes = 255 - 4;  // of one name, in UTF-8; with room for an extension
 
 constexpr const wchar_t* kDevices[] = {L"CON",     L"PRN",    L"AUX", L"NUL", L"CONIN$",
                                        L"CONOUT$", L"CLOCK$", L"COM", L"LPT"};
@@ -35,6 +36,11 @@ void Cut(std::wstring& text, size_t limit) {
   if (text.size() <= limit) return;
   if (limit && IS_HIGH_SURROGATE(text[limit - 1])) --limit;
   text.resize(limit);
+}
+
+size_t Utf8Bytes(const std::wstring& text) {
+  return static_cast<size_t>(
+      WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr));
 }
 
 wchar_t Safe(wchar_t c) {
@@ -67,8 +73,12 @@ std::wstring TemporaryFilePath(std::wstring_view record_key, std::wstring_view d
   const std::string unique = text::UniqueName();
   path.append(unique.begin(), unique.end());
   path.append(SafeFileName(record_key.substr(0, kMaxRecordKey), kMaxRecordKey));
-  const size_t room = path.size() + kLeastName < kMaxPath ? kMaxPath - path.size() : kLeastName;
-  return path.append(SafeFileName(display_name, room));
+  size_t room = path.size() + kLeastName < kMaxPath ? kMaxPath - path.size() : kLeastName;
+  std::wstring name = SafeFileName(display_name, room);
+  // Some file systems count bytes, and a name of emoji has four for each.
+  const size_t before = path.size() - path.rfind(L'\\') - 1;
+  while (room > kLeastName && before + Utf8Bytes(name) > kMaxNameBytes) name = SafeFileName(display_name, --room);
+  return path.append(name);
 }
 
 std::wstring WithExtension(std::wstring path, std::wstring_view extension) {

@@ -139,7 +139,8 @@ TEST_F(Export, WritesWhatAQueryFinds) {
   const Finished one = Run({"--format", "msg", "-n", "1", "--json", "tent*", "-party"});
   EXPECT_EQ(json::parse(one.out)["exported"].size(), 1u);
   EXPECT_EQ(Exported().size(), 7u);
-  EXPECT_EQ(Run({"nothinglikethis"}).code, 0);
+  EXPECT_EQ(Run({"nothinglikethis"}).code, 1);
+  EXPECT_EQ(Run({"ZKOFFLINE3X://mistyped"}).code, 2) << "no query, though it would find nothing";
 }
 
 TEST_F(Export, WritesItemsByTheirUrlsWithoutAnIndex) {
