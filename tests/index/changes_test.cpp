@@ -100,7 +100,7 @@ class ChangesTest : public testing::Test {
   }
   int64_t Hits(const std::string& query) {
     Store store(File(), Database::Mode::kReadOnly);
-    return Search(store, CompileQuery(query), 10, false).total;
+    return Search(store, CompileQuery(query), 10, HitDetail::kBare).total;
   }
   // The file behind the first vault is newer, and one mail in it is another.
   void TouchVault() {

@@ -39,7 +39,7 @@ class CrawlTest : public testing::Test {
   }
   int64_t Hits(const std::string& query) {
     Store store(File(), Database::Mode::kReadOnly);
-    return Search(store, CompileQuery(query), 10, false).total;
+    return Search(store, CompileQuery(query), 10, HitDetail::kBare).total;
   }
   // The vault's file has changed, as its link and those of its folders show.
   void TouchVault() {

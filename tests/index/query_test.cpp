@@ -32,13 +32,13 @@ class QueryTest : public testing::Test {
   // The titles of the hits in their order, joined by commas.
   static std::string Find(const std::string& query) {
     std::string out;
-    for (const Hit& hit : Search(*store_, CompileQuery(query), 100, false).hits)
+    for (const Hit& hit : Search(*store_, CompileQuery(query), 100, HitDetail::kBare).hits)
       out += (out.empty() ? "" : ",") + hit.title;
     return out;
   }
   static std::string FindSorted(const std::string& query) {
     std::vector<std::string> titles;
-    for (const Hit& hit : Search(*store_, CompileQuery(query), 100, false).hits) titles.push_back(hit.title);
+    for (const Hit& hit : Search(*store_, CompileQuery(query), 100, HitDetail::kBare).hits) titles.push_back(hit.title);
     std::sort(titles.begin(), titles.end());
     std::string out;
     for (const std::string& title : titles) out += (out.empty() ? "" : ",") + title;
@@ -110,11 +110,11 @@ TEST_F(QueryTest, SubjectCountsMoreThanSenderAndSenderMoreThanBody) {
 }
 
 TEST_F(QueryTest, SnippetsMarkTheWordsAndCarryNoControls) {
-  const auto hit = Search(*store_, CompileQuery("31mred"), 1, true).hits.at(0);
+  const auto hit = Search(*store_, CompileQuery("31mred"), 1, HitDetail::kProperties).hits.at(0);
   EXPECT_THAT(hit.snippet, HasSubstr("[\x02"
                                      "31mred\x03[0m"));
   EXPECT_EQ(hit.snippet.find('\x1b'), std::string::npos);
-  const auto tokyo = Search(*store_, CompileQuery("本社"), 1, true).hits.at(0);
+  const auto tokyo = Search(*store_, CompileQuery("本社"), 1, HitDetail::kProperties).hits.at(0);
   EXPECT_THAT(tokyo.snippet, HasSubstr("東京\x02本社\x03"));
   EXPECT_THAT(tokyo.properties, HasSubstr("System.Subject"));
 }
@@ -159,7 +159,7 @@ TEST_F(QueryTest, NoInputBreaksTheStatement) {
     std::string query;
     for (int n = 0; n < 12; ++n) query += alphabet[(seed = seed * 1664525 + 1013904223) / 65536 % alphabet.size()];
     try {
-      Search(*store_, CompileQuery(query), 5, false);
+      Search(*store_, CompileQuery(query), 5, HitDetail::kBare);
     } catch (const QueryError&) {
     } catch (const DatabaseError& error) {
       ADD_FAILURE() << query << ": " << error.what();

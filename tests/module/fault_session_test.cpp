@@ -131,14 +131,6 @@ TEST_F(Session, DeletesOnlyProfilesThatItsLikesMade) {
   EXPECT_TRUE(HasLine(scene_.NewLogLines(), "CMapiForWDS::DeleteOldProfiles - PROFILE Deleted 'ZK_HX_10_1_2_3_4'", 0));
 }
 
-TEST_F(Session, FallsBackToTheOldKindOfService) {
-  ProviderFaults::Fail("IMsgServiceAdmin::CreateMsgService", 1, E_FAIL);
-  EXPECT_EQ(SubFolders(CMapiForWDS::GetMapiObj(url_), url_), 2u);
-  const auto lines = scene_.NewLogLines();
-  EXPECT_TRUE(HasLine(lines, "CMapiForWDS::ConfigurePST() - PR_PST_FILENAME", 0));
-  EXPECT_FALSE(HasLine(lines, "CMapiForWDS::ConfigurePST() - PR_PST_FILENAME_W", 0));
-}
-
 TEST_F(Session, TakesPathsOutsideTheCodePage) {
   if (GetACP() == CP_UTF8) GTEST_SKIP() << "every path is in this code page";
   constexpr HRESULT kNoTranslation = static_cast<HRESULT>(0x80070459);

@@ -279,30 +279,28 @@ TEST_F(Menu, ShowsTheItemsIcons) {
   FreeLibrary(module);
 }
 
-// Runs a program of the system below, which alone can make links here; it has no handle to wait for.
-bool Link(const std::wstring& to, const std::wstring& at) {
-  const auto below = [](const std::wstring& path) {
-    const auto name = reinterpret_cast<char*(CDECL*)(LPCWSTR)>(
-        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "wine_get_unix_file_name")));
-    char* text = name ? name(path.c_str()) : nullptr;
-    std::wstring wide = text ? std::wstring(text, text + strlen(text)) : L"";
-    if (text) HeapFree(GetProcessHeap(), 0, text);
-    return wide;
-  };
-  RunChild(L"Z:\\bin\\ln -s \"" + below(to) + L"\" \"" + below(at) + L"\"", 1000);
-  for (int i = 0; i < 300; ++i) {
-    if (GetFileAttributesW(at.c_str()) != INVALID_FILE_ATTRIBUTES) return true;
-    Sleep(10);
-  }
-  return false;
+bool Exists(const std::wstring& path) {
+  return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
 }
-void Unlink(const std::wstring& path) {
+// Runs a program of the system below, which alone can make links here; it has no handle to wait for.
+bool Below(const std::wstring& program, const std::vector<std::wstring>& paths, bool there) {
   const auto name = reinterpret_cast<char*(CDECL*)(LPCWSTR)>(
       reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "wine_get_unix_file_name")));
-  char* text = name(path.c_str());
-  RunChild(L"Z:\\bin\\rm \"" + std::wstring(text, text + strlen(text)) + L"\"", 1000);
-  HeapFree(GetProcessHeap(), 0, text);
-  for (int i = 0; i < 300 && GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; ++i) Sleep(10);
+  std::wstring line = L"Z:\\bin\\" + program;
+  for (const std::wstring& path : paths) {
+    char* text = name(path.c_str());
+    line += L" \"" + std::wstring(text, text + strlen(text)) + L"\"";
+    HeapFree(GetProcessHeap(), 0, text);
+  }
+  RunChild(line, 1000);
+  for (int i = 0; i < 300 && Exists(paths.back()) != there; ++i) Sleep(10);
+  return Exists(paths.back()) == there;
+}
+bool Link(const std::wstring& to, const std::wstring& at) {
+  return Below(L"ln -s", {to, at}, true);
+}
+void Unlink(const std::wstring& path) {
+  Below(L"rm", {path}, false);
 }
 
 class SweepTest : public Shell {
@@ -322,7 +320,6 @@ class SweepTest : public Shell {
   static void Write(const std::wstring& path) {
     CloseHandle(CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
   }
-  static bool Exists(const std::wstring& path) { return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
 
   const std::wstring outside_ = folder_path_ + L"\\outside", canary_ = outside_ + L"\\canary.txt",
                      own_ = TemporaryFolder() + L"\\own.txt", deep_ = TemporaryFolder() + L"\\sub\\deep.txt";
