@@ -86,9 +86,13 @@ class FilterFaults : public testing::Test {
   }
   void Add(unsigned item, const std::wstring& url) {
     Offer& offer = offers_.emplace_back(Offer{item, url, {}, {}});
-    ProviderFaults::Clear();
-    offer.reference = host_->Read(url);
+    ReadWhole(offer);
     EXPECT_GT(offer.reference.size(), item == kContainer ? 2u : 14u);
+  }
+  void ReadWhole(Offer& offer) {
+    ProviderFaults::Clear();
+    offer.reference = host_->Read(offer.url);
+    offer.calls.clear();
     for (long n = 1; n <= ProviderFaults::CallsEntered(); ++n) offer.calls.push_back(ProviderFaults::CallName(n));
   }
   const Offer& First(unsigned item) const {
@@ -168,7 +172,8 @@ TEST_F(FilterFaults, EachCallFailsAsLaidDown) {
 
 // What is laid down for most of these is judged elsewhere; whatever it is, nothing breaks and nothing stays.
 TEST_F(FilterFaults, EachAnswerIsSpoilt) {
-  for (const Offer& offer : offers_) {
+  for (Offer& offer : offers_) {
+    ReadWhole(offer);  // the first reading of a container made the session
     for (size_t n = 0; n < offer.calls.size() && !HasFailure(); ++n) {
       const std::string& call = offer.calls[n];
       const auto run = [&](HoardexMapiFault fault, ULONG column, HRESULT code) {

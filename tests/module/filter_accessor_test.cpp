@@ -224,7 +224,7 @@ TEST_F(Accessors, AnswerWhatTheyDoNotDo) {
   FILETIME time = {1, 1};
   EXPECT_EQ(timeless.accessor->GetLastModified(&time), E_NOTIMPL);
   EXPECT_EQ(TicksOf(time), 0);
-  left_alive_ = 2;  // a set-up that failed keeps its session and service administration, as laid down
+  left_alive_ += 2;  // a set-up that failed keeps its session and service administration, as laid down
   for (const std::wstring& url : {kRoot + std::wstring(L"Z:\\no\\such.db"), std::wstring(L"http://example.com/")})
     EXPECT_EQ(Item(protocol_.Get(), url).result, E_OUTOFMEMORY);
 }

@@ -11,6 +11,7 @@
 #include "module/protocol/HoardexSP.h"
 #include "platform/converter.h"
 #include "tests/module/shell_fixture.h"
+#include "tests/support/class_double.h"
 #include "tests/support/import_hook.h"
 
 namespace shell {
@@ -281,7 +282,8 @@ class Converter final : public IConverterSession {
 TEST_F(Faults, OfTheConverterAreSaidAndPassedOn) {
   Converter converter;
   CoRevokeClassObject(std::exchange(converter_, 0));
-  const ClassDouble registered(CLSID_IConverterSession, &converter);
+  const ClassDouble registered(CLSID_IConverterSession,
+                               [&](REFIID iid, void** object) { return converter.QueryInterface(iid, object); });
   const ProviderFaults::Alive alive = ProviderFaults::Count();
   std::string bytes;
   ASSERT_EQ(Bind(message_, IID_IStream, &bytes), S_OK);

@@ -94,27 +94,4 @@ class Shell : public testing::Test {
   DWORD converter_ = 0;
 };
 
-// Registers an object factory for a class while it lives.
-class ClassDouble final : public IClassFactory {
- public:
-  ClassDouble(REFCLSID clsid, IUnknown* object) : object_(object) {
-    CoRegisterClassObject(clsid, this, CLSCTX_INPROC_SERVER, REGCLS_MULTIPLEUSE, &cookie_);
-  }
-  ~ClassDouble() { CoRevokeClassObject(cookie_); }
-  STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
-    *object = iid == IID_IUnknown || iid == IID_IClassFactory ? this : nullptr;
-    return *object ? S_OK : E_NOINTERFACE;
-  }
-  STDMETHODIMP_(ULONG) AddRef() override { return 2; }
-  STDMETHODIMP_(ULONG) Release() override { return 1; }
-  STDMETHODIMP CreateInstance(IUnknown*, REFIID iid, void** object) override {
-    return object_->QueryInterface(iid, object);
-  }
-  STDMETHODIMP LockServer(BOOL) override { return S_OK; }
-
- private:
-  IUnknown* object_;
-  DWORD cookie_ = 0;
-};
-
 }  // namespace shell
