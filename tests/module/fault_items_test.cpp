@@ -64,6 +64,8 @@ TEST_F(Items, EntryIdentifiersAreReadAsFarAsTheyGo) {
                 {L"0A0B0", 2, "\x0A\x0B", false},
                 {L"0A\u0660\u0661", 2, "\x0A", false},
                 {L"0A:;<=", 3, "\x0A", false},
+                {L"0A1:", 2, "\x0A", false},
+                {L"0A`0", 2, "\x0A", false},
                 {L"0AgG", 2, "\x0A", false}};
   for (const auto& expected : kCases) {
     const SBinary id = CMapiForWDS::CStringToEntryID(expected.text);

@@ -102,7 +102,7 @@ TEST_F(Faults, OfMapiAreSaidAndPassedOn) {
     const HRESULT hr = fault.operation();
     ProviderFaults::Clear();
     EXPECT_EQ(hr, fault.result) << fault.call;
-    EXPECT_TRUE(InOrder(log_->New(), fault.lines)) << fault.call;
+    EXPECT_TRUE(Said(fault.lines)) << fault.call;
     ExpectLevel(alive, fault.call);
   }
   EXPECT_EQ(executed_.count, 1) << "nothing is opened but what was saved";
@@ -145,7 +145,7 @@ TEST_F(Faults, OfTheSystemAreSaidAndPassedOn) {
   const ProviderFaults::Alive alive = ProviderFaults::Count();
   const auto expect = [&](HRESULT hr, HRESULT expected, const std::vector<std::string>& lines) {
     EXPECT_EQ(hr, expected) << lines[0];
-    EXPECT_TRUE(InOrder(log_->New(), lines));
+    EXPECT_TRUE(Said(lines));
     ExpectLevel(alive, lines[0]);
   };
   const std::string saved = "CHoardexSP::InvokeCommand() - SaveToMSG failed with " + kCode;
@@ -183,8 +183,8 @@ TEST_F(Faults, OfTheSystemAreSaidAndPassedOn) {
     ComPtr<ISearchProtocol> protocol;
     ASSERT_EQ(folder_.As(&protocol), S_OK);
     protocol->ShutDown();
-    EXPECT_TRUE(InOrder(log_->New(), {"CHoardexSP::DeleteAppDataFolder() - Trying to delete folder []",
-                                      "CHoardexSP::DeleteAppDataFolder() - Could not delete folder []"}));
+    EXPECT_TRUE(Said({"CHoardexSP::DeleteAppDataFolder() - Trying to delete folder []",
+                      "CHoardexSP::DeleteAppDataFolder() - Could not delete folder []"}));
   }
   EXPECT_EQ(executed_.count, 0);
 }
@@ -203,19 +203,20 @@ TEST_F(Faults, OfThePropertyStoreMakeNoIds) {
   EXPECT_EQ(item.list, nullptr);
   EXPECT_EQ(attributes, 0u);
   const std::string what = " failed with " + kCode;
-  EXPECT_TRUE(InOrder(log_->New(), {"CHoardexSP::ParseDisplayName() - PSCreateMemoryPropertyStore for a getting an "
-                                    "IPropertyStore interface failed with error " +
-                                    kCode}));
+  EXPECT_TRUE(
+      Said({"CHoardexSP::ParseDisplayName() - PSCreateMemoryPropertyStore for a getting an "
+            "IPropertyStore interface failed with error " +
+            kCode}));
   STRRET text;
   EXPECT_EQ(folder_->GetDisplayNameOf(good.child(), 0, &text), kFault);
-  EXPECT_TRUE(InOrder(log_->New(), {"CHoardexSP::GetDisplayNameOf() - GetPropertyFromIDList" + what}));
+  EXPECT_TRUE(Said({"CHoardexSP::GetDisplayNameOf() - GetPropertyFromIDList" + what}));
   PCUITEMID_CHILD child = good.child();
   ComPtr<IUnknown> object;
   void** out = reinterpret_cast<void**>(object.GetAddressOf());
   EXPECT_EQ(folder_->GetUIObjectOf(nullptr, 1, &child, IID_IContextMenu, nullptr, out), kFault);
-  EXPECT_TRUE(InOrder(log_->New(), {"CHoardexSP::GetUIObjectOf() - GetPropertyFromIDList" + what}));
+  EXPECT_TRUE(Said({"CHoardexSP::GetUIObjectOf() - GetPropertyFromIDList" + what}));
   EXPECT_EQ(folder_->BindToObject(good.list, nullptr, IID_IStream, out), kFault);
-  EXPECT_TRUE(InOrder(log_->New(), {"CHoardexSP::BindToObject() - GetURLFromItemIDList failed with error " + kCode}));
+  EXPECT_TRUE(Said({"CHoardexSP::BindToObject() - GetURLFromItemIDList failed with error " + kCode}));
 }
 
 TEST_F(Faults, OfIconsAreFalse) {
@@ -233,7 +234,7 @@ TEST_F(Faults, OfIconsAreFalse) {
     HICON icons_of[2] = {};
     log_->New();
     EXPECT_EQ(icons->Extract(L"", 0, &icons_of[0], &icons_of[1], 0), S_FALSE);
-    EXPECT_TRUE(InOrder(log_->New(), {std::string("CHoardexSP::Extract() - Could not ") + kind + " icon"}));
+    EXPECT_TRUE(Said({std::string("CHoardexSP::Extract() - Could not ") + kind + " icon"}));
     EXPECT_EQ(icons_of[0] == nullptr, id == 203);
     EXPECT_EQ(icons_of[1] == nullptr, id == 205);
     for (const HICON icon : icons_of)
@@ -297,8 +298,8 @@ TEST_F(Faults, OfTheConverterAreSaidAndPassedOn) {
     log_->New();
     EXPECT_EQ(Bind(message_, IID_IStream), kFault);
     EXPECT_EQ(converter.steps, std::vector<std::string>(all.begin(), all.begin() + static_cast<ptrdiff_t>(i) + 1));
-    EXPECT_TRUE(InOrder(log_->New(), {"CMapiForWDS::GetMimeStreamFromMessageURL() - IConverterSession::" + all[i] +
-                                      " failed, hr = " + kCode}));
+    EXPECT_TRUE(
+        Said({"CMapiForWDS::GetMimeStreamFromMessageURL() - IConverterSession::" + all[i] + " failed, hr = " + kCode}));
     EXPECT_EQ(converter.references, 0u);
     ExpectLevel(alive, all[i]);
   }
@@ -310,7 +311,7 @@ TEST_F(Faults, OfSavingLeaveTheCodeAndNoCopy) {
   EXPECT_EQ(TextIn(path, L"__substg1.0_0037001F"), L"Quarterly report");
   EXPECT_EQ(Save(attachments_[kReport]), S_OK) << "over what is there";
   EXPECT_EQ(Save(inbox_), E_INVALIDARG);
-  EXPECT_TRUE(InOrder(log_->New(), {"CHoardexSP::SaveItem() - failed with [0x80070057]"}));
+  EXPECT_TRUE(Said({"CHoardexSP::SaveItem() - failed with [0x80070057]"}));
   DeleteFileW(path.c_str());
   CreateDirectoryW(path.c_str(), nullptr);
   EXPECT_TRUE(FAILED(Save(attachments_[kReport])));

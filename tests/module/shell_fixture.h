@@ -19,6 +19,10 @@
 
 namespace shell {
 
+inline std::string Narrow(const std::wstring& text) {
+  return std::string(text.begin(), text.end());
+}
+
 // An item ID and its memory.
 struct ItemId {
   ItemId() = default;
@@ -81,6 +85,8 @@ class Shell : public testing::Test {
   std::wstring TemporaryFolder() const { return roaming_ + L"\\zkoffline3x"; }
   // Whether the lines contain these in this order; each as it begins.
   static testing::AssertionResult InOrder(const std::vector<std::string>& lines, const std::vector<std::string>& parts);
+  // The same of what the log got since the last time.
+  testing::AssertionResult Said(const std::vector<std::string>& parts) { return InOrder(log_->New(), parts); }
   // A stream of a compound file, as text.
   static std::wstring TextIn(const std::wstring& file, const wchar_t* stream);
 

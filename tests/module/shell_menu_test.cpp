@@ -18,10 +18,6 @@ namespace {
 
 using Microsoft::WRL::ComPtr;
 
-std::string Narrow(const std::wstring& text) {
-  return std::string(text.begin(), text.end());
-}
-
 struct MenuHandle {
   ~MenuHandle() { DestroyMenu(handle); }
   HMENU handle = CreatePopupMenu();
@@ -95,8 +91,8 @@ TEST_F(Menu, CommandsReachTheHandlerOfMessages) {
     unsigned long thread = 0;
     EXPECT_EQ(swscanf(names.back().c_str(), L"ZK_HX_%lx_", &thread), 1);
     EXPECT_EQ(thread, GetCurrentThreadId());
-    EXPECT_TRUE(InOrder(log_->New(), {"CHoardexSP::InvokeCommand() - Unique MSG file name " + Narrow(names.back()),
-                                      "CMapiForWDS::SaveToMSG() - Unicode OpenIMsgOnIStg returned with [0x00000000]"}));
+    EXPECT_TRUE(Said({"CHoardexSP::InvokeCommand() - Unique MSG file name " + Narrow(names.back()),
+                      "CMapiForWDS::SaveToMSG() - Unicode OpenIMsgOnIStg returned with [0x00000000]"}));
     EmptyTemporaryFolder();
   }
 }
@@ -190,7 +186,7 @@ TEST_F(Menu, SaysWhenAVaultDoesNotOpen) {
   ProviderFaults::Clear();
   EXPECT_EQ(hr, E_ABORT);
   EXPECT_EQ(Boxes::Take(), std::vector<std::wstring>{kCannotShow});
-  EXPECT_TRUE(InOrder(log_->New(), {"CHoardexSP::InvokeCommand() - MAPI setup failed with error [0x80004004]"}));
+  EXPECT_TRUE(Said({"CHoardexSP::InvokeCommand() - MAPI setup failed with error [0x80004004]"}));
   EXPECT_TRUE(TemporaryFiles().empty());
   before_.initializations = ProviderFaults::Count().initializations;  // what a failed set-up keeps
 }
@@ -234,7 +230,7 @@ TEST_F(Menu, ShowsTheItemsIcons) {
   EXPECT_STREQ(file, own);
   EXPECT_EQ(index, 1);
   EXPECT_EQ(flags, 0u);
-  EXPECT_TRUE(InOrder(log_->New(), {"CHoardexSP::GetIconLocation() - Icon file name [" + Narrow(own) + "]"}));
+  EXPECT_TRUE(Said({"CHoardexSP::GetIconLocation() - Icon file name [" + Narrow(own) + "]"}));
   wchar_t shorter[9];
   shorter[8] = L'!';
   EXPECT_EQ(icons->GetIconLocation(0, shorter, 8, &index, &flags), S_OK);
@@ -341,8 +337,8 @@ TEST_F(SweepTest, TakesTheWholeFolder) {
                       "CHoardexSP::DeleteAppDataFolder() - Exit"}));
   EXPECT_FALSE(InOrder(lines, {"CHoardexSP::DeleteAppDataFolder() - Could not delete"}));
   protocol_->ShutDown();
-  EXPECT_TRUE(InOrder(log_->New(), {"CHoardexSP::DeleteAppDataFolder() - Could not delete folder [" +
-                                    Narrow(TemporaryFolder()) + "], error code ["}));
+  EXPECT_TRUE(Said({"CHoardexSP::DeleteAppDataFolder() - Could not delete folder [" + Narrow(TemporaryFolder()) +
+                    "], error code ["}));
 }
 
 TEST_F(SweepTest, NeverFollowsLinks) {
@@ -359,7 +355,7 @@ TEST_F(SweepTest, NeverFollowsLinks) {
     // What is the module's goes all the same.
     EXPECT_FALSE(Exists(own_));
     EXPECT_FALSE(Exists(deep_));
-    EXPECT_TRUE(!Exists(link) || InOrder(log_->New(), {"CHoardexSP::DeleteAppDataFolder() - Could not delete folder"}));
+    EXPECT_TRUE(!Exists(link) || Said({"CHoardexSP::DeleteAppDataFolder() - Could not delete folder"}));
     Unlink(link);
   }
 }
