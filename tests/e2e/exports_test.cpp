@@ -5,7 +5,6 @@
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
-#include <iterator>
 #include <set>
 #include <thread>
 
@@ -20,23 +19,6 @@ using e2e::Result;
 using e2e::System;
 using testing::HasSubstr;
 namespace fs = std::filesystem;
-
-std::string Slurp(const fs::path& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
-std::string Shell(const std::string& command) {
-  const fs::path out = fs::absolute("e2e.tool");
-  const int status = std::system((command + " </dev/null >'" + out.string() + "' 2>&1").c_str());
-  return (status ? "status " + std::to_string(status) + ": " : "") + Slurp(out);
-}
-
-std::string WindowsPath(std::string path) {
-  for (char& c : path)
-    if (c == '/') c = '\\';
-  return "Z:" + path;
-}
 
 class Exports : public testing::Test {
  protected:
@@ -72,10 +54,10 @@ class Exports : public testing::Test {
     const fs::path converted = folder_ / "converted";
     fs::create_directories(converted);
     const std::string said =
-        Shell("cd '" + converted.string() + "' && msgconvert '" + (folder_ / "msg").string() + "'/*.msg");
+        e2e::Output("cd '" + converted.string() + "' && msgconvert '" + (folder_ / "msg").string() + "'/*.msg");
     if (said.starts_with("status")) return said;
-    return Shell("/usr/bin/python3 '" SOURCE_FOLDER "/tests/e2e/compare_exports.py' '" + expected.string() + "' '" +
-                 (folder_ / "exported.json").string() + "' '" + converted.string() + "'");
+    return e2e::Output("/usr/bin/python3 '" SOURCE_FOLDER "/tests/e2e/compare_exports.py' '" + expected.string() +
+                       "' '" + (folder_ / "exported.json").string() + "' '" + converted.string() + "'");
   }
 
   const fs::path folder_ = fs::absolute("e2e-exports");
@@ -179,7 +161,7 @@ TEST_F(Exports, KeepEveryScriptAndMailsInMails) {
     const fs::path file = one["file"].get<std::string>();
     if (file.extension() != ".txt") continue;
     found.insert(file.filename());
-    EXPECT_EQ(Slurp(file), kContent) << file;
+    EXPECT_EQ(e2e::ReadFile(file), kContent) << file;
     const auto age = std::chrono::file_clock::to_sys(fs::last_write_time(file)).time_since_epoch();
     EXPECT_EQ(std::chrono::duration_cast<std::chrono::seconds>(age).count(), 1699164429) << file;
   }
@@ -233,7 +215,7 @@ TEST_F(Exports, OpenAndPrintHandTheRightFileOver) {
   for (const fs::path& folder : {opened, printed}) fs::create_directories(folder);
   for (const auto& [verb, folder] : {std::pair("open", opened), std::pair("print", printed)})
     System::Wine({"reg", "add", std::string("HKCR\\Test.Mail\\shell\\") + verb + "\\command", "/ve", "/d",
-                  "xcopy /y \"%1\" \"" + WindowsPath(folder) + "\"", "/f"});
+                  "xcopy /y \"%1\" \"" + e2e::WindowsPath(folder) + "\"", "/f"});
   ASSERT_EQ(System::Wine({"reg", "add", "HKCR\\.msg", "/ve", "/d", "Test.Mail", "/f"}).code, 0);
   fs::create_directories(folder_ / "msg");
   for (const char* verb : {"open", "print"}) {
@@ -245,7 +227,7 @@ TEST_F(Exports, OpenAndPrintHandTheRightFileOver) {
     ASSERT_FALSE(file.empty()) << folder;
     EXPECT_EQ(file.extension(), ".msg");
     fs::copy_file(file, folder_ / "msg/it.msg", fs::copy_options::overwrite_existing);
-    const std::string converted = Shell("cd '" + folder_.string() + "' && msgconvert --outfile - msg/it.msg");
+    const std::string converted = e2e::Output("cd '" + folder_.string() + "' && msgconvert --outfile - msg/it.msg");
     EXPECT_THAT(converted, HasSubstr("Subject: " + hits[0]["subject"].get<std::string>())) << converted;
   }
   // An attachment opens itself; a query with one hit names it.
@@ -258,7 +240,7 @@ TEST_F(Exports, OpenAndPrintHandTheRightFileOver) {
   EXPECT_EQ(done.code, 0) << done.errors;
   const fs::path file = Arrived(opened);
   ASSERT_FALSE(file.empty());
-  EXPECT_THAT(Slurp(file), HasSubstr("szilloskop"));
+  EXPECT_THAT(e2e::ReadFile(file), HasSubstr("szilloskop"));
 
   EXPECT_THAT(System::Run({"open", "kind:email"}).errors, HasSubstr("name the one that is meant"));
   const Result container = System::Run({"open", url.substr(0, url.rfind('/') + 1)});

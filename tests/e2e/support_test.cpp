@@ -115,8 +115,8 @@ struct BarredAttachments {
   BarredAttachments() : result(Registry("add", " /v PreventIndexingEmailAttachments /t REG_DWORD /d 1")) {}
   ~BarredAttachments() { EXPECT_EQ(Registry("delete", ""), 0); }
   static int Registry(const std::string& verb, const std::string& value) {
-    const std::string line = "wine reg " + verb + " '" + kPolicyKey + "'" + value + " /f </dev/null >e2e.tool 2>&1";
-    return std::system(line.c_str());
+    return std::system(
+        ("wine reg " + verb + " '" + kPolicyKey + "'" + value + " /f </dev/null >e2e.tool 2>&1").c_str());
   }
   const int result;
 };
@@ -152,21 +152,14 @@ struct Counted {
   size_t attachments = 0;
 };
 
-std::string Output(const std::string& command) {
-  const std::string line = command + " >e2e.tool 2>&1";
-  EXPECT_EQ(std::system(line.c_str()), 0) << line;
-  std::ifstream file("e2e.tool", std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(file), {});
-}
-
 Counted CountByOthers(const fs::path& store) {
   Counted counted;
-  std::istringstream list(Output("lspst '" + store.string() + "'"));
+  std::istringstream list(e2e::Output("lspst '" + store.string() + "'"));
   for (std::string line; std::getline(list, line);) ++counted.items[line.substr(0, line.find_first_of(" \t"))];
   const fs::path folder = fs::absolute("e2e-readpst");
   fs::remove_all(folder);
   fs::create_directories(folder);
-  std::istringstream read(Output("readpst -j 0 -e -D -o '" + folder.string() + "' '" + store.string() + "'"));
+  std::istringstream read(e2e::Output("readpst -j 0 -e -D -o '" + folder.string() + "' '" + store.string() + "'"));
   for (std::string line; std::getline(read, line);)
     if (const size_t at = line.find(" items done, "); at != std::string::npos)
       counted.skipped += std::stoul(line.substr(at + 13));

@@ -19,22 +19,11 @@ std::string Quote(const std::string& word) {
   return quoted + "'";
 }
 
-std::string ReadAll(const fs::path& path) {
-  std::ifstream file(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(file), {});
-}
-
 // Output goes through files: a service that Wine starts would keep a pipe open for ever.
 Result Shell(const std::string& command) {
   const fs::path out = fs::absolute("e2e.out"), err = fs::absolute("e2e.err");
   const int status = std::system((command + " </dev/null >" + Quote(out) + " 2>" + Quote(err)).c_str());
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), ReadAll(out), ReadAll(err)};
-}
-
-std::string WindowsPath(std::string path) {
-  for (char& c : path)
-    if (c == '/') c = '\\';
-  return "Z:" + path;
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), ReadFile(out), ReadFile(err)};
 }
 
 // Names the prefix to Wine and to the gatherer.
@@ -87,6 +76,23 @@ std::string Register() {
 }
 
 }  // namespace
+
+std::string ReadFile(const fs::path& path) {
+  std::ifstream file(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(file), {});
+}
+
+std::string WindowsPath(std::string path) {
+  for (char& c : path)
+    if (c == '/') c = '\\';
+  return "Z:" + path;
+}
+
+std::string Output(const std::string& command) {
+  const fs::path out = fs::absolute("e2e.tool");
+  const int status = std::system((command + " </dev/null >" + Quote(out) + " 2>&1").c_str());
+  return (status ? "status " + std::to_string(status) + ": " : "") + ReadFile(out);
+}
 
 fs::path System::prefix() {
   return fs::absolute("e2e-prefix");

@@ -17,6 +17,11 @@ struct Result {
   std::string output, errors;
 };
 
+std::string ReadFile(const std::filesystem::path& path);
+std::string WindowsPath(std::string path);
+// What a command line printed; "status N: " before it when that is not 0.
+std::string Output(const std::string& command);
+
 // Made once for all tests of the program, in the current folder; the prefix is kept for the next run.
 class System {
  public:

@@ -11,79 +11,33 @@
 
 #include "host/CheckRecord.h"
 #include "host/FilterCheck.h"
+#include "tests/support/class_double.h"
+#include "tests/support/filter_double.h"
 
 namespace {
 
 using Microsoft::WRL::ComPtr;
 
+// clang-format off
 enum class Fault {
-  kNone,
-  kSameId,
-  kUnknownState,
-  kUnknownBreak,
-  kForeignSource,
-  kLeavesChunkAlone,
-  kOddResult,
-  kNeverEnds,
-  kAnswersForEver,
-  kChunksAfterTheEnd,
-  kTextAfterTheLast,
-  kTextForEver,
-  kTextComesBack,
-  kNoText,
-  kWritesTooMuch,
-  kTellsTooMuch,
-  kTerminates,
-  kLosesTextInPieces,
-  kValueTwice,
-  kValueComesBack,
-  kStaticValue,
-  kOddValueType,
-  kValueOfText,
-  kTextOfValue,
-  kLosesValueAfterText,
-  kIgnoresAttributes,
-  kInitGoesOn,
-  kChanges,
-  kLeavesFlags,
-  kTakesNoArguments,
-  kWorksUnloaded,
-  kTakesNull,
-  kOddLocale,
-  kNoBreaks,
-  kNoPersist,
-  kOneThreadOnly,
+  kNone, kSameId, kUnknownState, kUnknownBreak, kForeignSource, kLeavesChunkAlone, kOddResult, kNeverEnds,
+  kAnswersForEver, kChunksAfterTheEnd, kTextAfterTheLast, kTextForEver, kTextComesBack, kNoText, kWritesTooMuch,
+  kTellsTooMuch, kTerminates, kLosesTextInPieces, kValueTwice, kValueComesBack, kStaticValue, kOddValueType,
+  kValueOfText, kTextOfValue, kLosesValueAfterText, kIgnoresAttributes, kInitGoesOn, kChanges, kLeavesFlags,
+  kTakesNoArguments, kWorksUnloaded, kTakesNull, kOddLocale, kNoBreaks, kNoPersist, kOneThreadOnly
 };
+// clang-format on
 
 constexpr GUID kSummary = {0xF29F85E0, 0x4FF9, 0x1068, {0xAB, 0x91, 0x08, 0x00, 0x2B, 0x27, 0xB3, 0xD9}};
 constexpr ULONG kMagic = 4;
 
 // Title, contents, author: a model filter but for its fault.
-class FaultyFilter final : public IFilter, public IPersistStream {
+class FaultyFilter final : public FilterDouble {
  public:
   FaultyFilter(Fault fault, bool loaded) : fault_(fault), loaded_(loaded) {}
 
-  STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
-    const bool persist = (iid == IID_IPersist || iid == IID_IPersistStream) && fault_ != Fault::kNoPersist;
-    *object = nullptr;
-    if (persist) *object = static_cast<IPersistStream*>(this);
-    if (iid == IID_IUnknown || iid == IID_IFilter) *object = static_cast<IFilter*>(this);
-    if (!*object) return E_NOINTERFACE;
-    AddRef();
-    return S_OK;
-  }
-  STDMETHODIMP_(ULONG) AddRef() override { return ++references_; }
-  STDMETHODIMP_(ULONG) Release() override {
-    const ULONG left = --references_;
-    if (!left) delete this;
-    return left;
-  }
   STDMETHODIMP GetClassID(CLSID* clsid) override { return *clsid = kSummary, S_OK; }
-  STDMETHODIMP IsDirty() override { return E_NOTIMPL; }
   STDMETHODIMP Load(IStream*) override { return S_OK; }
-  STDMETHODIMP Save(IStream*, BOOL) override { return E_NOTIMPL; }
-  STDMETHODIMP GetSizeMax(ULARGE_INTEGER*) override { return E_NOTIMPL; }
-  STDMETHODIMP_(SCODE) BindRegion(FILTERREGION, REFIID, void**) override { return E_NOTIMPL; }
 
   STDMETHODIMP_(SCODE) Init(ULONG flags, ULONG count, const FULLPROPSPEC* wanted, ULONG* out) override {
     if (!loaded_ && fault_ != Fault::kWorksUnloaded) return E_FAIL;
@@ -183,8 +137,8 @@ class FaultyFilter final : public IFilter, public IPersistStream {
     return empty_text ? none : text;
   }
   bool IsText() const { return pid_ == 19; }
+  bool persists() const override { return fault_ != Fault::kNoPersist; }
 
-  std::atomic<ULONG> references_ = 1;
   const Fault fault_;
   const bool loaded_;
   const DWORD thread_ = GetCurrentThreadId();
@@ -297,36 +251,20 @@ TEST(FilterCheck, WaivesByNameAndKindOnly) {
     EXPECT_EQ(host::WaiverOf(static_cast<Rule>(i), host::kForeignFilter, true), nullptr);
 }
 
-// A class that COM makes, by its identifier.
-class FaultyFactory final : public IClassFactory {
- public:
-  STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
-    const bool ours = iid == IID_IUnknown || iid == IID_IClassFactory;
-    *object = ours ? this : nullptr;
-    return ours ? S_OK : E_NOINTERFACE;
-  }
-  STDMETHODIMP_(ULONG) AddRef() override { return 2; }
-  STDMETHODIMP_(ULONG) Release() override { return 1; }
-  STDMETHODIMP CreateInstance(IUnknown*, REFIID iid, void** object) override {
-    ComPtr<IFilter> filter;
-    *filter.GetAddressOf() = new FaultyFilter(Fault::kSameId, true);
-    return filter->QueryInterface(iid, object);
-  }
-  STDMETHODIMP LockServer(BOOL) override { return S_OK; }
-};
-
 TEST(FilterCheck, TakesAClassOrTheTypeOfAFile) {
   ASSERT_EQ(CoInitializeEx(nullptr, COINIT_MULTITHREADED), S_OK);
   constexpr CLSID kClass = {0x5AF0C0D1, 0x7B1E, 0x4E0C, {0x9D, 0x34, 0x21, 0x60, 0xB8, 0x5C, 0x1F, 0x77}};
-  FaultyFactory factory;
-  DWORD cookie = 0;
-  ASSERT_EQ(CoRegisterClassObject(kClass, &factory, CLSCTX_INPROC_SERVER, REGCLS_MULTIPLEUSE, &cookie), S_OK);
+  auto registered = std::make_unique<ClassDouble>(kClass, [](REFIID iid, void** object) {
+    ComPtr<IFilter> filter;
+    *filter.GetAddressOf() = new FaultyFilter(Fault::kSameId, true);
+    return filter->QueryInterface(iid, object);
+  });
   const host::Json faulty = host::CheckFile("", "{5AF0C0D1-7B1E-4E0C-9D34-2160B85C1F77}");
   EXPECT_FALSE(host::Conforms(faulty)) << "it initialises with nothing loaded";
   for (const host::Json& rule : faulty["rules"]) {
     EXPECT_EQ(rule["broken"], rule["rule"] == "init-unloaded" ? 1 : 0);
   }
-  CoRevokeClassObject(cookie);
+  registered.reset();
   const host::Json gone = host::CheckFile("", "{5AF0C0D1-7B1E-4E0C-9D34-2160B85C1F77}");
   EXPECT_EQ(gone["error"]["name"], "REGDB_E_CLASSNOTREG") << gone;
   EXPECT_EQ(host::CheckFile("", "nonsense")["error"]["name"], "CO_E_CLASSSTRING");

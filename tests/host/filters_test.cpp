@@ -70,14 +70,11 @@ TEST(BuiltInFilter, DetectsTheEncodingOfPlainText) {
     std::string bytes;
     std::wstring text;
   };
+  // clang-format off
   const Case cases[] = {
       {"plain", L"plain"},
-      {"Gr\xc3\xbc\xc3\x9f"
-       "e",
-       L"Grüße"},
-      {"\xef\xbb\xbfGr\xc3\xbc\xc3\x9f"
-       "e",
-       L"Grüße"},
+      {"Gr\xc3\xbc\xc3\x9f" "e", L"Grüße"},
+      {"\xef\xbb\xbfGr\xc3\xbc\xc3\x9f" "e", L"Grüße"},
       {"Gr\xfc\xdf"
        "e",
        L"Grüße"},  // the ANSI page, 1252 here
@@ -88,6 +85,7 @@ TEST(BuiltInFilter, DetectsTheEncodingOfPlainText) {
       {"\xe6\x97\xa5\xe6\x9c\xac", L"日本"},
       {"", L""},
   };
+  // clang-format on
   for (const Case& c : cases)
     for (ULONG room : {1u, 3u, 1000u}) {
       const Content content = Read(L"TXT", c.bytes, room);

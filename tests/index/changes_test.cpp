@@ -2,12 +2,7 @@
 #include "index/changes.h"
 
 #include <gmock/gmock.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include "index/query.h"
-#include "index/search.h"
 #include "support.h"
 
 namespace hoardex::test {
@@ -80,17 +75,8 @@ TEST(Changes, ArePlannedOnceForEveryUrl) {
   EXPECT_EQ(cleared[1].url, b + "/") << "what comes after the deletion of all stays";
 }
 
-class ChangesTest : public testing::Test {
+class ChangesTest : public IndexTest {
  protected:
-  ChangesTest() : corpus_(scratch_), sample_(corpus_) {}
-
-  std::filesystem::path File(const std::string& name = "index.sqlite") const { return scratch_.path() / name; }
-  CrawlOutcome Crawl(const CrawlOptions& options = {}, const std::string& name = "index.sqlite") {
-    corpus_.Save();
-    Store store(File(name), Database::Mode::kCreate);
-    Gatherer gatherer(corpus_.Options());
-    return hoardex::Crawl(gatherer, store, options);
-  }
   std::vector<ChangeReport> Changes(const CrawlOptions& options = {}, const std::string& name = "index.sqlite") {
     corpus_.Save();
     corpus_.Requests();
@@ -98,15 +84,9 @@ class ChangesTest : public testing::Test {
     Gatherer gatherer(corpus_.Options());
     return CrawlChanges(gatherer, store, options).reports;
   }
-  int64_t Hits(const std::string& query) {
-    Store store(File(), Database::Mode::kReadOnly);
-    return Search(store, CompileQuery(query), 10, HitDetail::kSnippet).total;
-  }
-  // The file behind the first vault is newer, and one mail in it is another.
-  void TouchVault() {
-    corpus_.SetLinkTime(kRoot, sample_.vault, kLater);
-    corpus_.SetLinkTime(sample_.vault, sample_.inbox, kLater);
-    corpus_.SetLinkTime(sample_.inbox, sample_.sub, kLater);
+  // One mail in the vault is another, too, and one is gone.
+  void ChangeVault() {
+    TouchVault();
     corpus_.SetLinkTime(sample_.inbox, sample_.party, kLater);
     corpus_.item(sample_.party)["text"] = "Rescheduled";
     corpus_.Unlist(sample_.inbox, sample_.cafe);
@@ -120,10 +100,6 @@ class ChangesTest : public testing::Test {
     corpus_.item(folder) = {{"properties", {{"System.ItemName", "Inbox"}}}, {"links", links(mail)}};
     corpus_.item(mail) = {{"properties", {{"System.Subject", "Guestmail"}}}, {"text", "hospitality"}};
   }
-
-  Scratch scratch_;
-  Corpus corpus_;
-  Sample sample_;
 };
 
 TEST_F(ChangesTest, EveryRegisteredRootIsCrawledAndOneThatIsGoneLeaves) {
@@ -184,7 +160,7 @@ TEST_F(ChangesTest, RulesNarrowAndWidenTheIndex) {
 
 TEST_F(ChangesTest, AModifiedVaultAloneIsVisited) {
   Crawl();
-  TouchVault();
+  ChangeVault();
   for (int i = 0; i < 2; ++i) corpus_.Change("modify", NoSlash(sample_.vault));
   corpus_.Change("modify", kRoot + "v:\\tessary\\ARCHIVE.DB");
   const auto reports = Changes();
@@ -284,7 +260,7 @@ TEST_F(ChangesTest, AFullCrawlCoversWhatIsQueued) {
 TEST_F(ChangesTest, AKillAtAnyMomentRepeatsAndLosesNothing) {
   Crawl({}, "whole.sqlite");
   std::filesystem::copy_file(File("whole.sqlite"), File("start.sqlite"));
-  TouchVault();
+  ChangeVault();
   corpus_.Change("modify", sample_.vault);
   corpus_.Change("delete", sample_.other_vault);
   Changes({}, "whole.sqlite");
@@ -297,20 +273,11 @@ TEST_F(ChangesTest, AKillAtAnyMomentRepeatsAndLosesNothing) {
     std::filesystem::copy_file(File("start.sqlite"), File(name));
     corpus_.ClearFaults();
     corpus_.FaultAtRequest(moment, "kill_parent");
-    const pid_t child = fork();
-    if (child == 0) {
+    killed += IsKilledBy([&] {
       CrawlOptions options;
       options.batch_items = 1;
-      try {
-        Changes(options, name);
-      } catch (...) {
-        _exit(1);
-      }
-      _exit(0);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    killed += WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
+      Changes(options, name);
+    });
     corpus_.ClearFaults();
     if (corpus_.Done() > 0) {
       EXPECT_EQ(Contents(File(name)), whole) << "let go before it was in the index, at " << moment;

@@ -2,13 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <fstream>
-
-#include "index/query.h"
-#include "index/search.h"
 #include "support.h"
 
 namespace hoardex::test {
@@ -21,40 +15,7 @@ using testing::IsEmpty;
 using testing::Not;
 using testing::UnorderedElementsAre;
 
-class CrawlTest : public testing::Test {
- protected:
-  CrawlTest() : corpus_(scratch_), sample_(corpus_) {}
-
-  std::filesystem::path File(const std::string& name = "index.sqlite") const { return scratch_.path() / name; }
-
-  CrawlOutcome Crawl(const CrawlOptions& options = {}, const std::string& name = "index.sqlite") {
-    corpus_.Save();
-    Store store(File(name), Database::Mode::kCreate);
-    Gatherer gatherer(corpus_.Options());
-    const CrawlOutcome outcome = hoardex::Crawl(gatherer, store, options);
-    counts_ = store.Counts();
-    failures_ = store.Failures();
-    removed_ = store.removed();
-    return outcome;
-  }
-  int64_t Hits(const std::string& query) {
-    Store store(File(), Database::Mode::kReadOnly);
-    return Search(store, CompileQuery(query), 10, HitDetail::kSnippet).total;
-  }
-  // The vault's file has changed, as its link and those of its folders show.
-  void TouchVault() {
-    corpus_.SetLinkTime(kRoot, sample_.vault, kLater);
-    corpus_.SetLinkTime(sample_.vault, sample_.inbox, kLater);
-    corpus_.SetLinkTime(sample_.inbox, sample_.sub, kLater);
-  }
-
-  Scratch scratch_;
-  Corpus corpus_;
-  Sample sample_;
-  std::map<std::string, VaultCounts> counts_;
-  std::vector<FailedItem> failures_;
-  std::map<std::string, int64_t> removed_;
-};
+using CrawlTest = IndexTest;
 
 TEST_F(CrawlTest, EverythingIsIndexedWithItsPlace) {
   EXPECT_EQ(Crawl().items, 13);
@@ -173,22 +134,13 @@ TEST_F(CrawlTest, AKillAtAnyMomentLosesNothing) {
       corpus_.ClearFaults();
       if (batch == 3) corpus_.FaultAtRequest(moment, "kill_parent");
       corpus_.Requests();
-      const pid_t child = fork();
-      if (child == 0) {
+      killed += IsKilledBy([&] {
         int commits = 0;
         CrawlOptions options;
         options.batch_items = batch;
         if (batch == 1) options.committed = [&] { ++commits == moment ? static_cast<void>(raise(SIGKILL)) : void(); };
-        try {
-          Crawl(options, name);
-        } catch (...) {
-          _exit(1);
-        }
-        _exit(0);
-      }
-      int status = 0;
-      waitpid(child, &status, 0);
-      killed += WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
+        Crawl(options, name);
+      });
       corpus_.ClearFaults();
       Crawl({}, name);
       ASSERT_EQ(Contents(File(name)), whole) << "killed at " << moment << ", batches of " << batch;
@@ -200,8 +152,7 @@ TEST_F(CrawlTest, AKillAtAnyMomentLosesNothing) {
 
 TEST_F(CrawlTest, AResumedRunAsksOnlyForTheRest) {
   corpus_.FaultAtRequest(9, "kill_parent");
-  const pid_t child = fork();
-  if (child == 0) {
+  ASSERT_TRUE(IsKilledBy([&] {
     CrawlOptions options;
     options.batch_items = 1;
     corpus_.Save();
@@ -210,11 +161,7 @@ TEST_F(CrawlTest, AResumedRunAsksOnlyForTheRest) {
     gather.window = 1;
     Gatherer gatherer(gather);
     hoardex::Crawl(gatherer, store, options);
-    _exit(0);
-  }
-  int status = 0;
-  waitpid(child, &status, 0);
-  ASSERT_TRUE(WIFSIGNALED(status));
+  }));
   const auto first = corpus_.Requests();
   corpus_.ClearFaults();
   EXPECT_TRUE(Crawl().resumed);

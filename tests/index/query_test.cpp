@@ -32,14 +32,13 @@ class QueryTest : public testing::Test {
   // The titles of the hits in their order, joined by commas.
   static std::string Find(const std::string& query) {
     std::string out;
-    for (const Hit& hit : Search(*store_, CompileQuery(query), 100, HitDetail::kSnippet).hits)
+    for (const Hit& hit : Search(*store_, CompileQuery(query), 100, HitDetail::kBare).hits)
       out += (out.empty() ? "" : ",") + hit.title;
     return out;
   }
   static std::string FindSorted(const std::string& query) {
     std::vector<std::string> titles;
-    for (const Hit& hit : Search(*store_, CompileQuery(query), 100, HitDetail::kSnippet).hits)
-      titles.push_back(hit.title);
+    for (const Hit& hit : Search(*store_, CompileQuery(query), 100, HitDetail::kBare).hits) titles.push_back(hit.title);
     std::sort(titles.begin(), titles.end());
     std::string out;
     for (const std::string& title : titles) out += (out.empty() ? "" : ",") + title;
@@ -160,7 +159,7 @@ TEST_F(QueryTest, NoInputBreaksTheStatement) {
     std::string query;
     for (int n = 0; n < 12; ++n) query += alphabet[(seed = seed * 1664525 + 1013904223) / 65536 % alphabet.size()];
     try {
-      Search(*store_, CompileQuery(query), 5, HitDetail::kSnippet);
+      Search(*store_, CompileQuery(query), 5, HitDetail::kBare);
     } catch (const QueryError&) {
     } catch (const DatabaseError& error) {
       ADD_FAILURE() << query << ": " << error.what();

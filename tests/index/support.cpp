@@ -9,7 +9,9 @@
 #include <sstream>
 
 #include "index/database.h"
+#include "index/query.h"
 #include "index/record.h"
+#include "index/search.h"
 
 namespace hoardex::test {
 namespace {
@@ -239,6 +241,43 @@ Finished RunProgram(const Scratch& scratch, const std::vector<std::string>& argu
   int status = 0;
   waitpid(pid, &status, 0);
   return {WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status), Slurp(out), Slurp(err)};
+}
+
+CrawlOutcome IndexTest::Crawl(const CrawlOptions& options, const std::string& name) {
+  corpus_.Save();
+  Store store(File(name), Database::Mode::kCreate);
+  Gatherer gatherer(corpus_.Options());
+  const CrawlOutcome outcome = hoardex::Crawl(gatherer, store, options);
+  counts_ = store.Counts();
+  failures_ = store.Failures();
+  removed_ = store.removed();
+  return outcome;
+}
+
+int64_t IndexTest::Hits(const std::string& query) {
+  Store store(File(), Database::Mode::kReadOnly);
+  return Search(store, CompileQuery(query), 10, HitDetail::kBare).total;
+}
+
+void IndexTest::TouchVault() {
+  corpus_.SetLinkTime(kRoot, sample_.vault, kLater);
+  corpus_.SetLinkTime(sample_.vault, sample_.inbox, kLater);
+  corpus_.SetLinkTime(sample_.inbox, sample_.sub, kLater);
+}
+
+bool IndexTest::IsKilledBy(const std::function<void()>& run) {
+  const pid_t child = fork();
+  if (child == 0) {
+    try {
+      run();
+    } catch (...) {
+      _exit(1);
+    }
+    _exit(0);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  return WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
 }
 
 }  // namespace hoardex::test

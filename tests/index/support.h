@@ -1,11 +1,16 @@
 // What the tests of the index share: a scratch home, a scripted host, a mail corpus, runs of the program.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <filesystem>
+#include <functional>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
+#include "index/crawl.h"
 #include "index/gatherer.h"
 
 namespace hoardex::test {
@@ -90,5 +95,27 @@ struct Finished {
 // been asked for this URL.
 Finished RunProgram(const Scratch& scratch, const std::vector<std::string>& arguments,
                     const std::string& interrupt_at = {});
+
+// The sample behind a fake host, and indexes of it.
+class IndexTest : public testing::Test {
+ protected:
+  IndexTest() : corpus_(scratch_), sample_(corpus_) {}
+
+  std::filesystem::path File(const std::string& name = "index.sqlite") const { return scratch_.path() / name; }
+  CrawlOutcome Crawl(const CrawlOptions& options = {}, const std::string& name = "index.sqlite");
+  int64_t Hits(const std::string& query);
+  // The vault's file has changed, as its link and those of its folders show.
+  void TouchVault();
+  // Runs it in a process of its own; whether SIGKILL ended that.
+  static bool IsKilledBy(const std::function<void()>& run);
+
+  Scratch scratch_;
+  Corpus corpus_;
+  Sample sample_;
+  // Of the last crawl.
+  std::map<std::string, VaultCounts> counts_;
+  std::vector<FailedItem> failures_;
+  std::map<std::string, int64_t> removed_;
+};
 
 }  // namespace hoardex::test

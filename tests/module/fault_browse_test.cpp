@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cstring>
 
-#include "module/mapi/MapiForWDS.h"
 #include "tests/module/fault_expectations.h"
 #include "tests/vault/store_surgeon.h"
 #include "vault/writer.h"
@@ -12,36 +11,9 @@
 namespace faults {
 namespace {
 
-struct Listing {
-  HRESULT result = E_FAIL;
-  std::wstring path;
-  std::vector<std::wstring> names;
-  std::vector<FILETIME> times;
-};
-
-class Browsing : public testing::Test {
+class Browsing : public SceneTest {
  protected:
-  void SetUp() override {
-    ProviderFaults::Clear();
-    scene_.NewLogLines();
-    before_ = ProviderFaults::Count();
-    path_ = scene_.store().parent_path() / L"folders.db";
-    url_ = Scene::UrlOf(path_);
-  }
-  void TearDown() override {
-    ProviderFaults::Clear();
-    CMapiForWDS::CleanMapiObjs();
-    EXPECT_EQ(ProviderFaults::Count(), before_);
-    DeleteFileW(path_.c_str());
-  }
-  Listing Browse(const std::wstring& url) {
-    Listing listing;
-    CMapiForWDS* mapi = CMapiForWDS::GetMapiObj(url_);
-    EXPECT_NE(mapi, nullptr);
-    if (mapi) listing.result = mapi->BrowseFolder(url, listing.path, listing.names, listing.times);
-    EXPECT_EQ(listing.names.size(), listing.times.size());
-    return listing;
-  }
+  Listing Browse(const std::wstring& url) { return SceneTest::Browse(CMapiForWDS::GetMapiObj(url_), url); }
   // The top's folder of that path.
   std::wstring FolderOf(const std::wstring& path) {
     for (const std::wstring& name : Browse(url_).names)
@@ -86,11 +58,6 @@ class Browsing : public testing::Test {
     ASSERT_EQ(changed, parents.size());
     surgeon.Save(path_);
   }
-
-  Scene& scene_ = Scene::Get();
-  ProviderFaults::Alive before_;
-  std::filesystem::path path_;
-  std::wstring url_;
 };
 
 TEST_F(Browsing, ListsMessagesFirstAndPathsBelowTheTop) {

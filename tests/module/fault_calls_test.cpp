@@ -155,18 +155,14 @@ TEST_F(CallFaults, EachCallSucceedsWithNothing) {
       SCOPED_TRACE("call " + std::to_string(n + 1) + ", " + site.name + " of step " + std::to_string(site.step));
       const Invariants invariants;
       const auto results = Run({nullptr, static_cast<long>(n) + 1, FALSE, kHoardexMapiAnswer, code, 0, 0});
-      static constexpr const char* kGivers[] = {"MAPIAdminProfiles",
-                                                "MAPILogonEx",
-                                                "IProfAdmin::AdminServices",
-                                                "IMsgServiceAdmin::GetMsgServiceTable",
-                                                "IMAPISession::GetMsgStoresTable",
-                                                "IMAPISession::OpenMsgStore",
-                                                "IMAPIContainer::GetContentsTable",
-                                                "IMAPIContainer::GetHierarchyTable",
-                                                "IMessage::GetAttachmentTable",
-                                                "IMessage::OpenAttach",
-                                                "IMAPIProp::OpenProperty",
-                                                "MAPIAllocateBuffer"};
+      // clang-format off
+      static constexpr const char* kGivers[] = {
+          "MAPIAdminProfiles", "MAPILogonEx", "IProfAdmin::AdminServices", "IMsgServiceAdmin::GetMsgServiceTable",
+           "IMAPISession::GetMsgStoresTable", "IMAPISession::OpenMsgStore", "IMAPIContainer::GetContentsTable",
+           "IMAPIContainer::GetHierarchyTable", "IMessage::GetAttachmentTable", "IMessage::OpenAttach",
+           "IMAPIProp::OpenProperty", "MAPIAllocateBuffer"
+      };
+      // clang-format on
       const bool gives = std::find(std::begin(kGivers), std::end(kGivers), site.name) != std::end(kGivers) ||
                          (site.name == "IMsgStore::OpenEntry" && site.nth == 1);
       EXPECT_TRUE(!gives || FAILED(results[site.step].result));

@@ -1,12 +1,14 @@
 // What each operation on a vault must answer, and log, when a MAPI call that it makes fails or answers too little.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <windows.h>
 
 #include <span>
 #include <string>
 #include <vector>
 
+#include "module/mapi/MapiForWDS.h"
 #include "tests/module/fault_scenario.h"
 
 namespace faults {
@@ -41,5 +43,38 @@ std::span<const SpoiltExpectation> SpoiltExpectations();
 
 // Whether one of the lines says that.
 bool HasLine(const std::vector<std::string>& lines, const std::string& format, HRESULT code);
+
+// Tests of CMapiForWDS over the scene, with a store of their own at `path_`. Nothing of a test outlives it.
+class SceneTest : public testing::Test {
+ protected:
+  struct Listing {
+    HRESULT result = E_FAIL;
+    std::wstring path;
+    std::vector<std::wstring> names;
+    std::vector<FILETIME> times;
+  };
+  void SetUp() override {
+    ProviderFaults::Clear();
+    scene_.NewLogLines();
+    before_ = ProviderFaults::Count();
+  }
+  void TearDown() override {
+    ProviderFaults::Clear();
+    CMapiForWDS::CleanMapiObjs();
+    EXPECT_EQ(ProviderFaults::Count(), before_);
+    DeleteFileW(path_.c_str());
+  }
+  static Listing Browse(CMapiForWDS* mapi, const std::wstring& url) {
+    Listing listing;
+    if (mapi) listing.result = mapi->BrowseFolder(url, listing.path, listing.names, listing.times);
+    EXPECT_EQ(listing.names.size(), listing.times.size());
+    return listing;
+  }
+
+  Scene& scene_ = Scene::Get();
+  ProviderFaults::Alive before_;
+  const std::filesystem::path path_ = scene_.store().parent_path() / L"other.db";
+  std::wstring url_ = Scene::UrlOf(path_);
+};
 
 }  // namespace faults

@@ -9,16 +9,10 @@
 namespace faults {
 
 enum ItemSet : unsigned {
-  kMail = 1,
-  kCard = 2,
-  kMeeting = 4,
-  kTask = 8,
-  kNote = 16,
-  kFile = 32,
-  kObject = 64,
-  kMessages = 31,
-  kAttached = 96,
-  kContainer = 128,
+  // clang-format off
+  kMail = 1, kCard = 2, kMeeting = 4, kTask = 8, kNote = 16, kMessages = 31,
+  kFile = 32, kObject = 64, kAttached = 96, kContainer = 128,
+  // clang-format on
 };
 
 // Beginnings of chunks' lines: keys of properties. An empty one stands for all.

@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 #include <wrl/client.h>
 
-#include "module/mapi/MapiForWDS.h"
 #include "tests/module/fault_expectations.h"
 #include "vault/writer.h"
 
@@ -11,27 +10,12 @@ namespace {
 
 using Microsoft::WRL::ComPtr;
 
-class Items : public testing::Test {
+class Items : public SceneTest {
  protected:
-  void SetUp() override {
-    ProviderFaults::Clear();
-    scene_.NewLogLines();
-    before_ = ProviderFaults::Count();
-    path_ = scene_.store().parent_path() / L"objects.db";
-    url_ = Scene::UrlOf(path_);
-  }
-  void TearDown() override {
-    ProviderFaults::Clear();
-    CMapiForWDS::CleanMapiObjs();
-    EXPECT_EQ(ProviderFaults::Count(), before_);
-    DeleteFileW(path_.c_str());
-  }
   std::vector<std::wstring> Names(const std::wstring& url) {
-    std::wstring path;
-    std::vector<std::wstring> names;
-    std::vector<FILETIME> times;
-    EXPECT_EQ(mapi_->BrowseFolder(url, path, names, times), S_OK);
-    return names;
+    const Listing listing = Browse(mapi_, url);
+    EXPECT_EQ(listing.result, S_OK);
+    return listing.names;
   }
   // Writes the store and opens it; the URL of its first folder, and of that folder's first message.
   void Open(const vault::StoreBuilder& store) {
@@ -64,10 +48,7 @@ class Items : public testing::Test {
     return std::string(bytes, read);
   }
 
-  Scene& scene_ = Scene::Get();
-  ProviderFaults::Alive before_;
-  std::filesystem::path path_;
-  std::wstring url_, folder_, message_;
+  std::wstring folder_, message_;
   CMapiForWDS* mapi_ = nullptr;
 };
 
@@ -83,6 +64,8 @@ TEST_F(Items, EntryIdentifiersAreReadAsFarAsTheyGo) {
                 {L"0A0B0", 2, "\x0A\x0B", false},
                 {L"0A\u0660\u0661", 2, "\x0A", false},
                 {L"0A:;<=", 3, "\x0A", false},
+                {L"0A1:", 2, "\x0A", false},
+                {L"0A`0", 2, "\x0A", false},
                 {L"0AgG", 2, "\x0A", false}};
   for (const auto& expected : kCases) {
     const SBinary id = CMapiForWDS::CStringToEntryID(expected.text);
@@ -124,10 +107,7 @@ TEST_F(Items, MessagesOpenWithTheirSizeAndInEitherCase) {
   // A folder by a message's URL, and a message by a folder's: calling the one as the other would end the host.
   const std::wstring folder_id = folder_.substr(folder_.rfind(L'/') + 1);
   EXPECT_TRUE(FAILED(OpenMessage(folder + folder_id + L".zkm")));
-  std::wstring path;
-  std::vector<std::wstring> names;
-  std::vector<FILETIME> times;
-  EXPECT_TRUE(FAILED(mapi_->BrowseFolder(url_ + L"/" + digits, path, names, times)));
+  EXPECT_TRUE(FAILED(Browse(mapi_, url_ + L"/" + digits).result));
 }
 
 TEST_F(Items, AttachmentsAreFoundByName) {

@@ -53,18 +53,6 @@ TEST_F(MemoryFaults, OfTheModulesOwn) {
   DenyEach("new, crawl", 150, plan, seen, [&] { return scene_.Crawl(); }, {});
 }
 
-TEST_F(MemoryFaults, OfCom) {
-  Spy spy;
-  const auto run = [&] {
-    const long before = spy.live();
-    auto given = scene_.Crawl();
-    EXPECT_LE(spy.live() - before, 2) << "memory for a value was not given back";
-    return given;
-  };
-  DenyEach(
-      "COM, crawl", 140, [](long n) { of_com.Plan(n); }, [] { return of_com.seen(); }, run, {});
-}
-
 TEST_F(MemoryFaults, OfTheProvidersBlocks) {
   const auto seen = [] { return ProviderFaults::Allocations(); };
   DenyEach(

@@ -14,6 +14,7 @@
 #include "module/core/HoardexURL.h"
 #include "module/mapi/MapiForWDS.h"
 #include "module/protocol/HoardexSP.h"
+#include "tests/support/filter_double.h"
 #include "vault/writer.h"
 
 namespace faults {
@@ -26,37 +27,6 @@ constexpr wchar_t kLogSource[] = L".\\FaultTest";
 constexpr wchar_t kShellFolders[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Explorer\\User Shell Folders";
 constexpr wchar_t kProfiles[] = L"Software\\Trelmo\\Hoardex\\Profiles";
 
-// The filter of a file type: no chunks of its own.
-class NoChunks final : public IFilter, public IPersistStream {
- public:
-  STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
-    *object = nullptr;
-    if (iid == IID_IFilter || iid == IID_IUnknown) *object = static_cast<IFilter*>(this);
-    if (iid == IID_IPersistStream) *object = static_cast<IPersistStream*>(this);
-    if (*object) AddRef();
-    return *object ? S_OK : E_NOINTERFACE;
-  }
-  STDMETHODIMP_(ULONG) AddRef() override { return ++references_; }
-  STDMETHODIMP_(ULONG) Release() override {
-    const ULONG left = --references_;
-    if (!left) delete this;
-    return left;
-  }
-  STDMETHODIMP GetClassID(CLSID*) override { return E_NOTIMPL; }
-  STDMETHODIMP IsDirty() override { return S_FALSE; }
-  STDMETHODIMP Save(IStream*, BOOL) override { return E_NOTIMPL; }
-  STDMETHODIMP GetSizeMax(ULARGE_INTEGER*) override { return E_NOTIMPL; }
-  STDMETHODIMP Load(IStream* stream) override { return stream ? S_OK : E_POINTER; }
-  STDMETHODIMP_(SCODE) Init(ULONG, ULONG, const FULLPROPSPEC*, ULONG*) override { return S_OK; }
-  STDMETHODIMP_(SCODE) GetChunk(STAT_CHUNK*) override { return FILTER_E_END_OF_CHUNKS; }
-  STDMETHODIMP_(SCODE) GetText(ULONG*, WCHAR*) override { return FILTER_E_NO_TEXT; }
-  STDMETHODIMP_(SCODE) GetValue(PROPVARIANT**) override { return FILTER_E_NO_VALUES; }
-  STDMETHODIMP_(SCODE) BindRegion(FILTERREGION, REFIID, void**) override { return E_NOTIMPL; }
-
- private:
-  ULONG references_ = 1;
-};
-
 class Site final : public IProtocolHandlerSite {
  public:
   STDMETHODIMP QueryInterface(REFIID, void**) override { return E_NOINTERFACE; }
@@ -64,7 +34,7 @@ class Site final : public IProtocolHandlerSite {
   STDMETHODIMP_(ULONG) Release() override { return 1; }
   STDMETHODIMP GetFilter(CLSID*, LPCWSTR, LPCWSTR extension, IFilter** filter) override {
     const Inside outside(false);
-    *filter = !wcscmp(extension, L"txt") ? new NoChunks : nullptr;
+    *filter = !wcscmp(extension, L"txt") ? new FilterDouble : nullptr;
     return *filter ? S_OK : E_FAIL;
   }
 };

@@ -7,7 +7,6 @@
 
 #include "module/core/SCLog.h"
 #include "module/core/Text.h"
-#include "module/mapi/MapiForWDS.h"
 #include "tests/module/fault_expectations.h"
 
 // The one class that may look inside.
@@ -31,24 +30,10 @@ namespace {
 
 namespace fs = std::filesystem;
 
-class Session : public testing::Test {
+class Session : public SceneTest {
  protected:
-  void SetUp() override {
-    ProviderFaults::Clear();
-    scene_.NewLogLines();
-    before_ = ProviderFaults::Count();
-  }
-  void TearDown() override {
-    ProviderFaults::Clear();
-    CMapiForWDS::CleanMapiObjs();
-    EXPECT_EQ(ProviderFaults::Count(), before_);
-  }
-  static size_t SubFolders(CMapiForWDS* mapi, const std::wstring& url) {
-    std::wstring path;
-    std::vector<std::wstring> names;
-    std::vector<FILETIME> times;
-    return mapi && mapi->BrowseFolder(url, path, names, times) == S_OK ? names.size() : 0;
-  }
+  Session() { url_ = Scene::UrlOf(scene_.store()); }
+  static size_t SubFolders(CMapiForWDS* mapi, const std::wstring& url) { return Browse(mapi, url).names.size(); }
   // The store under another name, gone at the end.
   class Copy {
    public:
@@ -72,10 +57,6 @@ class Session : public testing::Test {
     const std::wstring path = std::wstring(L"Software\\Trelmo\\Hoardex\\Profiles\\") + name;
     return RegDeleteKeyW(HKEY_CURRENT_USER, path.c_str()) == ERROR_SUCCESS;
   }
-
-  Scene& scene_ = Scene::Get();
-  const std::wstring url_ = Scene::UrlOf(Scene::Get().store());
-  ProviderFaults::Alive before_;
 };
 
 TEST_F(Session, IsSharedByAllSpellingsOfThePath) {
@@ -129,14 +110,6 @@ TEST_F(Session, DeletesOnlyProfilesThatItsLikesMade) {
   EXPECT_EQ(SubFolders(CMapiForWDS::GetMapiObj(url_), url_), 2u);
   for (const auto& [name, kept] : kProfiles) EXPECT_EQ(TakeProfile(name), kept) << text::Narrow(name);
   EXPECT_TRUE(HasLine(scene_.NewLogLines(), "CMapiForWDS::DeleteOldProfiles - PROFILE Deleted 'ZK_HX_10_1_2_3_4'", 0));
-}
-
-TEST_F(Session, FallsBackToTheOldKindOfService) {
-  ProviderFaults::Fail("IMsgServiceAdmin::CreateMsgService", 1, E_FAIL);
-  EXPECT_EQ(SubFolders(CMapiForWDS::GetMapiObj(url_), url_), 2u);
-  const auto lines = scene_.NewLogLines();
-  EXPECT_TRUE(HasLine(lines, "CMapiForWDS::ConfigurePST() - PR_PST_FILENAME", 0));
-  EXPECT_FALSE(HasLine(lines, "CMapiForWDS::ConfigurePST() - PR_PST_FILENAME_W", 0));
 }
 
 TEST_F(Session, TakesPathsOutsideTheCodePage) {

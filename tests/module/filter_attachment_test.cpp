@@ -262,6 +262,7 @@ TEST_F(Attachments, TakeTheirAuthorFromTheShell) {
     VARIANT author;
     const wchar_t* expected;
     std::string line;
+    // clang-format off
   } kCases[] = {
       {FakeShell::kNone, S_OK, text_of(L"Ann"), L"Ann", ""},
       {FakeShell::kNone, S_OK, array_of({L"Ann", L"Bob", L"Cy"}), L"Ann; Bob; Cy", ""},
@@ -269,37 +270,20 @@ TEST_F(Attachments, TakeTheirAuthorFromTheShell) {
       {FakeShell::kNone, S_OK, {}, L"", ""},
       {FakeShell::kNone, S_OK, number, L"",
        "CHoardexFilter::GetAttachmentAuthor - Unhandled case for vtAuthor.vt = 0x3 ,FileName - "},
-      {FakeShell::kCreate,
-       E_ACCESSDENIED,
-       {},
-       L"",
+      {FakeShell::kCreate, E_ACCESSDENIED, {}, L"",
        prefix + "CoCreateInstance for CLSID_Shell failed with error code [0x80070005]"},
-      {FakeShell::kNameSpace,
-       E_FAIL,
-       {},
-       L"",
+      {FakeShell::kNameSpace, E_FAIL, {}, L"",
        prefix + "IShellDispatch::NameSpace() failed with error code [0x80004005], FileName - "},
-      {FakeShell::kNameSpace,
-       S_FALSE,
-       {},
-       L"",
+      {FakeShell::kNameSpace, S_FALSE, {}, L"",
        prefix + "IShellDispatch::NameSpace() failed with error code [0x00000001], FileName - "},
-      {FakeShell::kParseName,
-       E_INVALIDARG,
-       {},
-       L"",
+      {FakeShell::kParseName, E_INVALIDARG, {}, L"",
        prefix + "Folder::ParseName() failed with error code [0x80070057], FileName - "},
-      {FakeShell::kFolderItem2,
-       E_NOINTERFACE,
-       {},
-       L"",
+      {FakeShell::kFolderItem2, E_NOINTERFACE, {}, L"",
        prefix + "FolderItem::QueryInterface() for FolderItem2 failed with error code [0x80004002], FileName - "},
-      {FakeShell::kProperty,
-       E_FAIL,
-       {},
-       L"",
+      {FakeShell::kProperty, E_FAIL, {}, L"",
        prefix + "FolderItem2::ExtendedProperty() failed with error code [0x80004005], FileName - "},
   };
+  // clang-format on
   for (const auto& expected : kCases) {
     SCOPED_TRACE(expected.line);
     shell.fails = expected.fails;

@@ -24,6 +24,7 @@ void Filter::SetUp() {
                                     reinterpret_cast<void**>(protocol_.ReleaseAndGetAddressOf())),
             S_OK);
   Start();
+  left_alive_ = ModuleHost::LiveObjects();  // of set-ups that failed in other tests
 }
 
 void Filter::TearDown() {

@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "tests/support/filter_double.h"
 #include "tests/support/item_chunks.h"
 #include "tests/support/module_host.h"
 #include "vault/writer.h"
@@ -30,26 +31,9 @@ struct InnerBehaviour {
 };
 
 // The filter of a file type: one text chunk with the file's bytes.
-class FileFilter final : public IFilter, public IPersistStream {
+class FileFilter final : public FilterDouble {
  public:
   explicit FileFilter(InnerBehaviour& behaviour) : behaviour_(behaviour) {}
-  STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
-    *object = nullptr;
-    if (iid == IID_IFilter || iid == IID_IUnknown) *object = static_cast<IFilter*>(this);
-    if (iid == IID_IPersistStream && behaviour_.persists) *object = static_cast<IPersistStream*>(this);
-    if (*object) AddRef();
-    return *object ? S_OK : E_NOINTERFACE;
-  }
-  STDMETHODIMP_(ULONG) AddRef() override { return ++references_; }
-  STDMETHODIMP_(ULONG) Release() override {
-    const ULONG left = --references_;
-    if (!left) delete this;
-    return left;
-  }
-  STDMETHODIMP GetClassID(CLSID*) override { return E_NOTIMPL; }
-  STDMETHODIMP IsDirty() override { return S_FALSE; }
-  STDMETHODIMP Save(IStream*, BOOL) override { return E_NOTIMPL; }
-  STDMETHODIMP GetSizeMax(ULARGE_INTEGER*) override { return E_NOTIMPL; }
   STDMETHODIMP Load(IStream* stream) override {
     behaviour_.had_stream = stream != nullptr;
     char bytes[4096];
@@ -80,11 +64,11 @@ class FileFilter final : public IFilter, public IPersistStream {
     return FILTER_S_LAST_TEXT;
   }
   STDMETHODIMP_(SCODE) GetValue(PROPVARIANT**) override { return behaviour_.value; }
-  STDMETHODIMP_(SCODE) BindRegion(FILTERREGION, REFIID, void**) override { return E_NOTIMPL; }
 
  private:
+  bool persists() const override { return behaviour_.persists; }
+
   InnerBehaviour& behaviour_;
-  std::atomic<ULONG> references_ = 1;
   std::wstring text_;
   int given_ = 0;
 };

@@ -133,65 +133,6 @@ TEST_F(Filter, GivesEveryItemTypeItsOwnSteps) {
   for (ULONG pid : {2u, 3u}) EXPECT_EQ(Text(bare, kSummary, pid), L"[No subject]");
 }
 
-TEST_F(Filter, WalksContainersWithOrWithoutTheClosingSlash) {
-  vault::StoreBuilder store("items");
-  auto& inbox = store.top().AddFolder("Inbox");
-  AddMail(inbox);
-  inbox.AddFolder("Deeper").AddFolder("Deepest");
-  const std::wstring vault = Write(store);
-  const auto root = Read(kRoot);
-  ASSERT_EQ(root.size(), 3u);
-  EXPECT_EQ(root[0].text, L"Tessary");
-  EXPECT_EQ(root[1].text, L"/");
-  EXPECT_EQ(root[2].text, vault + L"/");
-  const std::wstring trimmed_root(kRoot, wcslen(kRoot) - 1);
-  EXPECT_EQ(Links(Read(trimmed_root)), Links(root));
-
-  const auto top = Read(vault), top_slash = Read(vault + L"/");
-  EXPECT_EQ(Links(top), Links(top_slash));
-  EXPECT_EQ(top[0].text, L"items");
-  EXPECT_EQ(top[1].text, L"/Tessary");
-  std::wstring folder;
-  for (const std::wstring& link : Links(top))
-    if (Read(link)[0].text == L"Inbox") folder = link;
-  ASSERT_FALSE(folder.empty());
-  const auto inbox_chunks = Read(folder);
-  EXPECT_EQ(inbox_chunks[1].text, L"/Tessary/items");
-  const auto children = Links(inbox_chunks);
-  ASSERT_EQ(children.size(), 2u);
-  EXPECT_NE(children[0].find(L"]].zkm"), std::wstring::npos) << "messages come first";
-  EXPECT_EQ(children[1].back(), L'/');
-  EXPECT_EQ(Links(Read(folder.substr(0, folder.size() - 1))), children);
-  const auto deeper = Read(children[1]);
-  EXPECT_EQ(deeper[0].text, L"Deeper");
-  EXPECT_EQ(deeper[1].text, L"/Tessary/items/Inbox");
-}
-
-TEST_F(Filter, StreamsBodiesOfAnySize) {
-  vault::StoreBuilder store("items");
-  auto& folder = store.top().AddFolder("Inbox");
-  std::string large;
-  for (int i = 0; large.size() < 300'000; ++i) large += "word" + std::to_string(i) + " ";
-  const std::string bodies[] = {"short", std::string(1000, 'x'), std::string(2500, 'y'), large};
-  for (const std::string& body : bodies) AddMail(folder).Body(body);
-  folder.AddMessage("IPM.Note").Subject("none");
-  const auto urls = MessagesOf(Write(store));
-  ASSERT_EQ(urls.size(), 5u);
-  for (size_t i = 0; i < std::size(bodies); ++i) {
-    const std::wstring body(bodies[i].begin(), bodies[i].end());
-    for (ULONG room : {1000u, 2000u, 7u}) {
-      if (room == 7 && i == 3) continue;
-      const auto chunks = Read(urls[i], room);
-      EXPECT_EQ(Text(chunks, kStorage, 19) == body, true) << i << " by " << room;
-      const size_t first = std::min<size_t>(room, body.size());
-      EXPECT_EQ(Text(chunks, 0x560C36C0, 2), body.substr(0, first < 1020 ? first : 1019) + L"...");
-    }
-  }
-  const auto none = Read(urls[4]);
-  EXPECT_EQ(Find(none, kStorage, 19), nullptr);
-  EXPECT_EQ(Text(none, 0x560C36C0, 2), L"...");
-}
-
 TEST_F(Filter, HandsAnAttachmentToTheFilterOfItsTypeAndCleansUp) {
   vault::StoreBuilder store("items");
   auto& mail = AddMail(store.top().AddFolder("Inbox"));
@@ -219,53 +160,8 @@ TEST_F(Filter, HandsAnAttachmentToTheFilterOfItsTypeAndCleansUp) {
     item.Close();
     EXPECT_EQ(std::distance(fs::directory_iterator(TemporaryFolder()), {}), 0);
   }
-  const size_t name = links[1].rfind(L'/'), record = links[1].rfind(L'/', name - 1);
-  Item wrong(protocol_.Get(), links[1].substr(0, record + 1) + L"FFFFFFFF" + links[1].substr(name));
-  EXPECT_EQ(wrong.result, E_FAIL);
   EXPECT_EQ(protocol_->ShutDown(), S_OK);
   EXPECT_FALSE(fs::exists(TemporaryFolder()));
-}
-
-TEST_F(Filter, AnswersAsAnAccessorMust) {
-  vault::StoreBuilder store("items");
-  AddMail(store.top().AddFolder("Inbox"));
-  const std::wstring vault = Write(store);
-  const std::wstring message = MessagesOf(vault).at(0);
-  AUTHENTICATION_INFO authentication = {};
-  INCREMENTAL_ACCESS_INFO incremental = {};
-  ComPtr<IUrlAccessor> accessor;
-  EXPECT_EQ(protocol_->CreateAccessor(vault.c_str(), &authentication, &incremental, nullptr, &accessor), E_POINTER);
-
-  Item mail(protocol_.Get(), message);
-  const size_t open = message.find(L"[[");
-  const ULONGLONG listed = std::stoull(message.substr(open + 2));
-  ULONGLONG size = 1;
-  EXPECT_EQ(mail.accessor->GetSize(&size), S_OK);
-  EXPECT_EQ(size, listed);
-  EXPECT_EQ(mail.accessor->GetSize(&size), S_OK);
-  EXPECT_EQ(size, 0u) << "the URL keeps no size";
-  EXPECT_EQ(mail.accessor->GetSize(nullptr), E_POINTER);
-  EXPECT_EQ(mail.accessor->IsDirectory(), S_FALSE);
-  FILETIME time;
-  EXPECT_EQ(mail.accessor->GetLastModified(&time), S_OK);
-  EXPECT_EQ(TicksOf(time), vault::FileTime(2024, 5, 2, 9, 30));
-  EXPECT_EQ(mail.accessor->BindToStream(nullptr), E_NOTIMPL);
-
-  Item folder(protocol_.Get(), vault);
-  EXPECT_EQ(folder.accessor->IsDirectory(), S_OK);
-  EXPECT_EQ(folder.accessor->GetLastModified(&time), E_NOTIMPL);
-  EXPECT_EQ(TicksOf(time), 0);
-
-  // Case, forward slashes and the closing slash of a vault's path do not matter.
-  std::wstring forward = vault;
-  for (size_t i = wcslen(kRoot); i < forward.size(); ++i)
-    if (forward[i] == L'\\') forward[i] = L'/';
-  EXPECT_EQ(Links(Read(forward)).size(), Links(Read(vault)).size());
-  Item absent(protocol_.Get(), std::wstring(kRoot) + L"Z:\\no\\such.db");
-  EXPECT_EQ(absent.result, E_OUTOFMEMORY);
-  left_alive_ = 2;  // a set-up that failed keeps its session and service administration, as laid down
-  Item foreign(protocol_.Get(), L"http://example.com/");
-  EXPECT_EQ(foreign.result, E_OUTOFMEMORY);
 }
 
 }  // namespace

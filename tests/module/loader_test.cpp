@@ -35,42 +35,17 @@ std::vector<Question> g_questions;
 std::function<BOOL(const std::string& qualifier, char* path)> g_answer;
 
 // What every provider must export, in the order in which it is asked for.
-const char* const kNames[] = {"MAPIAllocateBuffer",
-                              "MAPIAllocateMore",
-                              "MAPIFreeBuffer",
-                              "HrGetOneProp",
-                              "FreeProws",
-                              "PpropFindProp",
-                              "ScDupPropset",
-                              "ScCountProps",
-                              "ScCopyProps",
-                              "OpenIMsgOnIStg",
-                              "MAPIGetDefaultMalloc",
-                              "CloseIMsgSession",
-                              "OpenIMsgSession",
-                              "HrQueryAllRows",
-                              "HrSetOneProp",
-                              "FreePadrlist",
-                              "LPropCompareProp",
-                              "WrapStoreEntryID",
-                              "CreateIProp",
-                              "CreateTable",
-                              "HrValidateParameters",
-                              "BuildDisplayTable",
-                              "HrValidateIPMSubtree",
-                              "HrDispatchNotifications",
-                              "UlRelease",
-                              "HexFromBin",
-                              "MAPIInitialize",
-                              "MAPIUninitialize",
-                              "OpenTnefStreamEx",
-                              "OpenStreamOnFile",
-                              "MAPIOpenFormMgr",
-                              "RTFSync",
-                              "WrapCompressedRTFStream",
-                              "MAPILogonEx",
-                              "MAPIAdminProfiles",
-                              "MAPIOpenLocalFormContainer"};
+// clang-format off
+const char* const kNames[] = {
+    "MAPIAllocateBuffer", "MAPIAllocateMore", "MAPIFreeBuffer", "HrGetOneProp", "FreeProws", "PpropFindProp",
+     "ScDupPropset", "ScCountProps", "ScCopyProps", "OpenIMsgOnIStg", "MAPIGetDefaultMalloc", "CloseIMsgSession",
+     "OpenIMsgSession", "HrQueryAllRows", "HrSetOneProp", "FreePadrlist", "LPropCompareProp", "WrapStoreEntryID",
+     "CreateIProp", "CreateTable", "HrValidateParameters", "BuildDisplayTable", "HrValidateIPMSubtree",
+     "HrDispatchNotifications", "UlRelease", "HexFromBin", "MAPIInitialize", "MAPIUninitialize", "OpenTnefStreamEx",
+     "OpenStreamOnFile", "MAPIOpenFormMgr", "RTFSync", "WrapCompressedRTFStream", "MAPILogonEx", "MAPIAdminProfiles",
+     "MAPIOpenLocalFormContainer"
+};
+// clang-format on
 
 std::string ReadAll(const fs::path& path) {
   std::ifstream file(path, std::ios::binary);

@@ -4,7 +4,6 @@
 
 #include "module/core/AppDataFolder.h"
 #include "module/core/Text.h"
-#include "module/mapi/MapiForWDS.h"
 #include "module/protocol/TemporaryFile.h"
 
 namespace {
@@ -57,30 +56,6 @@ TEST(UniqueName, HasTheFormThatOldProfilesAreKnownBy) {
   FILETIME now;
   GetSystemTimeAsFileTime(&now);
   EXPECT_EQ(b, now.dwHighDateTime);
-}
-
-TEST(EntryIdText, ConvertsUpToTheFirstBadPair) {
-  struct Case {
-    const char* text;
-    BOOL result;
-    std::vector<BYTE> bytes;
-  };
-  const Case cases[] = {
-      {"00ffAb", TRUE, {0x00, 0xFF, 0xAB}},
-      {"", TRUE, {}},
-      {"0", FALSE, {}},
-      {"12G4", FALSE, {0x12}},
-      {"123", FALSE, {0x12}},
-      {"AB[[20]]", FALSE, {0xAB}},
-      {"1:", FALSE, {}},
-      {"\xff\xff", FALSE, {}},
-      {"`0", FALSE, {}},
-  };
-  for (const Case& c : cases) {
-    BYTE bytes[8] = {};
-    EXPECT_EQ(CMapiForWDS::FBinFromHexEx(c.text, bytes), c.result) << c.text;
-    EXPECT_TRUE(std::equal(c.bytes.begin(), c.bytes.end(), bytes)) << c.text;
-  }
 }
 
 }  // namespace

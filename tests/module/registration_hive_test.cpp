@@ -15,23 +15,17 @@ constexpr wchar_t kCurrent[] = L"Software\\Microsoft\\Windows\\CurrentVersion";
 // Other products' values and keys at every place that the module shares with them, and some in its own.
 void FillWithOthers() {
   const std::wstring search = kSearch, current = kCurrent;
-  const std::wstring shared[] = {L"Software",
-                                 L"Software\\Microsoft",
-                                 search,
-                                 search + L"\\Gather",
-                                 search + L"\\Gather\\Windows",
-                                 search + L"\\Gather\\Windows\\SystemIndex",
-                                 search + L"\\Gather\\Windows\\SystemIndex\\Protocols",
-                                 search + L"\\ProtocolHandlers",
-                                 current,
-                                 current + L"\\Explorer",
-                                 current + L"\\Explorer\\Desktop",
-                                 current + L"\\Explorer\\Desktop\\NameSpace",
-                                 current + L"\\Explorer\\HideDesktopIcons",
-                                 current + L"\\Explorer\\HideDesktopIcons\\NewStartPanel",
-                                 current + L"\\Explorer\\HideDesktopIcons\\ClassicStartMenu",
-                                 current + L"\\Shell Extensions",
-                                 current + L"\\Shell Extensions\\Approved"};
+  // clang-format off
+  const std::wstring shared[] = {
+      L"Software", L"Software\\Microsoft", search, search + L"\\Gather", search + L"\\Gather\\Windows",
+       search + L"\\Gather\\Windows\\SystemIndex", search + L"\\Gather\\Windows\\SystemIndex\\Protocols",
+       search + L"\\ProtocolHandlers", current, current + L"\\Explorer", current + L"\\Explorer\\Desktop",
+       current + L"\\Explorer\\Desktop\\NameSpace", current + L"\\Explorer\\HideDesktopIcons",
+       current + L"\\Explorer\\HideDesktopIcons\\NewStartPanel",
+       current + L"\\Explorer\\HideDesktopIcons\\ClassicStartMenu", current + L"\\Shell Extensions",
+       current + L"\\Shell Extensions\\Approved"
+  };
+  // clang-format on
   for (const std::wstring& key : shared) {
     ScratchRegistry::SetString(HKEY_LOCAL_MACHINE, key.c_str(), L"other", L"theirs");
     ScratchRegistry::SetString(HKEY_LOCAL_MACHINE, key.c_str(), nullptr, L"their text");

@@ -11,6 +11,7 @@
 #include "module/protocol/HoardexSP.h"
 #include "platform/converter.h"
 #include "tests/module/shell_fixture.h"
+#include "tests/support/class_double.h"
 #include "tests/support/import_hook.h"
 
 namespace shell {
@@ -73,58 +74,27 @@ TEST_F(Faults, OfMapiAreSaidAndPassedOn) {
     std::function<HRESULT()> operation;
     HRESULT result;
     std::vector<std::string> lines;
+    // clang-format off
   } kCases[] = {
-      {"IMsgStore::OpenEntry",
-       1,
-       false,
-       bind,
-       kFault,
+      {"IMsgStore::OpenEntry", 1, false, bind, kFault,
        {"CMapiForWDS::GetMimeStreamFromMessageURL() : hr = 0x80030070, Failed to create IMessage object for url - "}},
-      {"IMAPISession::OpenAddressBook",
-       1,
-       false,
-       bind,
-       kFault,
+      {"IMAPISession::OpenAddressBook", 1, false, bind, kFault,
        {mime + "IMAPISession::OpenAddressBook failed, hr = " + kCode}},
-      {"IMessage::GetAttachmentTable",
-       1,
-       false,
-       bind_report,
-       kFault,
+      {"IMessage::GetAttachmentTable", 1, false, bind_report, kFault,
        {"CHoardexSP::BindToObject() - GetStreamFromAttachmentURL() failed with " + kCode}},
       {"IMsgStore::OpenEntry", 1, false, open, kFault, {invoke + "GetMsgFromURL failed with " + kCode}},
-      {"OpenIMsgSession",
-       1,
-       false,
-       open,
-       kFault,
-       {msg + "OpenIMsgSession failed with " + kCode, invoke + "SaveToMSG failed with " + kCode}},
-      {"OpenIMsgOnIStg",
-       1,
-       false,
-       open,
-       S_OK,
-       {msg + "Unicode OpenIMsgOnIStg returned with " + kCode, ansi + "[0x00000000]"}},
-      {"OpenIMsgOnIStg",
-       1,
-       true,
-       open,
-       kFault,
-       {msg + "Unicode OpenIMsgOnIStg returned with " + kCode, ansi + kCode,
-        invoke + "SaveToMSG failed with " + kCode}},
-      {"IMAPIProp::CopyTo",
-       1,
-       false,
-       open,
-       kFault,
-       {msg + "CopyTo failed with " + kCode, invoke + "SaveToMSG failed with " + kCode}},
-      {"IMAPIProp::SaveChanges",
-       saves,
-       false,
-       open,
-       kFault,
-       {msg + "SaveChanges failed with " + kCode, invoke + "SaveToMSG failed with " + kCode}},
+      {"OpenIMsgSession", 1, false, open, kFault, {msg + "OpenIMsgSession failed with " + kCode,
+       invoke + "SaveToMSG failed with " + kCode}},
+      {"OpenIMsgOnIStg", 1, false, open, S_OK, {msg + "Unicode OpenIMsgOnIStg returned with " + kCode,
+       ansi + "[0x00000000]"}},
+      {"OpenIMsgOnIStg", 1, true, open, kFault, {msg + "Unicode OpenIMsgOnIStg returned with " + kCode, ansi + kCode,
+       invoke + "SaveToMSG failed with " + kCode}},
+      {"IMAPIProp::CopyTo", 1, false, open, kFault, {msg + "CopyTo failed with " + kCode,
+       invoke + "SaveToMSG failed with " + kCode}},
+      {"IMAPIProp::SaveChanges", saves, false, open, kFault, {msg + "SaveChanges failed with " + kCode,
+       invoke + "SaveToMSG failed with " + kCode}},
   };
+  // clang-format on
   const ProviderFaults::Alive alive = ProviderFaults::Count();
   for (const auto& fault : kCases) {
     log_->New();
@@ -132,7 +102,7 @@ TEST_F(Faults, OfMapiAreSaidAndPassedOn) {
     const HRESULT hr = fault.operation();
     ProviderFaults::Clear();
     EXPECT_EQ(hr, fault.result) << fault.call;
-    EXPECT_TRUE(InOrder(log_->New(), fault.lines)) << fault.call;
+    EXPECT_TRUE(Said(fault.lines)) << fault.call;
     ExpectLevel(alive, fault.call);
   }
   EXPECT_EQ(executed_.count, 1) << "nothing is opened but what was saved";
@@ -175,7 +145,7 @@ TEST_F(Faults, OfTheSystemAreSaidAndPassedOn) {
   const ProviderFaults::Alive alive = ProviderFaults::Count();
   const auto expect = [&](HRESULT hr, HRESULT expected, const std::vector<std::string>& lines) {
     EXPECT_EQ(hr, expected) << lines[0];
-    EXPECT_TRUE(InOrder(log_->New(), lines));
+    EXPECT_TRUE(Said(lines));
     ExpectLevel(alive, lines[0]);
   };
   const std::string saved = "CHoardexSP::InvokeCommand() - SaveToMSG failed with " + kCode;
@@ -213,8 +183,8 @@ TEST_F(Faults, OfTheSystemAreSaidAndPassedOn) {
     ComPtr<ISearchProtocol> protocol;
     ASSERT_EQ(folder_.As(&protocol), S_OK);
     protocol->ShutDown();
-    EXPECT_TRUE(InOrder(log_->New(), {"CHoardexSP::DeleteAppDataFolder() - Trying to delete folder []",
-                                      "CHoardexSP::DeleteAppDataFolder() - Could not delete folder []"}));
+    EXPECT_TRUE(Said({"CHoardexSP::DeleteAppDataFolder() - Trying to delete folder []",
+                      "CHoardexSP::DeleteAppDataFolder() - Could not delete folder []"}));
   }
   EXPECT_EQ(executed_.count, 0);
 }
@@ -238,19 +208,20 @@ TEST_F(Faults, OfThePropertyStoreMakeNoIds) {
   EXPECT_EQ(item.list, nullptr);
   EXPECT_EQ(attributes, 0u);
   const std::string what = " failed with " + kCode;
-  EXPECT_TRUE(InOrder(log_->New(), {"CHoardexSP::ParseDisplayName() - PSCreateMemoryPropertyStore for a getting an "
-                                    "IPropertyStore interface failed with error " +
-                                    kCode}));
+  EXPECT_TRUE(
+      Said({"CHoardexSP::ParseDisplayName() - PSCreateMemoryPropertyStore for a getting an "
+            "IPropertyStore interface failed with error " +
+            kCode}));
   STRRET text;
   EXPECT_EQ(folder_->GetDisplayNameOf(good.child(), 0, &text), kFault);
-  EXPECT_TRUE(InOrder(log_->New(), {"CHoardexSP::GetDisplayNameOf() - GetPropertyFromIDList" + what}));
+  EXPECT_TRUE(Said({"CHoardexSP::GetDisplayNameOf() - GetPropertyFromIDList" + what}));
   PCUITEMID_CHILD child = good.child();
   ComPtr<IUnknown> object;
   void** out = reinterpret_cast<void**>(object.GetAddressOf());
   EXPECT_EQ(folder_->GetUIObjectOf(nullptr, 1, &child, IID_IContextMenu, nullptr, out), kFault);
-  EXPECT_TRUE(InOrder(log_->New(), {"CHoardexSP::GetUIObjectOf() - GetPropertyFromIDList" + what}));
+  EXPECT_TRUE(Said({"CHoardexSP::GetUIObjectOf() - GetPropertyFromIDList" + what}));
   EXPECT_EQ(folder_->BindToObject(good.list, nullptr, IID_IStream, out), kFault);
-  EXPECT_TRUE(InOrder(log_->New(), {"CHoardexSP::BindToObject() - GetURLFromItemIDList failed with error " + kCode}));
+  EXPECT_TRUE(Said({"CHoardexSP::BindToObject() - GetURLFromItemIDList failed with error " + kCode}));
 }
 
 TEST_F(Faults, OfIconsAreFalse) {
@@ -268,7 +239,7 @@ TEST_F(Faults, OfIconsAreFalse) {
     HICON icons_of[2] = {};
     log_->New();
     EXPECT_EQ(icons->Extract(L"", 0, &icons_of[0], &icons_of[1], 0), S_FALSE);
-    EXPECT_TRUE(InOrder(log_->New(), {std::string("CHoardexSP::Extract() - Could not ") + kind + " icon"}));
+    EXPECT_TRUE(Said({std::string("CHoardexSP::Extract() - Could not ") + kind + " icon"}));
     EXPECT_EQ(icons_of[0] == nullptr, id == 203);
     EXPECT_EQ(icons_of[1] == nullptr, id == 205);
     for (const HICON icon : icons_of)
@@ -317,7 +288,8 @@ class Converter final : public IConverterSession {
 TEST_F(Faults, OfTheConverterAreSaidAndPassedOn) {
   Converter converter;
   CoRevokeClassObject(std::exchange(converter_, 0));
-  const ClassDouble registered(CLSID_IConverterSession, &converter);
+  const ClassDouble registered(CLSID_IConverterSession,
+                               [&](REFIID iid, void** object) { return converter.QueryInterface(iid, object); });
   const ProviderFaults::Alive alive = ProviderFaults::Count();
   std::string bytes;
   ASSERT_EQ(Bind(message_, IID_IStream, &bytes), S_OK);
@@ -331,8 +303,8 @@ TEST_F(Faults, OfTheConverterAreSaidAndPassedOn) {
     log_->New();
     EXPECT_EQ(Bind(message_, IID_IStream), kFault);
     EXPECT_EQ(converter.steps, std::vector<std::string>(all.begin(), all.begin() + static_cast<ptrdiff_t>(i) + 1));
-    EXPECT_TRUE(InOrder(log_->New(), {"CMapiForWDS::GetMimeStreamFromMessageURL() - IConverterSession::" + all[i] +
-                                      " failed, hr = " + kCode}));
+    EXPECT_TRUE(
+        Said({"CMapiForWDS::GetMimeStreamFromMessageURL() - IConverterSession::" + all[i] + " failed, hr = " + kCode}));
     EXPECT_EQ(converter.references, 0u);
     ExpectLevel(alive, all[i]);
   }
@@ -344,7 +316,7 @@ TEST_F(Faults, OfSavingLeaveTheCodeAndNoCopy) {
   EXPECT_EQ(TextIn(path, L"__substg1.0_0037001F"), L"Quarterly report");
   EXPECT_EQ(Save(attachments_[kReport]), S_OK) << "over what is there";
   EXPECT_EQ(Save(inbox_), E_INVALIDARG);
-  EXPECT_TRUE(InOrder(log_->New(), {"CHoardexSP::SaveItem() - failed with [0x80070057]"}));
+  EXPECT_TRUE(Said({"CHoardexSP::SaveItem() - failed with [0x80070057]"}));
   DeleteFileW(path.c_str());
   CreateDirectoryW(path.c_str(), nullptr);
   EXPECT_TRUE(FAILED(Save(attachments_[kReport])));

@@ -19,6 +19,10 @@
 
 namespace shell {
 
+inline std::string Narrow(const std::wstring& text) {
+  return std::string(text.begin(), text.end());
+}
+
 // An item ID and its memory.
 struct ItemId {
   ItemId() = default;
@@ -81,6 +85,8 @@ class Shell : public testing::Test {
   std::wstring TemporaryFolder() const { return roaming_ + L"\\zkoffline3x"; }
   // Whether the lines contain these in this order; each as it begins.
   static testing::AssertionResult InOrder(const std::vector<std::string>& lines, const std::vector<std::string>& parts);
+  // The same of what the log got since the last time.
+  testing::AssertionResult Said(const std::vector<std::string>& parts) { return InOrder(log_->New(), parts); }
   // A stream of a compound file, as text.
   static std::wstring TextIn(const std::wstring& file, const wchar_t* stream);
 
@@ -92,29 +98,6 @@ class Shell : public testing::Test {
   Microsoft::WRL::ComPtr<IShellFolder> folder_;
   ProviderFaults::Alive before_;
   DWORD converter_ = 0;
-};
-
-// Registers an object factory for a class while it lives.
-class ClassDouble final : public IClassFactory {
- public:
-  ClassDouble(REFCLSID clsid, IUnknown* object) : object_(object) {
-    CoRegisterClassObject(clsid, this, CLSCTX_INPROC_SERVER, REGCLS_MULTIPLEUSE, &cookie_);
-  }
-  ~ClassDouble() { CoRevokeClassObject(cookie_); }
-  STDMETHODIMP QueryInterface(REFIID iid, void** object) override {
-    *object = iid == IID_IUnknown || iid == IID_IClassFactory ? this : nullptr;
-    return *object ? S_OK : E_NOINTERFACE;
-  }
-  STDMETHODIMP_(ULONG) AddRef() override { return 2; }
-  STDMETHODIMP_(ULONG) Release() override { return 1; }
-  STDMETHODIMP CreateInstance(IUnknown*, REFIID iid, void** object) override {
-    return object_->QueryInterface(iid, object);
-  }
-  STDMETHODIMP LockServer(BOOL) override { return S_OK; }
-
- private:
-  IUnknown* object_;
-  DWORD cookie_ = 0;
 };
 
 }  // namespace shell

@@ -13,10 +13,6 @@ namespace {
 
 using Microsoft::WRL::ComPtr;
 
-std::string Narrow(const std::wstring& text) {
-  return std::string(text.begin(), text.end());
-}
-
 class Folder : public Shell {
  protected:
   std::wstring NameOf(const std::wstring& url, SHGDNF flags) {
@@ -72,8 +68,7 @@ TEST_F(Folder, NamesItemsByTheirUrls) {
   STRRET name;
   EXPECT_EQ(folder_->GetDisplayNameOf(item.child(), 0, nullptr), E_POINTER);
   EXPECT_EQ(folder_->GetDisplayNameOf(nullptr, 0, &name), E_INVALIDARG);
-  EXPECT_TRUE(
-      InOrder(log_->New(), {"CHoardexSP::GetDisplayNameOf() - GetPropertyFromIDList failed with [0x80070057]"}));
+  EXPECT_TRUE(Said({"CHoardexSP::GetDisplayNameOf() - GetPropertyFromIDList failed with [0x80070057]"}));
 }
 
 TEST_F(Folder, ParsesAnyName) {
@@ -89,15 +84,17 @@ TEST_F(Folder, ParsesAnyName) {
   // A name that makes no value still makes an ID, of an empty store.
   ItemId empty;
   EXPECT_EQ(folder_->ParseDisplayName(nullptr, nullptr, nullptr, nullptr, &empty.list, nullptr), S_OK);
-  EXPECT_TRUE(InOrder(log_->New(), {"CHoardexSP::ParseDisplayName() - InitPropVariantFromString for a creating a "
-                                    "PROPVARIANT failed with error [0x80070057]"}));
+  EXPECT_TRUE(
+      Said({"CHoardexSP::ParseDisplayName() - InitPropVariantFromString for a creating a "
+            "PROPVARIANT failed with error [0x80070057]"}));
   EXPECT_EQ(ReadParsingName(empty.list, read), E_INVALIDARG);
   std::wstring endless(40'000, L'x');
   ItemId none;
   EXPECT_EQ(folder_->ParseDisplayName(nullptr, nullptr, endless.data(), nullptr, &none.list, nullptr), E_OUTOFMEMORY);
   EXPECT_EQ(none.list, nullptr);
-  EXPECT_TRUE(InOrder(log_->New(), {"CHoardexSP::ParseDisplayName() - CreateItemID for a creating a PIDL failed with "
-                                    "error [0x8007000E]"}));
+  EXPECT_TRUE(
+      Said({"CHoardexSP::ParseDisplayName() - CreateItemID for a creating a PIDL failed with "
+            "error [0x8007000E]"}));
 }
 
 TEST_F(Folder, BindsItemsToFoldersAndStreams) {
@@ -109,8 +106,8 @@ TEST_F(Folder, BindsItemsToFoldersAndStreams) {
       S_OK);
   EXPECT_EQ(folder, folder_);
   EXPECT_TRUE(
-      InOrder(log_->New(), {"CHoardexSP::BindToObject() - QueryInterface for an IShellFolder interface returned "
-                            "with a value of[0x00000000]"}));
+      Said({"CHoardexSP::BindToObject() - QueryInterface for an IShellFolder interface returned "
+            "with a value of[0x00000000]"}));
   EXPECT_EQ(Bind(message_, IID_IStorage), E_NOINTERFACE);
 
   std::string bytes;
@@ -123,10 +120,11 @@ TEST_F(Folder, BindsItemsToFoldersAndStreams) {
   EXPECT_EQ(Bind(message_, IID_IStream, &bytes), S_OK);
   EXPECT_NE(bytes.find("\r\nSubject: Quarterly report\r\n"), std::string::npos) << bytes;
   EXPECT_NE(bytes.find("Y29udGVudCBvZiB0aGUgcmVwb3J0"), std::string::npos) << "the attachment, in base64";
-  EXPECT_TRUE(InOrder(log_->New(), {"CMapiForWDS::GetMimeStreamFromMessageURL() - Success in getting MIME IStream for "
-                                    "message url - " +
-                                        Narrow(message_.substr(0, message_.find(L"[["))) + ".zkm",
-                                    "CHoardexSP::BindToObject() - pStream::QueryInterface() for IID_IStream SUCCESS"}));
+  EXPECT_TRUE(
+      Said({"CMapiForWDS::GetMimeStreamFromMessageURL() - Success in getting MIME IStream for "
+            "message url - " +
+                Narrow(message_.substr(0, message_.find(L"[["))) + ".zkm",
+            "CHoardexSP::BindToObject() - pStream::QueryInterface() for IID_IStream SUCCESS"}));
   // The vault's path with the slashes that some callers turn round.
   std::wstring turned = attachments_[kReport];
   const size_t end = turned.find(L".db");
@@ -154,7 +152,7 @@ TEST_F(Folder, BindsNothingElse) {
   };
   for (const auto& bad : kCases) {
     EXPECT_EQ(Bind(bad.url, IID_IStream), bad.result) << Narrow(bad.url);
-    EXPECT_TRUE(InOrder(log_->New(), {bad.line}));
+    EXPECT_TRUE(Said({bad.line}));
   }
   // A good item of a vault that lies elsewhere is not looked at, whatever the ID says.
   const std::wstring item = message_.substr(vault_.size()), name = store_path_.substr(store_path_.rfind(L'\\'));
@@ -172,11 +170,10 @@ TEST_F(Folder, BindsNothingElse) {
   constexpr BYTE kForeign[] = {4, 0, 1, 2, 0, 0};
   EXPECT_EQ(folder_->BindToObject(reinterpret_cast<PCUIDLIST_RELATIVE>(kForeign), nullptr, IID_IStream, object),
             E_INVALIDARG);
-  EXPECT_TRUE(
-      InOrder(log_->New(), {"CHoardexSP::BindToObject() - GetURLFromItemIDList failed with error [0x80070057]"}));
+  EXPECT_TRUE(Said({"CHoardexSP::BindToObject() - GetURLFromItemIDList failed with error [0x80070057]"}));
   EXPECT_EQ(folder_->BindToObject(nullptr, nullptr, IID_IStream, object), E_NOINTERFACE);
-  EXPECT_TRUE(InOrder(log_->New(), {"CHoardexSP::BindToObject() - URL extracted from the property store is []",
-                                    "CUrlAccessor::BindToObject() - Failed to allocate MAPI helper object"}));
+  EXPECT_TRUE(Said({"CHoardexSP::BindToObject() - URL extracted from the property store is []",
+                    "CUrlAccessor::BindToObject() - Failed to allocate MAPI helper object"}));
 }
 
 TEST_F(Folder, GivesItemsTheirFileTypes) {
@@ -195,18 +192,17 @@ TEST_F(Folder, GivesItemsTheirFileTypes) {
   log_->New();
   EXPECT_EQ(icon(message_), L"mail.ico,1");
   const std::string url = Narrow(message_), prefix = "CHoardexSP::GetUIObjectOf() - ";
-  EXPECT_TRUE(
-      InOrder(log_->New(), {prefix + "URL extracted from the property store [" + url + "]",
-                            prefix + "URL saved in m_strMsgURL [" + url + "]",
-                            prefix + "IID_IQueryAssociations - URL extracted from the property store is [" + url,
-                            prefix + "Provide .EML as extension for TY mail",
-                            "CHoardexSP:: GetUIObjectOf() - IID_IQueryAssociations SUCCESS hr = [0x00000000]"}));
+  EXPECT_TRUE(Said({prefix + "URL extracted from the property store [" + url + "]",
+                    prefix + "URL saved in m_strMsgURL [" + url + "]",
+                    prefix + "IID_IQueryAssociations - URL extracted from the property store is [" + url,
+                    prefix + "Provide .EML as extension for TY mail",
+                    "CHoardexSP:: GetUIObjectOf() - IID_IQueryAssociations SUCCESS hr = [0x00000000]"}));
   EXPECT_EQ(icon(attachments_[kReport]), L"text.ico,2");
-  EXPECT_TRUE(InOrder(log_->New(), {prefix + "Attachment Extension - .txt"}));
+  EXPECT_TRUE(Said({prefix + "Attachment Extension - .txt"}));
   // What has no type: an extension that is none, and containers.
   EXPECT_EQ(icon(attachments_[kBlank]), L"<failed>");
-  EXPECT_TRUE(InOrder(log_->New(), {prefix + "Attachment Extension - ",
-                                    prefix + "IQueryAssociations::Init() failed with [0x80070057]"}));
+  EXPECT_TRUE(
+      Said({prefix + "Attachment Extension - ", prefix + "IQueryAssociations::Init() failed with [0x80070057]"}));
   for (const std::wstring& container : {inbox_, vault_, root_}) EXPECT_EQ(icon(container), L"<failed>");
 }
 
@@ -225,15 +221,14 @@ TEST_F(Folder, RefusesUIObjectsOfWhatIsNotOneItem) {
   EXPECT_EQ(folder_->GetUIObjectOf(nullptr, 1, nullptr, IID_IContextMenu, nullptr, object), E_INVALIDARG);
   for (PCUITEMID_CHILD bad : {none, unnamed}) {
     EXPECT_EQ(folder_->GetUIObjectOf(nullptr, 1, &bad, IID_IContextMenu, nullptr, object), E_INVALIDARG);
-    EXPECT_TRUE(InOrder(log_->New(), {"CHoardexSP::GetUIObjectOf() - GetPropertyFromIDList failed with [0x80070057]"}));
+    EXPECT_TRUE(Said({"CHoardexSP::GetUIObjectOf() - GetPropertyFromIDList failed with [0x80070057]"}));
   }
   EXPECT_EQ(folder_->GetUIObjectOf(nullptr, 1, &blank, IID_IContextMenu, nullptr, object), E_FAIL);
-  EXPECT_TRUE(
-      InOrder(log_->New(), {"CHoardexSP::GetUIObjectOf() - URL saved in m_strMsgURL []",
-                            "CHoardexSP::GetUIObjectOf() - Error : Url retrieved from ItemIDList has zero lenght. "
-                            "Returning E_FAIL"}));
+  EXPECT_TRUE(Said({"CHoardexSP::GetUIObjectOf() - URL saved in m_strMsgURL []",
+                    "CHoardexSP::GetUIObjectOf() - Error : Url retrieved from ItemIDList has zero lenght. "
+                    "Returning E_FAIL"}));
   EXPECT_EQ(folder_->GetUIObjectOf(nullptr, 1, two, IID_IDropTarget, nullptr, object), E_NOINTERFACE);
-  EXPECT_TRUE(InOrder(log_->New(), {"CHoardexSP::GetUIObjectOf() - QueryInterface failed with [0x80004002]"}));
+  EXPECT_TRUE(Said({"CHoardexSP::GetUIObjectOf() - QueryInterface failed with [0x80004002]"}));
   EXPECT_EQ(menu, nullptr);
 }
 

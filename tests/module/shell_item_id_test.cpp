@@ -4,7 +4,6 @@
 #include <propvarutil.h>
 
 #include <cstring>
-#include <random>
 
 #include "module/shell/ItemIdFactory.h"
 #include "tests/module/shell_fixture.h"
@@ -229,28 +228,6 @@ TEST(ItemIds, BehindOthersCount) {
   foreign.insert(foreign.end(), {5, 0, 'x', 'y', 'z', 0, 0});
   EXPECT_EQ(Read(memory.Put(foreign)), E_INVALIDARG);
   EXPECT_EQ(Read(memory.Put({0, 0})), E_INVALIDARG);
-}
-
-TEST(ItemIds, MadeAtRandomNeverLeadOutside) {
-  Guarded memory;
-  std::mt19937 random(1);
-  int read = 0;
-  for (int i = 0; i < 40'000; ++i) {
-    Bytes bytes;
-    if (i % 2) {  // ours, with damage
-      bytes = KnownId();
-      for (unsigned changes = 1 + random() % 3; changes; --changes)
-        bytes[random() % bytes.size()] = static_cast<BYTE>(random());
-    } else {
-      bytes.resize(random() % 200);
-      for (BYTE& byte : bytes) byte = static_cast<BYTE>(random() % 3 ? random() % 64 : 0);
-    }
-    const HRESULT hr = Read(memory.Put(bytes));
-    ASSERT_TRUE(hr == S_OK || hr == E_INVALIDARG) << std::hex << hr;
-    read += hr == S_OK;
-  }
-  EXPECT_GT(read, 0) << "some damage is in the name";
-  EXPECT_LT(read, 20'000);
 }
 
 }  // namespace

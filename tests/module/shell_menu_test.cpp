@@ -18,10 +18,6 @@ namespace {
 
 using Microsoft::WRL::ComPtr;
 
-std::string Narrow(const std::wstring& text) {
-  return std::string(text.begin(), text.end());
-}
-
 struct MenuHandle {
   ~MenuHandle() { DestroyMenu(handle); }
   HMENU handle = CreatePopupMenu();
@@ -95,8 +91,8 @@ TEST_F(Menu, CommandsReachTheHandlerOfMessages) {
     unsigned long thread = 0;
     EXPECT_EQ(swscanf(names.back().c_str(), L"ZK_HX_%lx_", &thread), 1);
     EXPECT_EQ(thread, GetCurrentThreadId());
-    EXPECT_TRUE(InOrder(log_->New(), {"CHoardexSP::InvokeCommand() - Unique MSG file name " + Narrow(names.back()),
-                                      "CMapiForWDS::SaveToMSG() - Unicode OpenIMsgOnIStg returned with [0x00000000]"}));
+    EXPECT_TRUE(Said({"CHoardexSP::InvokeCommand() - Unique MSG file name " + Narrow(names.back()),
+                      "CMapiForWDS::SaveToMSG() - Unicode OpenIMsgOnIStg returned with [0x00000000]"}));
     EmptyTemporaryFolder();
   }
 }
@@ -190,7 +186,7 @@ TEST_F(Menu, SaysWhenAVaultDoesNotOpen) {
   ProviderFaults::Clear();
   EXPECT_EQ(hr, E_ABORT);
   EXPECT_EQ(Boxes::Take(), std::vector<std::wstring>{kCannotShow});
-  EXPECT_TRUE(InOrder(log_->New(), {"CHoardexSP::InvokeCommand() - MAPI setup failed with error [0x80004004]"}));
+  EXPECT_TRUE(Said({"CHoardexSP::InvokeCommand() - MAPI setup failed with error [0x80004004]"}));
   EXPECT_TRUE(TemporaryFiles().empty());
   before_.initializations = ProviderFaults::Count().initializations;  // what a failed set-up keeps
 }
@@ -234,7 +230,7 @@ TEST_F(Menu, ShowsTheItemsIcons) {
   EXPECT_STREQ(file, own);
   EXPECT_EQ(index, 1);
   EXPECT_EQ(flags, 0u);
-  EXPECT_TRUE(InOrder(log_->New(), {"CHoardexSP::GetIconLocation() - Icon file name [" + Narrow(own) + "]"}));
+  EXPECT_TRUE(Said({"CHoardexSP::GetIconLocation() - Icon file name [" + Narrow(own) + "]"}));
   wchar_t shorter[9];
   shorter[8] = L'!';
   EXPECT_EQ(icons->GetIconLocation(0, shorter, 8, &index, &flags), S_OK);
@@ -279,30 +275,28 @@ TEST_F(Menu, ShowsTheItemsIcons) {
   FreeLibrary(module);
 }
 
-// Runs a program of the system below, which alone can make links here; it has no handle to wait for.
-bool Link(const std::wstring& to, const std::wstring& at) {
-  const auto below = [](const std::wstring& path) {
-    const auto name = reinterpret_cast<char*(CDECL*)(LPCWSTR)>(
-        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "wine_get_unix_file_name")));
-    char* text = name ? name(path.c_str()) : nullptr;
-    std::wstring wide = text ? std::wstring(text, text + strlen(text)) : L"";
-    if (text) HeapFree(GetProcessHeap(), 0, text);
-    return wide;
-  };
-  RunChild(L"Z:\\bin\\ln -s \"" + below(to) + L"\" \"" + below(at) + L"\"", 1000);
-  for (int i = 0; i < 300; ++i) {
-    if (GetFileAttributesW(at.c_str()) != INVALID_FILE_ATTRIBUTES) return true;
-    Sleep(10);
-  }
-  return false;
+bool Exists(const std::wstring& path) {
+  return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
 }
-void Unlink(const std::wstring& path) {
+// Runs a program of the system below, which alone can make links here; it has no handle to wait for.
+bool Below(const std::wstring& program, const std::vector<std::wstring>& paths, bool there) {
   const auto name = reinterpret_cast<char*(CDECL*)(LPCWSTR)>(
       reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "wine_get_unix_file_name")));
-  char* text = name(path.c_str());
-  RunChild(L"Z:\\bin\\rm \"" + std::wstring(text, text + strlen(text)) + L"\"", 1000);
-  HeapFree(GetProcessHeap(), 0, text);
-  for (int i = 0; i < 300 && GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; ++i) Sleep(10);
+  std::wstring line = L"Z:\\bin\\" + program;
+  for (const std::wstring& path : paths) {
+    char* text = name(path.c_str());
+    line += L" \"" + std::wstring(text, text + strlen(text)) + L"\"";
+    HeapFree(GetProcessHeap(), 0, text);
+  }
+  RunChild(line, 1000);
+  for (int i = 0; i < 300 && Exists(paths.back()) != there; ++i) Sleep(10);
+  return Exists(paths.back()) == there;
+}
+bool Link(const std::wstring& to, const std::wstring& at) {
+  return Below(L"ln -s", {to, at}, true);
+}
+void Unlink(const std::wstring& path) {
+  Below(L"rm", {path}, false);
 }
 
 class SweepTest : public Shell {
@@ -322,7 +316,6 @@ class SweepTest : public Shell {
   static void Write(const std::wstring& path) {
     CloseHandle(CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
   }
-  static bool Exists(const std::wstring& path) { return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
 
   const std::wstring outside_ = folder_path_ + L"\\outside", canary_ = outside_ + L"\\canary.txt",
                      own_ = TemporaryFolder() + L"\\own.txt", deep_ = TemporaryFolder() + L"\\sub\\deep.txt";
@@ -344,8 +337,8 @@ TEST_F(SweepTest, TakesTheWholeFolder) {
                       "CHoardexSP::DeleteAppDataFolder() - Exit"}));
   EXPECT_FALSE(InOrder(lines, {"CHoardexSP::DeleteAppDataFolder() - Could not delete"}));
   protocol_->ShutDown();
-  EXPECT_TRUE(InOrder(log_->New(), {"CHoardexSP::DeleteAppDataFolder() - Could not delete folder [" +
-                                    Narrow(TemporaryFolder()) + "], error code ["}));
+  EXPECT_TRUE(Said({"CHoardexSP::DeleteAppDataFolder() - Could not delete folder [" + Narrow(TemporaryFolder()) +
+                    "], error code ["}));
 }
 
 TEST_F(SweepTest, NeverFollowsLinks) {
@@ -362,7 +355,7 @@ TEST_F(SweepTest, NeverFollowsLinks) {
     // What is the module's goes all the same.
     EXPECT_FALSE(Exists(own_));
     EXPECT_FALSE(Exists(deep_));
-    EXPECT_TRUE(!Exists(link) || InOrder(log_->New(), {"CHoardexSP::DeleteAppDataFolder() - Could not delete folder"}));
+    EXPECT_TRUE(!Exists(link) || Said({"CHoardexSP::DeleteAppDataFolder() - Could not delete folder"}));
     Unlink(link);
   }
 }

@@ -140,39 +140,4 @@ TEST(ItemUrl, RoundTripsWhatItBuilds) {
   }
 }
 
-TEST(ItemUrl, NormalisesAndSplitsHostileTextWithinItsRules) {
-  RandomText random;
-  const std::wstring pieces[] = {L"default/",    L"DEFAULT/", L".db", L".DB",  L"/",  L"//", L"://",
-                                 L"zkoffline3x", L"[[",       L"]]",  L".zkm", L"\\", L" ",  std::wstring(1, L'\0'),
-                                 L"{S-1}"};
-  for (int round = 0; round < 5000; ++round) {
-    std::wstring text;
-    for (unsigned n = random.Below(14); n; --n)
-      text += random.Below(3) ? pieces[random.Below(static_cast<unsigned>(std::size(pieces)))] : random(3);
-    const std::wstring normal = url::Normalise(text);
-    ASSERT_EQ(url::Normalise(normal), normal);
-    ASSERT_EQ(normal.size(), text.size());
-    const size_t marker = url::FindIgnoringCase(text, L"default/");
-    const size_t begin = marker == std::wstring::npos ? text.size() : marker + 8;
-    size_t end = url::FindIgnoringCase(text, L".db", begin);
-    if (end == std::wstring::npos) end = begin;
-    for (size_t i = 0; i < text.size(); ++i)
-      ASSERT_EQ(normal[i], i >= begin && i < end && text[i] == L'/' ? L'\\' : text[i]);
-
-    std::vector<std::wstring> tokens;
-    const int count = ExtractURLTokens(text, tokens);
-    ASSERT_EQ(count, static_cast<int>(tokens.size()));
-    ASSERT_GE(count, 1);
-    for (size_t i = 1; i < tokens.size(); ++i) {
-      ASSERT_FALSE(tokens[i].empty());
-      ASSERT_EQ(tokens[i].find(L'/'), std::wstring::npos);
-    }
-    // Blanks around a URL change nothing.
-    ASSERT_EQ(CHoardexURL(L" \t" + text + L"\r\n").kind(), CHoardexURL(text).kind());
-    std::wstring name;
-    GetAttachmentNameFromURL(text, name);
-    ASSERT_EQ(name.empty(), !CHoardexURL(text).IsAttachment());
-  }
-}
-
 }  // namespace

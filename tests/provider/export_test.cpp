@@ -254,39 +254,6 @@ TEST_F(Exports, NothingInAMailEndsAHeaderOrABodyEarly) {
   EXPECT_EQ(ToMime(message, refused, IET_BASE64, 0), E_INVALIDARG);
 }
 
-// Every call that the work makes fails in turn: its code or a complete result, and nothing alive afterwards.
-TEST_F(Exports, AFailingCallFailsTheWork) {
-  IMessage* message = Make(Rich);
-  const auto save = [&] {
-    File file;
-    const HRESULT hr = file.Open(MAPI_UNICODE);
-    return SUCCEEDED(hr) ? CopyAndSave(message, file, {PR_BODY_W}) : hr;
-  };
-  std::string mime;
-  const std::pair<const char*, std::function<HRESULT()>> kinds[] = {{"msg", save},
-                                                                    {"mime", [&] { return ToMime(message, mime); }}};
-  for (const auto& [name, work] : kinds) {
-    ProviderFaults::Clear();
-    ASSERT_EQ(work(), S_OK);
-    const long calls = ProviderFaults::CallsEntered();
-    ASSERT_GT(calls, 30);
-    long failed = 0;
-    for (long call = 1; call <= calls; ++call) {
-      const auto before = ProviderFaults::Count();
-      ProviderFaults::Fail(nullptr, call, MAPI_E_CALL_FAILED);
-      const HRESULT hr = work();
-      const std::string which = ProviderFaults::CallName(call) ? ProviderFaults::CallName(call) : "?";
-      EXPECT_TRUE(hr == S_OK || hr == static_cast<HRESULT>(MAPI_E_CALL_FAILED) ||
-                  hr == static_cast<HRESULT>(MAPI_E_NOT_FOUND))
-          << name << " " << which << " " << std::hex << hr;
-      failed += FAILED(hr);
-      ProviderFaults::Clear();
-      EXPECT_EQ(ProviderFaults::Count(), before) << name << " " << which;
-    }
-    EXPECT_GT(failed, calls / 2) << name;
-  }
-}
-
 TEST(Mime, HeadersHoldEveryText) {
   using namespace provider::mime;
   const std::u16string long_name(300, u'\x65E5');

@@ -172,48 +172,5 @@ TEST_F(Profiles, ServicesSayWhatIsWrongWithTheirFile) {
   Mapi().FreeBuffer(error);
 }
 
-TEST_F(Profiles, OneAfterTheOtherAnyCallMayFailAndNothingIsLeft) {
-  SKIP_WITHOUT_SAMPLES();
-  const std::wstring path = Sample(L"pstsdk-sample1.pst");
-  const auto run = [&] {
-    Com<IMAPISession> session;
-    Com<IMsgServiceAdmin> services;
-    Com<IMAPITable> table;
-    Com<IMsgStore> store;
-    Rows rows, stores;
-    char service[] = "MSUPST MS";
-    SPropValue file{};
-    file.ulPropTag = PR_PST_FILENAME_W;
-    file.Value.lpszW = const_cast<LPWSTR>(path.c_str());
-    return SUCCEEDED(admin_->CreateProfile(Name(), nullptr, 0, 0)) &&
-           SUCCEEDED(Mapi().LogonEx(0, Name(), nullptr, MAPI_EXTENDED, session.Out())) &&
-           SUCCEEDED(admin_->AdminServices(Name(), nullptr, 0, 0, services.Out())) &&
-           SUCCEEDED(services->CreateMsgService(reinterpret_cast<LPTSTR>(service), nullptr, 0, 0)) &&
-           SUCCEEDED(services->GetMsgServiceTable(0, table.Out())) &&
-           SUCCEEDED(Mapi().QueryAllRows(table.get(), Tags({PR_SERVICE_UID}), nullptr, nullptr, 1, &rows.set)) &&
-           SUCCEEDED(services->ConfigureMsgService(reinterpret_cast<LPMAPIUID>(rows.At(0, 0).Value.bin.lpb), 0, 0, 1,
-                                                   &file)) &&
-           SUCCEEDED(session->GetMsgStoresTable(0, table.Out())) &&
-           SUCCEEDED(Mapi().QueryAllRows(table.get(), Tags({PR_ENTRYID}), nullptr, nullptr, 1, &stores.set)) &&
-           SUCCEEDED(session->OpenMsgStore(0, stores.At(0, 0).Value.bin.cb,
-                                           reinterpret_cast<LPENTRYID>(stores.At(0, 0).Value.bin.lpb), nullptr, 0,
-                                           store.Out()));
-  };
-  ASSERT_TRUE(run());
-  const long calls = ProviderFaults::CallsEntered();
-  ASSERT_GT(calls, 8);
-  admin_->DeleteProfile(Name(), 0);
-  const ProviderFaults::Alive before = ProviderFaults::Count();
-  int failures = 0;
-  for (long n = 1; n <= calls; ++n) {
-    ProviderFaults::Fail(nullptr, n, Code(MAPI_E_NOT_ENOUGH_MEMORY));
-    failures += !run();
-    ProviderFaults::Clear();
-    admin_->DeleteProfile(Name(), 0);
-    EXPECT_EQ(ProviderFaults::Count(), before) << "after failing call " << n;
-  }
-  EXPECT_GT(failures, 8);
-}
-
 }  // namespace
 }  // namespace test

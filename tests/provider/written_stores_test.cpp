@@ -216,32 +216,5 @@ TEST_F(WrittenStores, NamedPropertiesOfEveryTypeKeepTheirOrder) {
   EXPECT_STREQ(values[6].Value.MVszA.lppszA[1], "Blue");
 }
 
-TEST_F(WrittenStores, AFolderOfManyMessagesIsListedInLinearTime) {
-  const auto seconds = [this](int count) {
-    Make([count](vault::FolderBuilder& folder) {
-      for (int i = 0; i < count; ++i) {
-        folder.AddMessage("IPM.Note").Subject("message " + std::to_string(i)).Time(0x3008, 130000000000000000 + i);
-      }
-    });
-    const ULONGLONG start = GetTickCount64();
-    Com<IMAPITable> table;
-    EXPECT_EQ(folder_->GetContentsTable(0, table.Out()), S_OK);
-    EXPECT_EQ(table->SetColumns(Tags({PR_ENTRYID, PR_SUBJECT_W, PR_MESSAGE_SIZE, PR_LAST_MODIFICATION_TIME}), 0), S_OK);
-    Rows rows;
-    EXPECT_EQ(table->QueryRows(count, 0, &rows.set), S_OK);
-    const double took = static_cast<double>(GetTickCount64() - start) / 1000;
-    EXPECT_EQ(rows.size(), static_cast<ULONG>(count));
-    for (ULONG i = 0; i < rows.size(); i += 997) {
-      EXPECT_EQ(std::wstring(rows.At(i, 1).Value.lpszW), L"message " + std::to_wstring(i));
-    }
-    folder_.Reset();
-    opened_.reset();
-    return took;
-  };
-  const double few = seconds(5000), many = seconds(40000);
-  RecordProperty("milliseconds_for_40000", static_cast<int>(many * 1000));
-  EXPECT_LT(many, few * 8 * 4 + 1);
-}
-
 }  // namespace
 }  // namespace test

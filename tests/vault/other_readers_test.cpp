@@ -80,11 +80,6 @@ bool HasContent(const vault::AttachmentBuilder& attachment) {
   return method == AttachMethod::kByValue || method == AttachMethod::kOle;
 }
 
-std::string WithoutReturns(std::string text) {
-  std::erase(text, '\r');
-  return text;
-}
-
 class OtherReaders : public testing::TestWithParam<Encoding> {
  protected:
   void SetUp() override {
@@ -141,62 +136,6 @@ TEST_P(OtherReaders, ListsAreExact) {
   EXPECT_THAT(info, HasSubstr(std::string("Encryption type:\t") + kEncodings[static_cast<int>(GetParam())]));
   EXPECT_THAT(info, HasSubstr("Subtree, Wastbox, Finder"));
   EXPECT_THAT(info, testing::Not(HasSubstr("nable to")));
-}
-
-// What readpst wrote for one folder: a file for each item by its number, and attachments as NUMBER-name.
-void ExpectSeparateFiles(const fs::path& above, const vault::FolderBuilder& folder) {
-  const fs::path here = above / NameOf(folder);
-  SCOPED_TRACE(here);
-  std::map<int, std::map<std::string, std::string>> items;
-  std::set<std::string> folders, wanted_folders;
-  if (fs::exists(here)) {
-    for (const auto& entry : fs::directory_iterator(here)) {
-      const std::string name = entry.path().filename();
-      if (entry.is_directory()) {
-        folders.insert(name);
-        continue;
-      }
-      const auto dash = std::min(name.find('-'), name.size());
-      items[std::stoi(name)][name.substr(dash)] = ReadFile(entry.path());
-    }
-  }
-  ASSERT_EQ(items.size(), folder.messages().size());
-  auto item = items.begin();
-  for (const MessageBuilder& message : folder.messages()) {
-    const std::string subject = TextOf(message.properties(), vault::prop::kSubject);
-    SCOPED_TRACE(subject);
-    auto& files = (item++)->second;
-    const std::string text = files[""];
-    EXPECT_THAT(text, HasSubstr((IsAppointment(message) ? "SUMMARY:" : "Subject: ") + subject + "\n"));
-    EXPECT_THAT(text, HasSubstr(WithoutReturns(TextOf(message.properties(), vault::prop::kBody))));
-    std::size_t wanted_files = 1 + (Given(message.properties(), 0x1009) ? 1 : 0);
-    for (const auto& attachment : message.attachments()) {
-      if (attachment.embedded()) {
-        EXPECT_THAT(text, HasSubstr(WithoutReturns(TextOf(attachment.embedded()->properties(), vault::prop::kBody))));
-      }
-      const std::string content = ContentOf(attachment);
-      if (!HasContent(attachment) || content.empty()) continue;
-      ++wanted_files;
-      EXPECT_TRUE(files["-" + NameOf(attachment)] == content) << NameOf(attachment);
-    }
-    if (Given(message.properties(), 0x1009)) {
-      EXPECT_THAT(files["-rtf-body.rtf"], HasSubstr("Hello, hello, hello"));
-    }
-    EXPECT_EQ(files.size(), wanted_files);
-  }
-  for (const auto& child : folder.folders()) {
-    if (!child.messages().empty() || !child.folders().empty()) wanted_folders.insert(NameOf(child));
-    ExpectSeparateFiles(here, child);
-  }
-  EXPECT_EQ(folders, wanted_folders);
-}
-
-TEST_P(OtherReaders, ItemsAsFiles) {
-  if (!Installed("readpst")) GTEST_SKIP() << "pst-utils is not installed";
-  fs::create_directories(folder_ / "mail");
-  EXPECT_EQ(Run("readpst", "-q -j 0 -S -D -o mail store.pst"), "");
-  for (const auto& child : wanted_.top().folders()) ExpectSeparateFiles(folder_ / "mail" / "Rich store", child);
-  ExpectSeparateFiles(folder_ / "mail" / "Rich store", wanted_.deleted_items());
 }
 
 std::string Numbered(const char* word, std::size_t number) {
