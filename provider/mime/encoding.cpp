@@ -7,6 +7,8 @@ namespace provider::mime {
 namespace {
 
 constexpr std::size_t kLine = 76, kEncodedWord = 45, kParameterPart = 60;  // bytes; 45 make 60 characters of base64
+// The first line also has the name of its header, of up to 23 characters.
+constexpr std::size_t kFirstEncodedWord = 30;
 constexpr char kBase64[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 constexpr char kHex[] = "0123456789ABCDEF";
 
@@ -50,7 +52,7 @@ bool IsAscii(std::string_view text) {
 std::string EncodedWords(std::string_view utf8) {
   std::string out;
   for (std::size_t i = 0; i < utf8.size();) {
-    std::size_t end = std::min(i + kEncodedWord, utf8.size());
+    std::size_t end = std::min(i + (i ? kEncodedWord : kFirstEncodedWord), utf8.size());
     while (end < utf8.size() && end > i && (static_cast<unsigned char>(utf8[end]) & 0xC0) == 0x80) --end;
     if (!out.empty()) out += "\r\n ";
     out += "=?utf-8?B?";
@@ -66,6 +68,17 @@ bool IsAtomText(char c) {
          std::string_view("!#$%&'*+-/=?^_`{|}~ ").find(c) != std::string_view::npos;
 }
 
+// A local part in quotes, its own quotes and backslashes escaped.
+bool IsQuotedLocal(std::string_view text) {
+  if (text.size() < 3 || text.front() != '"' || text.back() != '"') return false;
+  text = text.substr(1, text.size() - 2);
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (text[i] == '"' || static_cast<unsigned char>(text[i]) >= 0x80) return false;
+    if (text[i] == '\\' && ++i == text.size()) return false;
+  }
+  return true;
+}
+
 // An address that goes into angle brackets as it is.
 bool IsAddress(std::string_view address) {
   const std::size_t at = address.rfind('@');
@@ -75,11 +88,12 @@ bool IsAddress(std::string_view address) {
     return c != ' ' && c != '@' && (IsAtomText(c) || c == '.' || c == '[' || c == ']' || c == ':');
   };
   const std::string_view name = address.substr(0, at), host = address.substr(at + 1);
-  if (!std::all_of(name.begin(), name.end(), local) || !std::all_of(host.begin(), host.end(), domain)) return false;
+  if (!std::all_of(host.begin(), host.end(), domain)) return false;
   const auto dots = [](std::string_view text) {
     return text.front() == '.' || text.back() == '.' || text.find("..") != std::string_view::npos;
   };
-  return !dots(name) && !dots(host);
+  const bool atoms = std::all_of(name.begin(), name.end(), local) && !dots(name);
+  return (atoms || IsQuotedLocal(name)) && !dots(host);
 }
 
 std::string Quoted(std::string_view text) {
@@ -91,10 +105,17 @@ std::string Quoted(std::string_view text) {
   return out + "\"";
 }
 
-std::u16string_view Trim(std::u16string_view text) {
-  while (!text.empty() && text.front() <= u' ') text.remove_prefix(1);
-  while (!text.empty() && text.back() <= u' ') text.remove_suffix(1);
-  return text;
+// One line without blanks at its ends, also those that stand for controls.
+std::string Trimmed(std::u16string_view text) {
+  const std::string line = OneLine(text);
+  const std::size_t begin = line.find_first_not_of(' ');
+  return begin == std::string::npos ? std::string() : line.substr(begin, line.find_last_not_of(' ') + 1 - begin);
+}
+
+std::string Phrase(const std::string& line) {
+  if (!IsAscii(line) || line.find("=?") != std::string::npos || line.size() > kLine) return EncodedWords(line);
+  return std::all_of(line.begin(), line.end(), IsAtomText) && line.find("  ") == std::string::npos ? line
+                                                                                                   : Quoted(line);
 }
 
 }  // namespace
@@ -155,10 +176,7 @@ std::string EncodeText(std::u16string_view text) {
 }
 
 std::string EncodePhrase(std::u16string_view text) {
-  const std::string line = OneLine(Trim(text));
-  if (!IsAscii(line) || line.find("=?") != std::string::npos || line.size() > kLine) return EncodedWords(line);
-  return std::all_of(line.begin(), line.end(), IsAtomText) && line.find("  ") == std::string::npos ? line
-                                                                                                   : Quoted(line);
+  return Phrase(Trimmed(text));
 }
 
 std::string Parameter(std::string_view name, std::u16string_view value) {
@@ -193,10 +211,16 @@ std::string Parameter(std::string_view name, std::u16string_view value) {
 }
 
 std::string Mailbox(std::u16string_view name, std::u16string_view address) {
-  const std::string plain = OneLine(Trim(address));
-  if (!IsAddress(plain)) return EncodePhrase(Trim(name).empty() ? (plain.empty() ? u"?" : address) : name) + ":;";
-  if (Trim(name).empty() || OneLine(Trim(name)) == plain) return "<" + plain + ">";
-  return EncodePhrase(name) + " <" + plain + ">";
+  const std::string plain = Trimmed(address);
+  std::string shown = Trimmed(name);
+  if (IsAddress(plain)) return shown.empty() || shown == plain ? "<" + plain + ">" : Phrase(shown) + " <" + plain + ">";
+  // An address beyond ASCII cannot stand in the header itself; it stays readable.
+  if (shown.empty()) {
+    shown = plain.empty() ? "?" : plain;
+  } else if (!IsAscii(plain) && shown != plain) {
+    shown += " (" + plain + ")";
+  }
+  return Phrase(shown) + ":;";
 }
 
 std::string Date(std::uint64_t time) {

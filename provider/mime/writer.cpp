@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <set>
 
 #include "provider/mime/converter.h"
 #include "provider/mime/encoding.h"
@@ -12,6 +13,9 @@ namespace provider::mime {
 namespace {
 
 constexpr int kDeepest = 32;  // messages within messages
+// Attachments may name one message several times, level after level: what is little in a store can be endless written.
+constexpr int kMostEmbedded = 10'000;
+constexpr std::size_t kLongestType = 127;  // characters of either half (RFC 6838 4.2)
 constexpr std::size_t kPiece = 48 * 1024;
 
 #ifndef PR_INTERNET_REFERENCES_W
@@ -55,7 +59,7 @@ constexpr struct {
               {L".csv", "text/csv"},           {L".ics", "text/calendar"},   {L".vcf", "text/vcard"}};
 
 bool IsToken(std::string_view text) {
-  return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) {
+  return !text.empty() && text.size() <= kLongestType && std::all_of(text.begin(), text.end(), [](char c) {
     return c > ' ' && c < 0x7F && std::string_view("()<>@,;:\\\"/[]?=").find(c) == std::string_view::npos;
   });
 }
@@ -114,17 +118,41 @@ std::string Identifiers(const std::u16string& text) {
   return out;
 }
 
+// What a message answers: one identifier, which some programs store without its brackets.
+std::string Answered(const std::u16string& text) {
+  std::string ids = Identifiers(text);
+  const bool one = text.find_first_of(u" \t\r\n<>,;") == std::u16string::npos;
+  return ids.empty() && one ? Identifier(text) : ids;
+}
+
+// Every content id that the HTML shows something by.
+std::set<std::string> ShownIds(std::string_view html) {
+  constexpr std::string_view kScheme = "cid:";
+  std::set<std::string> ids;
+  for (std::size_t at = 0; (at = html.find(kScheme, at)) != std::string_view::npos;) {
+    at += kScheme.size();
+    const std::size_t end = html.find_first_of("\"'<>() \t\r\n", at);
+    ids.emplace(html.substr(at, end == std::string_view::npos ? end : end - at));
+  }
+  return ids;
+}
+
 struct Attached {
-  Ref<IAttach> object;
+  ULONG number = 0;
   std::u16string name, content_id;
   std::string type;
   bool embedded = false;
 };
 
+// Of a whole conversion.
+struct Counts {
+  int boundaries = 0, embedded = 0;
+};
+
 class Writer {
  public:
-  Writer(IMessage* message, Output& out, const Options& options, int depth, int& boundaries)
-      : message_(message), out_(out), options_(options), depth_(depth), boundaries_(boundaries) {}
+  Writer(IMessage* message, Output& out, const Options& options, int depth, Counts& counts)
+      : message_(message), out_(out), options_(options), depth_(depth), counts_(counts) {}
 
   void Run() {
     Collect();
@@ -134,16 +162,23 @@ class Writer {
   }
 
  private:
+  Ref<IAttach> OpenAttachment(ULONG number) {
+    Ref<IAttach> object;
+    const HRESULT opened = message_->OpenAttach(number, nullptr, MAPI_BEST_ACCESS, object.Receive());
+    if (FAILED(opened)) Fail(opened);
+    return object;
+  }
+
   void Collect() {
     plain_ = Utf8(PlainBody(message_));
     if (!(options_.flags & CCSF_PLAIN_TEXT_ONLY)) html_ = Utf8(HtmlBody(message_));
+    const std::set<std::string> shown_ids = ShownIds(html_);
     for (const ULONG number : Attachments(message_)) {
       Attached attached;
-      const HRESULT opened = message_->OpenAttach(number, nullptr, MAPI_BEST_ACCESS, attached.object.Receive());
-      if (FAILED(opened)) Fail(opened);
-      const Properties properties(attached.object.get(),
-                                  {PR_ATTACH_LONG_FILENAME_W, PR_ATTACH_FILENAME_W, PR_DISPLAY_NAME_W,
-                                   PR_ATTACH_MIME_TAG_W, PR_ATTACH_CONTENT_ID_W, PR_ATTACH_METHOD});
+      attached.number = number;
+      const Ref<IAttach> object = OpenAttachment(number);
+      const Properties properties(object.get(), {PR_ATTACH_LONG_FILENAME_W, PR_ATTACH_FILENAME_W, PR_DISPLAY_NAME_W,
+                                                 PR_ATTACH_MIME_TAG_W, PR_ATTACH_CONTENT_ID_W, PR_ATTACH_METHOD});
       for (const ULONG tag : {PR_ATTACH_LONG_FILENAME_W, PR_ATTACH_FILENAME_W, PR_DISPLAY_NAME_W})
         if (attached.name.empty()) attached.name = properties.Text(tag);
       attached.embedded = properties.Long(PR_ATTACH_METHOD, ATTACH_BY_VALUE) == ATTACH_EMBEDDED_MSG;
@@ -151,7 +186,7 @@ class Writer {
       attached.type = ContentType(properties.Text(PR_ATTACH_MIME_TAG_W), attached.name);
       // What the HTML shows belongs to it.
       const std::string id = ContentId(attached.content_id);
-      const bool shown = !attached.embedded && !id.empty() && html_.find("cid:" + id) != std::string::npos;
+      const bool shown = !attached.embedded && !id.empty() && shown_ids.contains(id);
       (shown ? shown_ : attached_).push_back(std::move(attached));
     }
   }
@@ -179,7 +214,7 @@ class Writer {
       break;
     }
     if (!(options_.flags & CCSF_NO_MSGID)) MessageId(properties);
-    if (const std::string id = Identifiers(properties.Text(PR_IN_REPLY_TO_ID_W)); !id.empty())
+    if (const std::string id = Answered(properties.Text(PR_IN_REPLY_TO_ID_W)); !id.empty())
       out_ << Header("In-Reply-To", id);
     if (const std::string ids = Identifiers(properties.Text(PR_INTERNET_REFERENCES_W)); !ids.empty())
       out_ << Header("References", ids);
@@ -212,7 +247,7 @@ class Writer {
   }
 
   // Cannot occur in base64 or quoted-printable; numbers keep those of nested messages apart.
-  std::string Boundary() { return "=_hoardex_" + std::to_string(++boundaries_); }
+  std::string Boundary() { return "=_hoardex_" + std::to_string(++counts_.boundaries); }
   void BeginParts(std::string_view kind, const std::string& boundary) {
     out_ << "Content-Type: multipart/" << kind << ";\r\n boundary=\"" << boundary << "\"\r\n\r\n";
   }
@@ -284,13 +319,15 @@ class Writer {
   }
 
   void Attachment(Attached& attached, std::string_view disposition) {
+    const Ref<IAttach> object = OpenAttachment(attached.number);
     if (attached.embedded && depth_ < kDeepest) {
       Ref<IMessage> inner;
-      if (SUCCEEDED(attached.object->OpenProperty(PR_ATTACH_DATA_OBJ, &IID_IMessage, 0, 0,
-                                                  reinterpret_cast<LPUNKNOWN*>(inner.Receive())))) {
+      if (SUCCEEDED(object->OpenProperty(PR_ATTACH_DATA_OBJ, &IID_IMessage, 0, 0,
+                                         reinterpret_cast<LPUNKNOWN*>(inner.Receive())))) {
         out_ << "Content-Type: message/rfc822\r\nContent-Disposition: attachment"
              << (attached.name.empty() ? std::string() : Parameter("filename", attached.name)) << "\r\n\r\n";
-        Writer(inner.get(), out_, options_, depth_ + 1, boundaries_).Run();
+        Require(++counts_.embedded <= kMostEmbedded, MAPI_E_TOO_BIG);
+        Writer(inner.get(), out_, options_, depth_ + 1, counts_).Run();
         out_ << "\r\n";
         return;
       }
@@ -302,7 +339,7 @@ class Writer {
     if (const std::string id = ContentId(attached.content_id); !id.empty())
       out_ << Header("Content-ID", "<" + id + ">");
     out_ << "\r\n";
-    Content(attached.object.get());
+    Content(object.get());
   }
 
   void Content(IAttach* attachment) {
@@ -329,7 +366,7 @@ class Writer {
   Output& out_;
   const Options& options_;
   const int depth_;
-  int& boundaries_;
+  Counts& counts_;
   std::string plain_, html_;
   std::vector<Attached> attached_, shown_;
 };
@@ -338,8 +375,8 @@ class Writer {
 
 void Write(IMessage* message, IStream* stream, const Options& options) {
   Output out(stream);
-  int boundaries = 0;
-  Writer(message, out, options, 0, boundaries).Run();
+  Counts counts;
+  Writer(message, out, options, 0, counts).Run();
   out.Flush();
 }
 

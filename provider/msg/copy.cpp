@@ -11,6 +11,8 @@ namespace {
 
 constexpr ULONG kPiece = 64;      // properties asked for at a time
 constexpr LONG kRecipients = 64;  // recipients at a time
+// Attachments may name one message several times, level after level: what is little in a store can be endless copied.
+constexpr int kMostEmbedded = 10'000;
 
 // What says where an item lies, and what a store computes from the rest.
 constexpr ULONG kOfThePlace[] = {PR_ENTRYID,
@@ -53,7 +55,8 @@ struct Rows {
 
 class Copier {
  public:
-  explicit Copier(const CopyRequest& request) {
+  // `embedded` counts the embedded messages of the whole copy.
+  Copier(const CopyRequest& request, int& embedded) : embedded_(embedded) {
     for (const ULONG tag : kOfThePlace) excluded_.insert(PROP_ID(tag));
     for (ULONG i = 0; request.excluded && i < request.excluded->cValues; ++i)
       excluded_.insert(PROP_ID(request.excluded->aulPropTag[i])),
@@ -102,15 +105,17 @@ class Copier {
     ULONG count = 0;
     Check(from->GetNamesFromIDs(&ids, nullptr, 0, &count, names.As<LPMAPINAMEID>()));
     auto** known = static_cast<LPMAPINAMEID*>(names.block);
-    for (std::size_t i = 0; i < places.size(); ++i) {
-      ULONG& tag = renamed[places[i]];
-      if (i >= count || !known[i]) {
-        tag = 0;
-        continue;
-      }
-      FreedBuffer made;
-      Check(to->GetIDsFromNames(1, &known[i], MAPI_CREATE, made.As<SPropTagArray>()));
-      tag = CHANGE_PROP_TYPE(static_cast<SPropTagArray*>(made.block)->aulPropTag[0], PROP_TYPE(named[i]));
+    std::vector<LPMAPINAMEID> wanted;
+    for (std::size_t i = 0; i < places.size(); ++i)
+      if (i < count && known[i]) wanted.push_back(known[i]);
+    FreedBuffer made;
+    if (!wanted.empty())
+      Check(
+          to->GetIDsFromNames(static_cast<ULONG>(wanted.size()), wanted.data(), MAPI_CREATE, made.As<SPropTagArray>()));
+    const auto* created = static_cast<const SPropTagArray*>(made.block);
+    for (std::size_t i = 0, next = 0; i < places.size(); ++i) {
+      const bool has_name = i < count && known[i];
+      renamed[places[i]] = has_name ? CHANGE_PROP_TYPE(created->aulPropTag[next++], PROP_TYPE(named[i])) : 0;
     }
     return renamed;
   }
@@ -203,7 +208,7 @@ class Copier {
         Check(from->OpenAttach(static_cast<ULONG>(row.lpProps[0].Value.l), nullptr, MAPI_BEST_ACCESS, in.Receive()));
         Check(to->CreateAttach(nullptr, 0, &number, out.Receive()));
         // Exclusions are of the message, not of what is attached to it.
-        Copier(CopyRequest{}).Attachment(in.get(), out.get());
+        Copier(CopyRequest{}, embedded_).Attachment(in.get(), out.get());
         Check(out->SaveChanges(0));
       }
     }
@@ -217,7 +222,8 @@ class Copier {
     };
     Ref<IMessage> message, message_copy;
     if (open(PR_ATTACH_DATA_OBJ, IID_IMessage, message, message_copy)) {
-      Copier(CopyRequest{}).Message(message.get(), message_copy.get());
+      Require(++embedded_ <= kMostEmbedded, MAPI_E_TOO_BIG);
+      Copier(CopyRequest{}, embedded_).Message(message.get(), message_copy.get());
       return Check(message_copy->SaveChanges(KEEP_OPEN_READWRITE));
     }
     if (IsOle(from)) {
@@ -240,6 +246,7 @@ class Copier {
   }
 
   std::set<ULONG> excluded_, asked_;
+  int& embedded_;
 };
 
 template <class Interface>
@@ -256,12 +263,14 @@ Ref<Interface> Destination(const CopyRequest& request, REFIID iid) {
 
 void CopyMessage(IMessage* from, const CopyRequest& request, LPSPropProblemArray* problems) {
   if (problems) *problems = nullptr;
-  Copier(request).Message(from, Destination<IMessage>(request, IID_IMessage).get());
+  int embedded = 0;
+  Copier(request, embedded).Message(from, Destination<IMessage>(request, IID_IMessage).get());
 }
 
 void CopyAttachment(IAttach* from, const CopyRequest& request, LPSPropProblemArray* problems) {
   if (problems) *problems = nullptr;
-  Copier(request).Attachment(from, Destination<IAttach>(request, IID_IAttachment).get());
+  int embedded = 0;
+  Copier(request, embedded).Attachment(from, Destination<IAttach>(request, IID_IAttachment).get());
 }
 
 }  // namespace provider::msg

@@ -9,6 +9,7 @@ namespace provider::msg {
 namespace {
 
 constexpr ULONG kUnicodeStore = 0x00040000, kSupportMask = kUnicodeStore | 0x00000E79;
+constexpr std::uint32_t kMostAttachments = 2048;  // clients refuse files with more
 constexpr std::size_t kRootHeader = 32, kEmbeddedHeader = 24, kChildHeader = 8;
 
 std::uint16_t Id(ULONG tag) {
@@ -191,6 +192,7 @@ class FileMessage final : public Written<IMessage>, public IComputedBody {
         "IMessage::CreateAttach",
         [&] {
           Require(number && attachment, MAPI_E_INVALID_PARAMETER);
+          Require(attachments_ < kMostAttachments, MAPI_E_TOO_BIG);
           Ref<IStorage> storage = CreateStorage(properties_.storage(), Numbered(L"__attach", attachments_));
           HandOut(Ref<IAttach>(new FileAttachment(file_, std::move(storage), attachments_)), iid, attachment);
           *number = attachments_++;

@@ -1,7 +1,9 @@
 #include "provider/msg/names.h"
 
 #include <algorithm>
+#include <cstring>
 #include <map>
+#include <tuple>
 
 #include "provider/msg/property_storage.h"
 #include "provider/strings.h"
@@ -10,6 +12,9 @@
 namespace provider::msg {
 namespace {
 
+#ifndef MAPI_E_NAMED_PROP_QUOTA_EXCEEDED
+constexpr SCODE MAPI_E_NAMED_PROP_QUOTA_EXCEEDED = MAKE_MAPI_E(0x900);
+#endif
 constexpr std::uint16_t kFirstId = 0x8000, kBuckets = 0x1F, kFirstBucket = 0x1000;
 constexpr std::size_t kMostNames = 0x7FFF;
 constexpr ULONG kSets = 0x00020102, kEntries = 0x00030102, kStrings = 0x00040102, kBinary = 0x0102;
@@ -34,6 +39,11 @@ std::uint32_t Checksum(const std::wstring& text, const GUID& set) {
 
 }  // namespace
 
+bool NameTable::Name::operator<(const Name& other) const {
+  if (const int order = std::memcmp(&set, &other.set, sizeof(set))) return order < 0;
+  return std::tie(is_string, number, text) < std::tie(other.is_string, other.number, other.text);
+}
+
 std::uint16_t NameTable::IdOf(const MAPINAMEID* name) {
   Require(name && name->lpguid && (name->ulKind != MNID_STRING || name->Kind.lpwstrName), MAPI_E_INVALID_PARAMETER);
   Name wanted{*name->lpguid, name->ulKind == MNID_STRING, 0, {}};
@@ -42,17 +52,12 @@ std::uint16_t NameTable::IdOf(const MAPINAMEID* name) {
   } else {
     wanted.number = static_cast<std::uint32_t>(name->Kind.lID);
   }
-  const auto same = [&](const Name& known) {
-    return known.set == wanted.set && known.is_string == wanted.is_string && known.number == wanted.number &&
-           known.text == wanted.text;
-  };
-  const auto found = std::find_if(names_.begin(), names_.end(), same);
-  const auto index = static_cast<std::size_t>(found - names_.begin());
-  if (found == names_.end()) {
-    Require(names_.size() < kMostNames, MAPI_E_NO_SUPPORT);
-    names_.push_back(std::move(wanted));
-  }
-  return static_cast<std::uint16_t>(kFirstId + index);
+  if (const auto found = ids_.find(wanted); found != ids_.end()) return found->second;
+  Require(names_.size() < kMostNames, MAPI_E_NAMED_PROP_QUOTA_EXCEEDED);
+  const auto id = static_cast<std::uint16_t>(kFirstId + names_.size());
+  names_.push_back(wanted);
+  ids_.emplace(std::move(wanted), id);
+  return id;
 }
 
 std::uint16_t NameTable::SetNumber(const GUID& set, std::vector<GUID>& sets) const {

@@ -1,6 +1,7 @@
 // The named properties of a .msg file ([MS-OXMSG] 2.2.3): one table for the message and all that is embedded in it.
 #pragma once
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -22,9 +23,11 @@ class NameTable {
     bool is_string;
     std::uint32_t number;
     std::wstring text;
+    bool operator<(const Name& other) const;
   };
   std::uint16_t SetNumber(const GUID& set, std::vector<GUID>& sets) const;
   std::vector<Name> names_;
+  std::map<Name, std::uint16_t> ids_;
 };
 
 }  // namespace provider::msg

@@ -112,9 +112,26 @@ ULONG PropertyStorage::Stored(ULONG tag) const {
   return PROP_TAG(many | (strings_ == Strings::kUnicode ? PT_UNICODE : PT_STRING8), PROP_ID(tag));
 }
 
+std::wstring PropertyStorage::PartName(ULONG tag, ULONG part) {
+  wchar_t number[16];
+  _snwprintf_s(number, std::size(number), _TRUNCATE, L"-%08lX", part);
+  return ValueName(tag) + number;
+}
+
+void PropertyStorage::Remove(std::uint16_t id) {
+  const auto found = entries_.find(id);
+  if (found == entries_.end()) return;
+  Entry& entry = found->second;
+  entry.stream = {};
+  for (ULONG i = 0; i < entry.parts; ++i) storage_->DestroyElement(PartName(entry.tag, i).c_str());
+  if (entry.stored) storage_->DestroyElement(ValueName(entry.tag).c_str());
+  entries_.erase(found);
+}
+
 PropertyStorage::Entry& PropertyStorage::Put(ULONG tag) {
-  Entry& entry = entries_[static_cast<std::uint16_t>(PROP_ID(tag))];
-  entry = {};
+  const auto id = static_cast<std::uint16_t>(PROP_ID(tag));
+  Remove(id);
+  Entry& entry = entries_[id];
   entry.tag = tag;
   return entry;
 }
@@ -126,8 +143,10 @@ void PropertyStorage::SetSize(Entry& entry, std::uint64_t size) {
 }
 
 void PropertyStorage::SetBytes(ULONG tag, std::span<const std::uint8_t> bytes, std::size_t terminator) {
+  Entry& entry = Put(tag);
+  entry.stored = true;
   WriteStream(storage_.get(), ValueName(tag), bytes);
-  SetSize(Put(tag), bytes.size() + terminator);
+  SetSize(entry, bytes.size() + terminator);
 }
 
 void PropertyStorage::SetLong(ULONG tag, std::int32_t number) {
@@ -138,14 +157,15 @@ void PropertyStorage::SetLong(ULONG tag, std::int32_t number) {
 template <class Count, class Each>
 void PropertyStorage::SetMany(ULONG tag, ULONG count, Count&& length, Each&& bytes) {
   std::vector<std::uint8_t> lengths;
-  for (ULONG i = 0; i < count; ++i) {
-    const auto value = bytes(i);
+  Entry& entry = Put(tag);
+  for (; entry.parts < count; ++entry.parts) {
+    const auto value = bytes(entry.parts);
     length(lengths, value.size());
-    wchar_t number[16];
-    _snwprintf_s(number, std::size(number), _TRUNCATE, L"-%08lX", i);
-    WriteStream(storage_.get(), ValueName(tag) + number, value);
+    WriteStream(storage_.get(), PartName(tag, entry.parts), value);
   }
-  SetBytes(tag, lengths, 0);
+  entry.stored = true;
+  WriteStream(storage_.get(), ValueName(tag), lengths);
+  SetSize(entry, lengths.size());
 }
 
 void PropertyStorage::SetStrings(const SPropValue& value) {
@@ -225,14 +245,17 @@ bool PropertyStorage::Set(const SPropValue& value) {
 
 Ref<IStream> PropertyStorage::CreateValue(ULONG tag) {
   const ULONG stored = Stored(tag);
+  Entry& entry = Put(stored);
+  entry.stored = true;
   Ref<IStream> stream = CreateStream(storage_.get(), ValueName(stored));
-  Put(stored).stream = stream;
+  entry.stream = stream;
   return stream;
 }
 
 Ref<IStorage> PropertyStorage::CreateObject(ULONG tag, ObjectKind kind) {
-  Ref<IStorage> object = CreateStorage(storage_.get(), ValueName(tag));
   Entry& entry = Put(tag);
+  entry.stored = true;
+  Ref<IStorage> object = CreateStorage(storage_.get(), ValueName(tag));
   std::memcpy(entry.value.data(), &kNoSize, sizeof(kNoSize));
   std::memcpy(entry.value.data() + sizeof(kNoSize), &kind, sizeof(kind));
   return object;

@@ -30,7 +30,8 @@ class PropertyStorage {
   // file with one. False for a type that a file cannot hold. Throws.
   bool Set(const SPropValue& value);
   void SetLong(ULONG tag, std::int32_t number);
-  void Remove(std::uint16_t id) { entries_.erase(id); }
+  // Also takes away the streams of the value.
+  void Remove(std::uint16_t id);
   bool Has(std::uint16_t id) const { return entries_.contains(id); }
 
   // A value that the caller writes; it must be complete when Write is called. Strings in the kind of the file, without
@@ -51,9 +52,13 @@ class PropertyStorage {
     ULONG tag = 0;
     std::array<std::uint8_t, 8> value{};
     Ref<IStream> stream;  // of a value whose size is not yet known
+    bool stored = false;  // outside the property stream
+    ULONG parts = 0;      // streams of a value with several
   };
   void SetBytes(ULONG tag, std::span<const std::uint8_t> bytes, std::size_t terminator);
   void SetSize(Entry& entry, std::uint64_t size);
+  static std::wstring PartName(ULONG tag, ULONG part);
+  // A new entry in the place of what the id had.
   Entry& Put(ULONG tag);
   template <class Count, class Each>
   void SetMany(ULONG tag, ULONG count, Count&& lengths, Each&& bytes);
