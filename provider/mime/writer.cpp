@@ -34,17 +34,38 @@ class Output {
     if (buffer_.size() >= kPiece) Flush();
     return *this;
   }
+  // The whole text is there now.
+  void Finish() {
+    Flush();
+    if (reserved_) Reserve(written_);
+  }
+
+ private:
   void Flush() {
+    // A stream in memory that grows piece by piece is copied with every piece.
+    if (written_ + buffer_.size() > reserved_) Reserve(2 * (written_ + buffer_.size()));
     ULONG written = 0;
     const HRESULT result =
         buffer_.empty() ? S_OK : stream_->Write(buffer_.data(), static_cast<ULONG>(buffer_.size()), &written);
     if (FAILED(result)) Fail(result);
     if (written != buffer_.size()) Fail(STG_E_MEDIUMFULL);
+    written_ += written;
     buffer_.clear();
   }
+  // Only a hint: a stream that will not have it grows all the same.
+  void Reserve(std::uint64_t size) {
+    ULARGE_INTEGER whole;
+    whole.QuadPart = begin_ + size;
+    reserved_ = SUCCEEDED(stream_->SetSize(whole)) ? size : 0;
+  }
+  static std::uint64_t Position(IStream* stream) {
+    ULARGE_INTEGER position = {};
+    return SUCCEEDED(stream->Seek({}, STREAM_SEEK_CUR, &position)) ? position.QuadPart : 0;
+  }
 
- private:
   IStream* stream_;
+  const std::uint64_t begin_ = Position(stream_);
+  std::uint64_t written_ = 0, reserved_ = 0;
   std::string buffer_;
 };
 
@@ -377,7 +398,7 @@ void Write(IMessage* message, IStream* stream, const Options& options) {
   Output out(stream);
   Counts counts;
   Writer(message, out, options, 0, counts).Run();
-  out.Flush();
+  out.Finish();
 }
 
 }  // namespace provider::mime
