@@ -23,6 +23,15 @@ import olefile
 PROPERTIES = "__properties_version1.0"
 CONTENT = 0x3701
 RECIPIENT_TYPES = {1: "to", 2: "cc", 3: "bcc"}
+LONGEST_LINE = 998  # RFC 5322 2.1.1
+# Messages by store and node that browsing does not reach, and why.
+NOT_REACHED = {
+    **{(store, nid): "free and busy times, outside the subtree of messages" for store, nid in (
+        ("all-item-kinds", 2097188), ("aspose-Outlook_1", 2097188), ("java-libpst-dist-list", 2097220))},
+    **{(store, nid): "directly in the top folder, which lists only folders" for store, nid in (
+        ("ruby-msg-msgInMsg", 2097188),
+        *(("tika-testPST", nid) for nid in range(2097188, 2097381, 32)))},
+}
 EPOCH = datetime.datetime(1601, 1, 1)
 
 
@@ -149,7 +158,11 @@ def read_mime_part(message):
 
 def read_eml(path):
     with open(path, "rb") as file:
-        return read_mime_part(email.message_from_binary_file(file, policy=email.policy.default))
+        data = file.read()
+    longest = max(len(line) for line in data.split(b"\r\n"))
+    if longest > LONGEST_LINE:
+        raise ValueError("a line of %d bytes" % longest)
+    return read_mime_part(email.message_from_bytes(data, policy=email.policy.default))
 
 
 def lines(text):
@@ -189,8 +202,8 @@ class Comparison:
             if attachment.get("embedded") and match.get("embedded"):
                 inner, expected = match["embedded"], attachment["embedded"]
                 self.equal(where + " embedded", "subject", one_line(inner["subject"]), one_line(expected["subject"]))
-                if expected.get("body_chars"):
-                    self.equal(where + " embedded", "has a body", bool(lines(inner["body"])), True)
+                if "body_chars" in expected and inner["body"] != "not looked at":
+                    self.equal(where + " embedded", "has a body", bool(lines(inner["body"])), bool(expected["body_chars"]))
                 if inner["attachments"] is not None:
                     self.attachments(where + " embedded", inner["attachments"], expected.get("attachments", []))
 
@@ -218,6 +231,24 @@ class Comparison:
                 self.differ(where, "the body", (body or "")[:80], "with " + word)
 
     def eml(self, where, found, wanted, saved):
+        self.headers(where, found, wanted)
+        self.equal(where, "body", lines(found["body"]), lines(saved["body"]))
+        self.embedded(where, found, saved)
+        self.words(where, found["body"], wanted)
+        self.attachments(where, found["attachments"], wanted["attachments"])
+        if not found["id"]:
+            self.differ(where, "message id", None, "one")
+
+    def embedded(self, where, found, saved):
+        """What is embedded in the mail against what is embedded in the message file: both keep its order."""
+        inner = lambda message: [a["embedded"] for a in message["attachments"] if a.get("embedded")]
+        self.equal(where, "number of embedded messages", len(inner(found)), len(inner(saved)))
+        for mail, message in zip(inner(found), inner(saved)):
+            self.headers(where + " embedded", mail, message)
+            self.equal(where + " embedded", "body", lines(mail["body"]), lines(message["body"]))
+            self.embedded(where + " embedded", mail, message)
+
+    def headers(self, where, found, wanted):
         self.equal(where, "subject", one_line(found["subject"]), one_line(wanted["subject"]))
         sent = wanted["client_submit_time"] or wanted["delivery_time"]
         if sent:
@@ -230,11 +261,6 @@ class Comparison:
         shown = [r for r in wanted["recipients"] or [] if r["type"] != "bcc"]
         person = lambda r: (one_line(r["name"]) or r["email"] or "", r["email"] if is_smtp(r["email"]) else "", r["type"])
         self.equal(where, "recipients", sorted(map(person, found["recipients"])), sorted(map(person, shown)))
-        self.equal(where, "body", lines(found["body"]), lines(saved["body"]))
-        self.words(where, found["body"], wanted)
-        self.attachments(where, found["attachments"], wanted["attachments"])
-        if not found["id"]:
-            self.differ(where, "message id", None, "one")
 
     def converted(self, where, file, wanted):
         # The converter makes addresses and dates of its own: what it read is its subject and its attachments.
@@ -268,6 +294,8 @@ def main():
         nid = struct.unpack("<I", bytes.fromhex(token.group(1))[20:24])[0]
         files.setdefault((vault.group(1), nid), {})[os.path.splitext(entry["file"])[1]] = entry["file"]
     stores = {key[0] for key in files}
+    for key in sorted(set(wanted) - set(files) - set(NOT_REACHED)):
+        comparison.differ("%s %d" % key, "a message", "not exported", wanted[key]["class"])
     compared = 0
     for key, forms in sorted(files.items()):
         where = "%s %d" % key
