@@ -6,6 +6,7 @@
 #include <shlwapi.h>
 
 #include <functional>
+#include <optional>
 
 #include "include/HoardexPH.h"
 #include "module/protocol/HoardexSP.h"
@@ -13,6 +14,7 @@
 #include "tests/module/shell_fixture.h"
 #include "tests/support/class_double.h"
 #include "tests/support/import_hook.h"
+#include "tests/support/slot_hook.h"
 
 namespace shell {
 namespace {
@@ -186,6 +188,76 @@ TEST_F(Faults, OfTheSystemAreSaidAndPassedOn) {
     EXPECT_TRUE(Said({"CHoardexSP::DeleteAppDataFolder() - Trying to delete folder []",
                       "CHoardexSP::DeleteAppDataFolder() - Could not delete folder []"}));
   }
+  EXPECT_EQ(executed_.count, 0);
+}
+
+// Methods of the objects that the system has handed out.
+TEST_F(Faults, OfTheSystemsObjectsAreSaidAndPassedOn) {
+  static std::optional<SlotHook> slot;
+  static int commits;
+  const auto replace = [](IUnknown* object, size_t number, auto method) {
+    slot.emplace(object, number, reinterpret_cast<void*>(method));
+  };
+  const auto expect = [&](HRESULT hr, HRESULT expected, const std::vector<std::string>& lines) {
+    slot.reset();
+    EXPECT_EQ(hr, expected) << lines[0];
+    EXPECT_TRUE(Said(lines));
+    EmptyTemporaryFolder();
+  };
+  using Unknown = HRESULT(STDMETHODCALLTYPE*)(IUnknown*, REFIID, void**);
+  constexpr Unknown kNoInterface = [](IUnknown*, REFIID, void** object) -> HRESULT {
+    *object = nullptr;
+    return kFault;
+  };
+  {
+    using Commit = HRESULT(STDMETHODCALLTYPE*)(IStorage*, DWORD);
+    constexpr size_t kCommitSlot = 9;
+    commits = 0;
+    const ZK_IMPORT_HOOK(StgCreateDocfile)
+        hook([&](auto next, const WCHAR* name, DWORD mode, DWORD reserved, IStorage** storage) -> HRESULT {
+          const HRESULT hr = next(name, mode, reserved, storage);
+          // The message commits when it is saved, and then whoever made the file.
+          constexpr Commit kSecondFails = [](IStorage* self, DWORD flags) -> HRESULT {
+            return ++commits == 2 ? kFault : slot->original<Commit>()(self, flags);
+          };
+          replace(*storage, kCommitSlot, kSecondFails);
+          return hr;
+        });
+    expect(Open(), kFault,
+           {"CMapiForWDS::SaveToMSG() - Commit failed with " + kCode,
+            "CHoardexSP::InvokeCommand() - SaveToMSG failed with " + kCode});
+  }
+  {
+    const ZK_IMPORT_HOOK(CreateStreamOnHGlobal)
+        hook([&](auto next, HGLOBAL memory, BOOL drop, IStream** stream) -> HRESULT {
+          const HRESULT hr = next(memory, drop, stream);
+          replace(*stream, 0, kNoInterface);
+          return hr;
+        });
+    expect(Bind(message_, IID_IStream), kFault,
+           {"CHoardexSP::BindToObject() - pStream::QueryInterface() failed with " + kCode});
+  }
+  using Init = HRESULT(STDMETHODCALLTYPE*)(IQueryAssociations*, ASSOCF, PCWSTR, HKEY, HWND);
+  constexpr Init kNoInit = [](IQueryAssociations*, ASSOCF, PCWSTR, HKEY, HWND) -> HRESULT { return kFault; };
+  const struct {
+    size_t slot;
+    void* method;
+    const char* line;
+  } kMethods[] = {{3, reinterpret_cast<void*>(kNoInit), "IQueryAssociations::Init() failed with "},
+                  {0, reinterpret_cast<void*>(kNoInterface), "IQueryAssociations::QueryInterface() failed with "}};
+  for (const auto& failing : kMethods) {
+    const ZK_IMPORT_HOOK(AssocCreate) hook([&](auto next, CLSID clsid, REFIID iid, void** object) -> HRESULT {
+      const HRESULT hr = next(clsid, iid, object);
+      replace(static_cast<IUnknown*>(*object), failing.slot, failing.method);
+      return hr;
+    });
+    ComPtr<IQueryAssociations> associations;
+    expect(UIObject(message_, IID_IQueryAssociations, associations), kFault,
+           {std::string("CHoardexSP::GetUIObjectOf() - ") + failing.line + kCode});
+  }
+  // A vault that the client has not registered gets no session.
+  EXPECT_EQ(Invoke(root_ + L"Q:\\elsewhere.db" + message_.substr(vault_.size()), 0u), E_ACCESSDENIED);
+  EXPECT_TRUE(Said({"CHoardexSP::InvokeCommand() - Cannot allocate MAPI helper object"}));
   EXPECT_EQ(executed_.count, 0);
 }
 
