@@ -23,7 +23,9 @@ std::vector<std::wstring> boxes;
 LRESULT CALLBACK OnWindow(int code, WPARAM window, LPARAM more) {
   const auto handle = reinterpret_cast<HWND>(window);
   wchar_t name[32] = {}, title[128] = {}, text[512] = {};
-  if (code == HCBT_ACTIVATE && GetClassNameW(handle, name, 32) && !wcscmp(name, L"#32770")) {
+  // A box that goes may give way to one of another program.
+  if (code == HCBT_ACTIVATE && GetWindowThreadProcessId(handle, nullptr) == GetCurrentThreadId() &&
+      GetClassNameW(handle, name, 32) && !wcscmp(name, L"#32770")) {
     GetWindowTextW(handle, title, 128);
     if (const HWND label = GetDlgItem(handle, 0xFFFF)) GetWindowTextW(label, text, 512);
     boxes.push_back(std::wstring(title) + L": " + text);
