@@ -3,8 +3,8 @@
 #pragma once
 
 #include <memory>
-#include <mutex>
 
+#include "platform/critical_section.h"
 #include "provider/property.h"
 #include "provider/store_file.h"
 
@@ -67,7 +67,7 @@ class MessageProperties : public PropertyBag {
   std::shared_ptr<StoreFile> file_;
   vault::Message message_;
   unsigned code_page_ = 0;
-  std::mutex body_lock_;
+  CriticalSection body_lock_;
   bool body_made_ = false;
   std::shared_ptr<const std::u16string> body_;  // made from another form; null: there is none
 };

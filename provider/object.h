@@ -3,11 +3,11 @@
 #pragma once
 
 #include <atomic>
-#include <mutex>
 #include <string>
 #include <type_traits>
 #include <utility>
 
+#include "platform/critical_section.h"
 #include "provider/instrument.h"
 #include "provider/mapi.h"
 
@@ -96,7 +96,7 @@ class ObjectCore {
 
   Kind kind_;
   std::atomic<ULONG> references_{1};
-  std::mutex error_lock_;
+  CriticalSection error_lock_;
   HRESULT error_code_ = S_OK;
   std::string error_sentence_;
 };

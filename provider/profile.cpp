@@ -4,6 +4,7 @@
 #include <cstring>
 #include <map>
 
+#include "platform/critical_section.h"
 #include "provider/memory.h"
 #include "provider/object.h"
 #include "provider/objects.h"
@@ -70,7 +71,7 @@ std::vector<Service> Load(const RegistryKey& profile) {
 }
 
 // Profiles that somebody in this process holds, by lower-case name.
-std::mutex live_lock;
+CriticalSection live_lock;
 std::map<std::u16string, std::weak_ptr<Profile>>& Live() {
   static std::map<std::u16string, std::weak_ptr<Profile>> live;
   return live;

@@ -2,10 +2,10 @@
 #pragma once
 
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include "platform/critical_section.h"
 #include "provider/mapi.h"
 #include "provider/store_file.h"
 
@@ -49,7 +49,7 @@ class Profile {
   void Persist(const Service& service) const;
 
   const std::u16string name_;
-  mutable std::mutex lock_;
+  mutable CriticalSection lock_;
   std::vector<Service> services_;
   bool deleted_ = false;
   [[no_unique_address]] Counted<Kind::kProfile> counted_;

@@ -1,5 +1,6 @@
 #include "provider/session.h"
 
+#include "platform/critical_section.h"
 #include "provider/objects.h"
 #include "provider/prop_object.h"
 #include "provider/table.h"
@@ -149,7 +150,7 @@ class Session : public Object<IMAPISession> {
     return profile_;
   }
 
-  std::mutex lock_;
+  CriticalSection lock_;
   std::shared_ptr<Profile> profile_;  // null after Logoff
 };
 

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <filesystem>
 
+#include "platform/critical_section.h"
 #include "provider/object.h"
 
 namespace provider {
@@ -22,7 +23,7 @@ constexpr std::uint16_t kFirstNamedId = 0x8000;
 // PS_MAPI: its numbers are the ordinary property ids.
 constexpr vault::Guid kMapiSet = {0x28, 0x03, 0x02, 0, 0, 0, 0, 0, 0xC0, 0, 0, 0, 0, 0, 0, 0x46};
 
-std::mutex files_lock;
+CriticalSection files_lock;
 std::map<std::u16string, std::weak_ptr<StoreFile>>& Files() {
   static std::map<std::u16string, std::weak_ptr<StoreFile>> files;
   return files;

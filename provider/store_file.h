@@ -3,11 +3,11 @@
 
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <variant>
 #include <vector>
 
+#include "platform/critical_section.h"
 #include "provider/instrument.h"
 #include "provider/property.h"
 #include "vault/store.h"
@@ -53,7 +53,7 @@ class StoreFile {
   Stamp stamp_;
   std::shared_ptr<const vault::Store> store_;
   std::vector<std::uint8_t> entry_id_;
-  std::mutex names_lock_;
+  CriticalSection names_lock_;
   std::map<PropertyName, std::uint16_t> transient_ids_;
   std::map<std::uint16_t, PropertyName> transient_names_;
   std::uint16_t next_transient_ = 0xFFFE;

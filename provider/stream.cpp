@@ -1,4 +1,5 @@
 #include "provider/stream.h"
+#include "platform/critical_section.h"
 
 #include <algorithm>
 #include <cstring>
@@ -105,7 +106,7 @@ class Stream : public Object<IStream> {
     return static_cast<ULONG>(copied);
   }
 
-  std::mutex lock_;
+  CriticalSection lock_;
   Value value_;
   std::uint64_t size_;
   std::uint64_t position_ = 0;

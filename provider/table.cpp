@@ -1,4 +1,5 @@
 #include "provider/table.h"
+#include "platform/critical_section.h"
 
 #include <algorithm>
 #include <map>
@@ -310,7 +311,7 @@ class Table : public Object<IMAPITable> {
 
   const std::shared_ptr<const RowSource> source_;
   const ULONG flags_;
-  std::mutex lock_;
+  CriticalSection lock_;
   std::vector<ULONG> columns_;
   bool selected_ = false;  // rows_ says which rows are shown, and in what order; otherwise all
   std::vector<std::uint32_t> rows_;

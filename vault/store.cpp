@@ -73,18 +73,22 @@ NodeCursor Store::Nodes(Nid first, Nid last) const {
   return {db_, first, last};
 }
 
+Store::~Store() {
+  delete names_.load();
+}
+
 const NameMap& Store::names() const {
-  std::call_once(names_once_, [&] {
-    try {
-      if (const auto node = FindNode(kNameMapNid)) {
-        names_ = std::make_unique<const NameMap>(PropertySet(Heap::Open(db_, *node, HeapClient::kProperties)));
-      }
-    } catch (const Error&) {
-      // Properties without names are still readable by their numbers.
-    }
-    if (!names_) names_ = std::make_unique<const NameMap>();
-  });
-  return *names_;
+  if (const NameMap* known = names_.load()) return *known;
+  auto read = std::make_unique<const NameMap>();
+  try {
+    if (const auto node = FindNode(kNameMapNid))
+      read = std::make_unique<const NameMap>(PropertySet(Heap::Open(db_, *node, HeapClient::kProperties)));
+  } catch (const Error&) {
+    // Properties without names are still readable by their numbers.
+  }
+  // Of threads that read it together, the first one's is kept.
+  const NameMap* kept = nullptr;
+  return names_.compare_exchange_strong(kept, read.get()) ? *read.release() : *kept;
 }
 
 EntryId Store::MakeEntryId(Nid nid) const {

@@ -14,10 +14,10 @@
 // Errors: vault::Error names the damaged place. Damage to one item never spoils another one.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <span>
 #include <string>
@@ -71,7 +71,7 @@ class Store {
   // over. Finds messages by their parent where a folder's own table is damaged.
   NodeCursor Nodes(Nid first = 0, Nid last = ~Nid{0}) const;
 
-  // Names of named properties; read once, when first asked for. A store whose map is damaged has no names.
+  // Names of named properties; read when first asked for. A store whose map is damaged has no names.
   const NameMap& names() const;
 
   // The 24-byte entry id of a folder or message of this store.
@@ -79,6 +79,7 @@ class Store {
   // The node of an entry id made by this store; nullopt when it has another form or belongs to another store.
   std::optional<Nid> ParseEntryId(std::span<const std::uint8_t> entry_id) const;
 
+  ~Store();
   Store(const Store&) = delete;
   Store& operator=(const Store&) = delete;
 
@@ -89,8 +90,7 @@ class Store {
   PropertySet properties_;
   Guid uid_{};
   Nid subtree_ = kUsualSubtreeNid;
-  mutable std::once_flag names_once_;
-  mutable std::unique_ptr<const NameMap> names_;
+  mutable std::atomic<const NameMap*> names_ = nullptr;  // owned
 };
 
 // Entry ids without a store: 4 zero bytes, store uid, node id ([MS-PST] 2.4.3.2).

@@ -1,10 +1,10 @@
 // The enumerators of roots and rules: what there was when they were asked for.
 #pragma once
 
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include "platform/critical_section.h"
 #include "platform/searchmanager.h"
 #include "winindex/ComObject.h"
 
@@ -56,7 +56,7 @@ class Enumerator final : public ComObject<EnumInterface> {
 
  private:
   const std::string name_;
-  std::mutex mutex_;
+  CriticalSection mutex_;
   const std::vector<ComPtr<Item>> items_;
   size_t next_;
 };

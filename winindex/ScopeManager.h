@@ -1,9 +1,9 @@
 // The crawl scope manager: edits a copy of the scope until SaveAll.
 #pragma once
 
-#include <mutex>
 #include <vector>
 
+#include "platform/critical_section.h"
 #include "platform/searchmanager.h"
 #include "winindex/ComObject.h"
 #include "winindex/Scope.h"
@@ -41,7 +41,7 @@ class ScopeManager final : public ComObject<ISearchCrawlScopeManager> {
   // On the copy now, on the file at SaveAll.
   void Change(ScopeChange change);
 
-  std::mutex mutex_;
+  CriticalSection mutex_;
   Scope scope_;
   std::vector<ScopeChange> unsaved_;
 };

@@ -1,9 +1,9 @@
 // CSearchRoot: the properties of a search root.
 #pragma once
 
-#include <mutex>
 #include <string>
 
+#include "platform/critical_section.h"
 #include "platform/searchmanager.h"
 #include "winindex/ComObject.h"
 #include "winindex/Scope.h"
@@ -60,7 +60,7 @@ class SearchRoot final : public ComObject<ISearchRoot, IClientSecurity> {
     void* identity = nullptr;
   };
 
-  std::mutex mutex_;
+  CriticalSection mutex_;
   Root root_;
   Blanket blanket_;
 };

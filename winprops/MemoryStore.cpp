@@ -13,9 +13,9 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
-#include <mutex>
 #include <new>
 
+#include "platform/critical_section.h"
 #include "winprops/Variants.h"
 
 namespace __gnu_cxx {
@@ -189,7 +189,7 @@ class MemoryStore final : public IPropertyStoreCache, public IPersistSerializedP
   }
 
   std::atomic<ULONG> references_ = 1;
-  std::mutex lock_;
+  CriticalSection lock_;
   bool read_only_ = false;
   std::vector<Entry> entries_;
 };

@@ -12,7 +12,7 @@
 
 #include <string>
 
-#include "module/core/CriticalSection.h"
+#include "platform/critical_section.h"
 
 class CMapiLoader {
  public:

@@ -8,11 +8,11 @@
 #include <memory>
 #include <unordered_map>
 
-#include "module/core/CriticalSection.h"
 #include "module/core/HoardexURL.h"
 #include "module/core/SCLog.h"
 #include "module/core/Text.h"
 #include "module/mapi/MapiForWDS.h"
+#include "platform/critical_section.h"
 
 namespace {
 

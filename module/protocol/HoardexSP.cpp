@@ -63,7 +63,7 @@ CHoardexSP::~CHoardexSP() {
 }
 
 Microsoft::WRL::ComPtr<IProtocolHandlerSite> CHoardexSP::Site() {
-  const StateLock::Shared guard(lock_);
+  const CriticalSection::Guard guard(lock_);
   return site_;
 }
 
@@ -109,7 +109,7 @@ STDMETHODIMP CHoardexSP::Init(TIMEOUT_INFO*, IProtocolHandlerSite* site, PROXY_I
   g_Log.ResetThreshold();
   Microsoft::WRL::ComPtr<IProtocolHandlerSite> kept(site);
   {
-    const StateLock::Exclusive guard(lock_);
+    const CriticalSection::Guard guard(lock_);
     kept.Swap(site_);
   }
   kept.Reset();  // the earlier one, outside the lock

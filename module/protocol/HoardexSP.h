@@ -11,7 +11,7 @@
 
 #include "include/HoardexPH.h"
 #include "module/core/IHoardexSP.h"
-#include "module/core/StateLock.h"
+#include "platform/critical_section.h"
 #include "platform/searchapi.h"
 
 // Makes a CHoardexSP and returns `iid` of it, aggregated into `outer` if that is set (then `iid` must be IUnknown).
@@ -119,7 +119,7 @@ class CHoardexSP final : public ISearchProtocol,
 
   InnerUnknown inner_;
   IUnknown* outer_;  // not counted: the aggregating object outlives this one
-  StateLock lock_;   // Init may replace the site while another thread makes an accessor, and the like
+  CriticalSection lock_;   // Init may replace the site while another thread makes an accessor, and the like
   Microsoft::WRL::ComPtr<IProtocolHandlerSite> site_;
   Microsoft::WRL::ComPtr<IMalloc> allocator_;
   std::wstring m_strMsgURL;

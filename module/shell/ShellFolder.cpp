@@ -236,23 +236,23 @@ STDMETHODIMP CHoardexSP::GetClassID(CLSID* clsid) {
 STDMETHODIMP CHoardexSP::SetItemAlloc(IMalloc* allocator) {
   ComPtr<IMalloc> kept(allocator);
   {
-    const StateLock::Exclusive guard(lock_);
+    const CriticalSection::Guard guard(lock_);
     kept.Swap(allocator_);
   }
   return S_OK;  // the earlier one goes outside the lock
 }
 
 ComPtr<IMalloc> CHoardexSP::Allocator() {
-  const StateLock::Shared guard(lock_);
+  const CriticalSection::Guard guard(lock_);
   return allocator_;
 }
 
 void CHoardexSP::SetMsgURL(std::wstring url) {
-  const StateLock::Exclusive guard(lock_);
+  const CriticalSection::Guard guard(lock_);
   m_strMsgURL.swap(url);
 }
 
 std::wstring CHoardexSP::MsgURL() {
-  const StateLock::Shared guard(lock_);
+  const CriticalSection::Guard guard(lock_);
   return m_strMsgURL;
 }

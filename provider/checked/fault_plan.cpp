@@ -3,10 +3,10 @@
 #include <array>
 #include <atomic>
 #include <cstring>
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include "platform/critical_section.h"
 #include "provider/memory.h"
 #include "provider/object.h"
 #include "provider/profile.h"
@@ -18,7 +18,7 @@ constexpr std::size_t kMostNames = 1'000'000;
 constexpr ULONG kHugeCount = 0x7FFF'FFFF;
 
 struct State {
-  std::mutex lock;
+  CriticalSection lock;
   HoardexMapiFaultPlan plan{};
   std::string operation;
   long matching = 0, allocations = 0, given = 0;

@@ -3,11 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <thread>
 
 #include "module/core/SCLog.h"
 #include "module/core/Text.h"
 #include "tests/module/fault_expectations.h"
+#include "tests/support/thread.h"
 
 // The one class that may look inside.
 struct MapiForWDSTest {
@@ -78,14 +78,14 @@ TEST_F(Session, WorksForEveryThreadThatAsksFirst) {
     constexpr size_t kThreads = 8;
     CMapiForWDS* got[kThreads] = {};
     size_t listed[kThreads] = {};
-    std::vector<std::thread> threads;
+    std::vector<Thread> threads;
     for (size_t i = 0; i < kThreads; ++i) {
       threads.emplace_back([&, i] {
         got[i] = CMapiForWDS::GetMapiObj(url_);
         listed[i] = SubFolders(got[i], url_);
       });
     }
-    for (std::thread& thread : threads) thread.join();
+    for (Thread& thread : threads) thread.join();
     EXPECT_EQ(std::count(got, got + kThreads, nullptr), 0);
     for (const size_t count : listed) EXPECT_EQ(count, 2u);
     EXPECT_EQ(ProviderFaults::Count().profiles, 0);

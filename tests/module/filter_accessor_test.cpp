@@ -3,9 +3,9 @@
 
 #include <fstream>
 #include <iterator>
-#include <thread>
 
 #include "platform/mapi_extra.h"
+#include "tests/support/thread.h"
 
 namespace {
 
@@ -332,7 +332,7 @@ TEST_F(Protocol, ServesManyThreadsAtOnce) {
   std::vector<std::vector<Chunk>> expected;
   for (const std::wstring& url : urls) expected.push_back(Read(url));
   std::atomic<int> wrong = 0, attachments = 0;
-  std::vector<std::thread> threads;
+  std::vector<Thread> threads;
   for (size_t first = 0; first < 4; ++first) {
     threads.emplace_back([&, first] {
       CoInitializeEx(nullptr, COINIT_MULTITHREADED);
@@ -354,7 +354,7 @@ TEST_F(Protocol, ServesManyThreadsAtOnce) {
       CoUninitialize();
     });
   }
-  for (std::thread& thread : threads) thread.join();
+  for (Thread& thread : threads) thread.join();
   EXPECT_EQ(wrong, 0);
   EXPECT_EQ(attachments, 4 * 8);
   EXPECT_EQ(TemporaryFiles(), 0u);

@@ -2,11 +2,11 @@
 
 #include <fstream>
 #include <iterator>
-#include <thread>
 #include <vector>
 
 #include "module/core/SCLog.h"
 #include "tests/support/scratch_registry.h"
+#include "tests/support/thread.h"
 
 namespace {
 
@@ -178,7 +178,7 @@ TEST_F(LogFile, KeepsLinesOfSeveralThreadsWhole) {
   constexpr int kThreads = 4, kLines = 200;
   {
     SCLog log(name_);
-    std::vector<std::thread> threads;
+    std::vector<Thread> threads;
     for (int t = 0; t < kThreads; ++t)
       threads.emplace_back([&log, t] {
         for (int i = 0; i < kLines; ++i) {
@@ -186,7 +186,7 @@ TEST_F(LogFile, KeepsLinesOfSeveralThreadsWhole) {
           log.Log(SCLog::kOrdinary, L"thread %d line %d end", t, i);
         }
       });
-    for (std::thread& thread : threads) thread.join();
+    for (Thread& thread : threads) thread.join();
   }
   const std::string content = Content();
   for (int t = 0; t < kThreads; ++t)
@@ -254,7 +254,7 @@ const wchar_t* LogsItself() {
 
 TEST(LogStatement, EvaluatesArgumentsBeforeTheLockIsTaken) {
   // A deadlock here would hang until the test's time is up.
-  std::thread other([] { ZK_LOG(L"%s", LogsItself()); });
+  Thread other([] { ZK_LOG(L"%s", LogsItself()); });
   other.join();
   bool evaluated = false;
   ZK_LOG_DETAIL(L"%s", (evaluated = true, L"x"));

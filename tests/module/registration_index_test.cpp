@@ -1,10 +1,10 @@
 // The user's search root in the index: what is called in which order with what, what the log says, and what happens
 // when any of it fails.
-#include <thread>
 
 #include "module/core/UserSid.h"
 #include "module/registration/Exports.h"
 #include "tests/module/registration_fixture.h"
+#include "tests/support/thread.h"
 
 namespace {
 
@@ -250,14 +250,14 @@ HRESULT Entering(DWORD apartment) {
 }
 
 TEST_F(SearchRoot, IsAddedFromAThreadInAnyApartmentWhichKeepsIt) {
-  std::thread([&] {
+  Thread([&] {
     EXPECT_EQ(Entering(COINIT_APARTMENTTHREADED), S_OK);
     ZKHoardexAddProtocol();
     EXPECT_EQ(Entering(COINIT_APARTMENTTHREADED), S_OK) << "COM was left behind on the caller's thread";
   }).join();
   EXPECT_THAT(index().roots, ElementsAre(Wide(UserRoot())));
 
-  std::thread([&] {
+  Thread([&] {
     ASSERT_EQ(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED), S_OK);
     {
       FakeIndex own;  // class objects belong to an apartment

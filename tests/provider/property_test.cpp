@@ -1,6 +1,5 @@
-#include <thread>
-
 #include "tests/provider/client.h"
+#include "tests/support/thread.h"
 
 namespace test {
 namespace {
@@ -234,7 +233,7 @@ TEST_F(Properties, NamesThatTheStoreLacksKeepTheirPlace) {
 }
 
 TEST_F(Properties, ManyThreadsReadOneMessage) {
-  std::vector<std::thread> threads;
+  std::vector<Thread> threads;
   std::atomic<int> wrong{0};
   for (int t = 0; t < 8; ++t) {
     threads.emplace_back([&] {
@@ -254,7 +253,7 @@ TEST_F(Properties, ManyThreadsReadOneMessage) {
       }
     });
   }
-  for (std::thread& thread : threads) thread.join();
+  for (Thread& thread : threads) thread.join();
   EXPECT_EQ(wrong, 0);
 }
 
