@@ -1,5 +1,6 @@
 #include "module/core/UrlGrammar.h"
 
+#include <algorithm>
 #include <cwctype>
 
 namespace {
@@ -56,8 +57,16 @@ std::wstring Normalise(std::wstring_view url) {
   return result;
 }
 
+size_t BehindVault(std::wstring_view url) {
+  const size_t colon = url.find(L"://");
+  size_t at = colon == std::wstring_view::npos ? 0 : colon + 3;
+  for (size_t token = 1; token <= kVaultToken; ++token)
+    at = std::min(url.find(L'/', std::min(url.find_first_not_of(L'/', at), url.size())), url.size());
+  return at;
+}
+
 std::wstring_view SizeGroup(std::wstring_view url) {
-  const size_t begin = url.find(L"[[", url.rfind(L'/') + 1);
+  const size_t begin = url.find(L"[[", BehindVault(url));
   if (begin == std::wstring_view::npos) return {};
   const size_t end = url.find(L"]]", begin);
   return end == std::wstring_view::npos ? std::wstring_view() : url.substr(begin, end + 2 - begin);
@@ -71,7 +80,7 @@ std::wstring WithoutSize(std::wstring_view url) {
 }
 
 std::wstring MessageOfAttachment(std::wstring_view url) {
-  const size_t suffix = FindIgnoringCase(url, kMessageSuffix);
+  const size_t suffix = FindIgnoringCase(url, kMessageSuffix, BehindVault(url));
   if (suffix == std::wstring_view::npos) return std::wstring(url);
   return std::wstring(url.substr(0, suffix + std::size(kMessageSuffix) - 1));
 }

@@ -20,6 +20,7 @@ inline constexpr wchar_t kScheme[] = L"zkoffline3x";
 inline constexpr wchar_t kVaultSuffix[] = L".db";
 inline constexpr wchar_t kRootMarker[] = L"default/";
 inline constexpr wchar_t kMessageSuffix[] = L".zkm";
+inline constexpr size_t kVaultToken = 3;  // the vault file's path among the tokens
 
 // The root of the user with this SID (without braces).
 std::wstring Root(std::wstring_view sid);
@@ -32,14 +33,19 @@ std::wstring Child(std::wstring_view parent, std::wstring_view name);
 // path back with forward slashes. Case of both marks is ignored; without the second nothing is changed.
 std::wstring Normalise(std::wstring_view url);
 
-// The size group of a message URL, from the first "[[" of its last token through the first "]]" after it; empty when
-// there is none. A vault's path may hold such brackets too, so the tokens before the last are left out.
+// Where the vault file's path ends; the URL's end when nothing follows it. A path may hold the marks of the tokens
+// behind it, which are therefore looked for from here on.
+size_t BehindVault(std::wstring_view url);
+
+// The size group of a URL, from the first "[[" behind the vault's path through the first "]]" after it; empty when
+// there is none.
 std::wstring_view SizeGroup(std::wstring_view url);
 
 // The URL without its size group.
 std::wstring WithoutSize(std::wstring_view url);
 
-// The message URL of an attachment URL: cut right after the first ".zkm". The whole URL when there is none.
+// The message URL of an attachment URL: cut right after the first ".zkm" behind the vault's path. The whole URL when
+// there is none.
 std::wstring MessageOfAttachment(std::wstring_view url);
 
 // Searches without regard to the case of ASCII letters; npos when absent.

@@ -70,6 +70,10 @@ TEST(ItemUrl, TakesTheSizeOutAndFindsAnAttachmentsMessage) {
   EXPECT_EQ(url::WithoutSize(kVault + L"/AB[[4096]].zkm"), kVault + L"/AB.zkm");
   EXPECT_EQ(url::WithoutSize(kVault + L"/AB[[4096.zkm"), kVault + L"/AB[[4096.zkm");
   EXPECT_EQ(url::MessageOfAttachment(kVault + L"/AB[[1]].zkm/01/b.zkm.txt"), kVault + L"/AB[[1]].zkm");
+  const std::wstring misleading = kRoot + L"C:\\[[2019]].zkm\\v[[1]].zkm.db";
+  EXPECT_EQ(url::SizeGroup(misleading), L"");
+  EXPECT_EQ(url::MessageOfAttachment(misleading + L"/AB[[7]].zkm/01/b.txt"), misleading + L"/AB[[7]].zkm");
+  EXPECT_EQ(url::WithoutSize(misleading + L"/AB[[7]].zkm/01/[[b]].txt"), misleading + L"/AB.zkm/01/[[b]].txt");
   EXPECT_EQ(url::Child(kRoot, L"x"), kRoot + L"x");
   EXPECT_EQ(url::Child(kVault, L"AB"), url::Child(kVault + L"/", L"AB"));
 }
@@ -122,8 +126,8 @@ TEST(ItemUrl, RoundTripsWhatItBuilds) {
     std::wstring attachment_name;
     GetAttachmentNameFromURL(built, attachment_name);
     EXPECT_EQ(attachment_name, kind == CHoardexURL::kAttachment ? name : std::wstring());
-    // Nor do brackets and suffixes in the folders of the vault's path mislead. A name of the vault may hold ".zkm".
-    if (kind == CHoardexURL::kAttachment && url::FindIgnoringCase(vault, L".zkm") == std::wstring::npos) {
+    // Nor do brackets and suffixes in the vault's path mislead.
+    if (kind == CHoardexURL::kAttachment) {
       EXPECT_EQ(url::MessageOfAttachment(built), message_url);
     }
     if (kind == CHoardexURL::kMessage) {
