@@ -14,17 +14,21 @@ constexpr char kBanner[] =
     "-------------------- REWINDING THE LOG FILE (GOTO BEGINNING OF FILE) -------------------- \n";
 constexpr char kSeparator[] = "-------------------------------------------------------- \n";
 
-// Lets the lock go on every path out of a scope.
-class Unlock {
- public:
-  explicit Unlock(HANDLE mutex) : mutex_(mutex) {}
-  ~Unlock() { ReleaseMutex(mutex_); }
-  Unlock(const Unlock&) = delete;
-  Unlock& operator=(const Unlock&) = delete;
+constexpr std::uint64_t kOneTurn = std::uint64_t{1} << 32;
+constexpr int kSpins = 200, kYields = 50, kSleepsBetweenLooks = 50;
 
- private:
-  HANDLE mutex_;
-};
+DWORD LoneHolder(std::uint64_t turns) {
+  return static_cast<DWORD>(turns);
+}
+
+// Whether the thread still runs. One that was ended while it had the lock gives nothing back.
+bool IsAlive(DWORD thread_id) {
+  const HANDLE thread = OpenThread(SYNCHRONIZE, FALSE, thread_id);
+  if (!thread) return GetLastError() != ERROR_INVALID_PARAMETER;
+  const bool alive = WaitForSingleObject(thread, 0) == WAIT_TIMEOUT;
+  CloseHandle(thread);
+  return alive;
+}
 
 void Append(wchar_t (&path)[1024], const wchar_t* text) {
   const size_t length = wcslen(path);
@@ -32,6 +36,18 @@ void Append(wchar_t (&path)[1024], const wchar_t* text) {
 }
 
 }  // namespace
+
+// Lets the lock go on every path out of a scope.
+class SCLog::Turn {
+ public:
+  explicit Turn(SCLog& log) : log_(log) {}
+  ~Turn() { log_.GiveBack(); }
+  Turn(const Turn&) = delete;
+  Turn& operator=(const Turn&) = delete;
+
+ private:
+  SCLog& log_;
+};
 
 SCLog::SCLog(const wchar_t* file_name) {
   wchar_t folder[MAX_PATH] = {};
@@ -59,15 +75,56 @@ void SCLog::SetFileLine(const wchar_t* source_path, int line) noexcept {
   if (closed_) return;
   // Made by the constructor's own line, while the loader still keeps other threads out.
   if (!lock_) lock_ = CreateMutexW(nullptr, FALSE, nullptr);
-  WaitForSingleObject(lock_, INFINITE);
+  Take();
   const wchar_t* slash = wcsrchr(source_path, L'\\');
   wcsncpy(source_, slash ? slash + 1 : source_path, std::size(source_) - 1);
   line_ = line;
 }
 
+// A mutex costs a call of the system whether or not anybody else wants it, and most lines are written by a thread that
+// is alone. Such a thread takes the lock by one exchange; every other one waits on the mutex.
+void SCLog::Take() noexcept {
+  const DWORD thread = GetCurrentThreadId();
+  std::uint64_t turns = 0;
+  if (turns_.compare_exchange_strong(turns, kOneTurn | thread)) return;
+  if (LoneHolder(turns) == thread) return;  // left behind by a fault of this thread in the middle of a line
+  turns_ += kOneTurn;
+  WaitForSingleObject(lock_, INFINITE);
+  WaitForLoneHolder();
+}
+
+// The owner of the mutex waits for the one thread that has come before it without: for the rest of a line, as a rule.
+void SCLog::WaitForLoneHolder() noexcept {
+  for (int round = 0;; ++round) {
+    std::uint64_t turns = turns_;
+    const DWORD holder = LoneHolder(turns);
+    if (!holder) return;
+    if (round < kSpins) {
+      YieldProcessor();
+    } else if (round < kSpins + kYields) {
+      SwitchToThread();
+    } else {
+      Sleep(1);
+      const bool look = (round - kSpins - kYields) % kSleepsBetweenLooks == kSleepsBetweenLooks - 1;
+      if (look && !IsAlive(holder) && LoneHolder(turns = turns_) == holder)
+        turns_.compare_exchange_strong(turns, turns - kOneTurn - holder);
+    }
+  }
+}
+
+void SCLog::GiveBack() noexcept {
+  const DWORD thread = GetCurrentThreadId();
+  if (LoneHolder(turns_) == thread) {
+    turns_ -= kOneTurn | thread;
+    return;
+  }
+  ReleaseMutex(lock_);
+  turns_ -= kOneTurn;
+}
+
 void SCLog::Log(int level, const wchar_t* format, ...) noexcept {
   if (closed_) return;
-  Unlock unlock(lock_);
+  const Turn turn(*this);
   if (level > threshold_ || (!stream_ && !Open())) return;
   wchar_t message[kMessageChars] = {};
   va_list args;

@@ -7,6 +7,8 @@
 
 #include <windows.h>
 
+#include <atomic>
+#include <cstdint>
 #include <cstdio>
 #include <type_traits>
 
@@ -36,6 +38,11 @@ class SCLog {
   const wchar_t* path() const noexcept { return path_; }
 
  private:
+  class Turn;
+
+  void Take() noexcept;
+  void GiveBack() noexcept;
+  void WaitForLoneHolder() noexcept;
   bool Open() noexcept;
   void Write(int level, const wchar_t* message) noexcept;
 
@@ -43,9 +50,12 @@ class SCLog {
   int line_ = 0;
   wchar_t path_[1024] = {};
   std::FILE* stream_ = nullptr;
-  bool closed_ = false;  // the separator stands: what comes later is dropped
   int threshold_ = 0;
   HANDLE lock_ = nullptr;
+  // Who wants or has the lock: their number in the upper half; in the lower, the id of the thread that found nobody
+  // there and has it without the mutex.
+  std::atomic<std::uint64_t> turns_ = 0;
+  bool closed_ = false;  // the separator stands: what comes later is dropped
 };
 
 extern SCLog g_Log;

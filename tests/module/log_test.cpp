@@ -1,10 +1,12 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <fstream>
 #include <iterator>
 #include <vector>
 
 #include "module/core/SCLog.h"
+#include "tests/support/import_hook.h"
 #include "tests/support/scratch_registry.h"
 #include "tests/support/thread.h"
 
@@ -38,8 +40,7 @@ class LogFile : public testing::Test {
     return std::string(std::istreambuf_iterator<char>(file), {});
   }
 
-  // Another thread can log: the lock was let go. A thread that waits for ever is left to the end of the process. Waits
-  // for the thread itself: the toolchain's futures lose a wake-up now and then.
+  // Another thread can log: the lock was let go. A thread that waits for ever is left to the end of the process.
   static void ExpectLockFree(SCLog& log) {
     const auto take = [](void* of) -> DWORD {
       static_cast<SCLog*>(of)->SetFileLine(kLogSource, 1);
@@ -50,6 +51,15 @@ class LogFile : public testing::Test {
     ASSERT_NE(thread, nullptr);
     EXPECT_EQ(WaitForSingleObject(thread, 20'000), WAIT_OBJECT_0) << "the log's lock was kept";
     CloseHandle(thread);
+  }
+  // A thread that writes a line.
+  static HANDLE StartLine(SCLog& log) {
+    const auto write = [](void* of) -> DWORD {
+      static_cast<SCLog*>(of)->SetFileLine(kLogSource, 1);
+      static_cast<SCLog*>(of)->Log(SCLog::kOrdinary, L"started");
+      return 0;
+    };
+    return CreateThread(nullptr, 0, write, &log, 0, nullptr);
   }
   // Keeps every other opener out.
   HANDLE OpenExclusively(DWORD flags = 0) {
@@ -63,7 +73,7 @@ class LogFile : public testing::Test {
   size_t first_line_ = 0;  // bytes of the line that names the process
 };
 
-TEST_F(LogFile, WritesLinesInTheLaidDownForm) {
+TEST_F(LogFile, WritesLinesInOneForm) {
   {
     SCLog log(name_);
     Line(log, L"message \x3b1\xd83d\xde00");
@@ -195,6 +205,46 @@ TEST_F(LogFile, KeepsLinesOfSeveralThreadsWhole) {
       snprintf(line, sizeof(line), "LogTest(%d):thread %d line %d end \r\n", t, t, i);
       ASSERT_NE(content.find(line), std::string::npos) << line;
     }
+}
+
+TEST_F(LogFile, AsksTheSystemForItsLockOnlyWhenAnotherThreadHasIt) {
+  SCLog log(name_);
+  const DWORD alone = GetCurrentThreadId();
+  std::atomic<int> lone_waits = 0, endless_waits = 0;
+  const ZK_IMPORT_HOOK(WaitForSingleObject) waits([&](auto real, HANDLE handle, DWORD milliseconds) {
+    (GetCurrentThreadId() == alone ? lone_waits : endless_waits) += milliseconds == INFINITE;
+    return real(handle, milliseconds);
+  });
+  for (int i = 0; i < 100; ++i) Line(log, L"alone");
+  EXPECT_EQ(lone_waits, 0);
+  log.SetFileLine(kLogSource, 8);
+  const HANDLE others[] = {StartLine(log), StartLine(log)};
+  EXPECT_EQ(WaitForMultipleObjects(2, others, FALSE, 200), DWORD{WAIT_TIMEOUT}) << "the lock was not kept";
+  EXPECT_EQ(endless_waits, 2);
+  log.Log(SCLog::kOrdinary, L"first");
+  EXPECT_EQ(WaitForMultipleObjects(2, others, TRUE, 20'000), WAIT_OBJECT_0);
+  for (const HANDLE other : others) CloseHandle(other);
+  EXPECT_LT(Content().find("(8):first"), Content().find("(1):started"));
+}
+
+TEST_F(LogFile, OutlivesAThreadThatIsEndedInTheMiddleOfALine) {
+  SCLog log(name_);
+  for (const bool contended : {false, true}) {
+    if (contended) log.SetFileLine(kLogSource, 1);
+    const auto take = [](void* of) -> DWORD {
+      static_cast<SCLog*>(of)->SetFileLine(kLogSource, 1);
+      Sleep(INFINITE);
+      return 0;
+    };
+    const HANDLE thread = CreateThread(nullptr, 0, take, &log, 0, nullptr);
+    Sleep(100);
+    if (contended) log.Log(SCLog::kDetail, L"");
+    Sleep(100);
+    TerminateThread(thread, 0);
+    EXPECT_EQ(WaitForSingleObject(thread, 20'000), WAIT_OBJECT_0);
+    CloseHandle(thread);
+    ExpectLockFree(log);
+  }
 }
 
 // The other side of the next test: a process of its own with the same file.
