@@ -177,6 +177,7 @@ void WINAPI HxHexFromBin(LPBYTE bytes, int count, char* text) {
   Always("HexFromBin", [&] {
     constexpr char kDigits[] = "0123456789ABCDEF";
     if (!text) return;
+    if (!bytes && count > 0) NoteMisuse();
     for (int i = 0; bytes && i < count; ++i) {
       *text++ = kDigits[bytes[i] >> 4];
       *text++ = kDigits[bytes[i] & 15];

@@ -2,6 +2,8 @@
 // the released build nothing is left of it.
 #pragma once
 
+#include <string>
+
 #include "provider/mapi.h"
 
 #ifdef HOARDEX_MAPI_CHECKED
@@ -48,6 +50,12 @@ class Call {
 void CountLive(Kind kind, long change) noexcept;
 bool DenyAllocation() noexcept;
 
+// How the provider behaves where it may behave otherwise, and what a caller did that only this one forgives.
+using Manner = HoardexMapiManner;
+bool Has(Manner manner) noexcept;
+void NoteMisuse() noexcept;
+void MakeStore(const std::u16string& path);
+
 #else
 
 class Call {
@@ -61,6 +69,19 @@ inline void CountLive(Kind, long) noexcept {}
 constexpr bool DenyAllocation() noexcept {
   return false;
 }
+
+enum Manner {
+  kHoardexMapiMakesStores,
+  kHoardexMapiTouchesStores,
+  kHoardexMapiGivesFewRows,
+  kHoardexMapiCopiesUncounted,
+  kHoardexMapiLeavesTypes
+};
+constexpr bool Has(Manner) noexcept {
+  return false;
+}
+inline void NoteMisuse() noexcept {}
+inline void MakeStore(const std::u16string&) {}
 
 #endif
 

@@ -90,6 +90,20 @@ std::shared_ptr<Profile> OpenLocked(const std::u16string& name, bool deleted_too
 
 }  // namespace
 
+namespace {
+
+std::shared_ptr<StoreFile> StoreFor(const std::u16string& path) {
+  if (!Has(kHoardexMapiMakesStores)) return StoreFile::Open(path);
+  try {
+    return StoreFile::Open(path);
+  } catch (const vault::Error&) {
+    MakeStore(path);
+    return StoreFile::Open(path);
+  }
+}
+
+}  // namespace
+
 std::vector<Service> Profile::services() const {
   const std::scoped_lock lock(lock_);
   return services_;
@@ -145,7 +159,7 @@ void Profile::Configure(const MAPIUID& uid, const std::u16string& path) {
     const std::scoped_lock lock(lock_);
     Find(uid);
   }
-  auto file = StoreFile::Open(path);
+  auto file = StoreFor(path);
   const std::scoped_lock lock(lock_);
   Service& service = Find(uid);
   service.path = path;

@@ -34,6 +34,8 @@ class Store : public PropObject<IMsgStore> {
         same);
   }
   STDMETHODIMP OpenEntry(ULONG size, LPENTRYID id, LPCIID iid, ULONG flags, ULONG* type, LPUNKNOWN* object) override {
+    ULONG unasked = 0;
+    if (Has(kHoardexMapiLeavesTypes)) type = &unasked;
     return Guarded(
         "IMsgStore::OpenEntry", [&] { provider::OpenEntry(file_, size, id, iid, flags, type, object); }, type, object);
   }

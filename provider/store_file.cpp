@@ -64,6 +64,21 @@ std::vector<std::uint8_t> StoreEntryId(const std::u16string& path) {
   return id;
 }
 
+namespace {
+
+void Touch(const std::u16string& path) {
+  const HANDLE file =
+      CreateFileW(AsWide(path).c_str(), FILE_WRITE_ATTRIBUTES, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                  nullptr, OPEN_EXISTING, 0, nullptr);
+  if (file == INVALID_HANDLE_VALUE) return;
+  FILETIME now;
+  GetSystemTimeAsFileTime(&now);
+  SetFileTime(file, nullptr, nullptr, &now);
+  CloseHandle(file);
+}
+
+}  // namespace
+
 std::shared_ptr<StoreFile> StoreFile::Open(const std::u16string& path) {
   const std::u16string key = KeyOf(path);
   const std::scoped_lock lock(files_lock);
@@ -71,6 +86,7 @@ std::shared_ptr<StoreFile> StoreFile::Open(const std::u16string& path) {
   if (auto file = slot.lock(); file && file->stamp_ == StampOf(path)) return file;
   auto file = std::make_shared<StoreFile>(path);
   slot = file;
+  if (Has(kHoardexMapiTouchesStores)) Touch(path);
   return file;
 }
 

@@ -38,6 +38,7 @@ class Stream : public Object<IStream> {
     });
   }
   STDMETHODIMP CopyTo(IStream* to, ULARGE_INTEGER size, ULARGE_INTEGER* read, ULARGE_INTEGER* written) override {
+    if (Has(kHoardexMapiCopiesUncounted)) read = written = nullptr;
     if (read) read->QuadPart = 0;
     if (written) written->QuadPart = 0;
     return Guarded("IStream::CopyTo", [&]() -> HRESULT {

@@ -213,6 +213,7 @@ class Table : public Object<IMAPITable> {
         [&](const Call& call) {
           Require(rows != nullptr, MAPI_E_INVALID_PARAMETER);
           const std::scoped_lock lock(lock_);
+          if (Has(kHoardexMapiGivesFewRows)) wanted = std::min<LONG>(wanted, 2);
           const std::int64_t to = std::clamp<std::int64_t>(std::int64_t{position_} + wanted, 0, count_);
           const auto first = static_cast<std::uint32_t>(std::min<std::int64_t>(position_, to));
           const auto last = static_cast<std::uint32_t>(std::max<std::int64_t>(position_, to));

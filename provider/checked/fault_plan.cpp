@@ -2,7 +2,9 @@
 
 #include <array>
 #include <atomic>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -10,6 +12,7 @@
 #include "provider/memory.h"
 #include "provider/object.h"
 #include "provider/profile.h"
+#include "vault/writer.h"
 
 namespace provider {
 namespace {
@@ -66,7 +69,30 @@ LPSRowSet WithOneMore(LPSRowSet rows) {
   return longer;
 }
 
+unsigned MannersOfEnvironment() {
+  char text[16] = {};
+  GetEnvironmentVariableA("HOARDEX_MAPI_MANNERS", text, sizeof text);
+  return static_cast<unsigned>(std::strtoul(text, nullptr, 10));
+}
+std::atomic<unsigned>& Manners() {
+  static std::atomic<unsigned> manners = MannersOfEnvironment();
+  return manners;
+}
+std::atomic<long> misuses = 0;
+
 }  // namespace
+
+bool Has(HoardexMapiManner manner) noexcept {
+  return (Manners() & manner) != 0;
+}
+
+void NoteMisuse() noexcept {
+  ++misuses;
+}
+
+void MakeStore(const std::u16string& path) {
+  vault::StoreBuilder("made by its service").Write(std::filesystem::path(path));
+}
 
 Call::Call(const char* operation) : fault_(Enter(operation)) {}
 
@@ -175,6 +201,14 @@ long WINAPI HoardexMapiFaultsGiven() {
 long WINAPI HoardexMapiAllocations() {
   const std::scoped_lock lock(TheState().lock);
   return TheState().allocations;
+}
+
+void WINAPI HoardexMapiSetManners(unsigned manners) {
+  provider::Manners() = manners;
+}
+
+long WINAPI HoardexMapiMisuses() {
+  return provider::misuses;
 }
 
 void WINAPI HoardexMapiCountLive(HoardexMapiLiveCounts* counts) {

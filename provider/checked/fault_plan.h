@@ -34,6 +34,17 @@ struct HoardexMapiFaultPlan {
   long last = 0;    // with from_then_on: the last call that is picked; 0: there is none
 };
 
+// What documented MAPI does, or may do, where this provider is kinder. None unless a test, or the environment variable
+// HOARDEX_MAPI_MANNERS (a number), asks for it.
+enum HoardexMapiManner : unsigned {
+  kHoardexMapiMakesStores = 1,      // a service that is configured with a path makes a store there unless there is one,
+                                    // over whatever else is there
+  kHoardexMapiTouchesStores = 2,    // each opening of a store changes its file's time
+  kHoardexMapiGivesFewRows = 4,     // QueryRows hands out two rows at most, whatever it is asked for
+  kHoardexMapiCopiesUncounted = 8,  // IStream::CopyTo leaves both counts alone
+  kHoardexMapiLeavesTypes = 16,     // OpenEntry leaves the type alone
+};
+
 // What exists now, in this process; `profiles` are all of the user's.
 struct HoardexMapiLiveCounts {
   long profile_admins, service_admins, sessions, stores, folders, messages, attachments, tables, streams, address_books;
@@ -58,6 +69,11 @@ __declspec(dllexport) const char* WINAPI HoardexMapiCallName(long call);
 __declspec(dllexport) long WINAPI HoardexMapiFaultsGiven();
 // Blocks allocated since then.
 __declspec(dllexport) long WINAPI HoardexMapiAllocations();
+
+__declspec(dllexport) void WINAPI HoardexMapiSetManners(unsigned manners);
+// Calls that would have ended a process with another MAPI library: a pointer to bytes that is null although they are
+// counted. For the life of the process.
+__declspec(dllexport) long WINAPI HoardexMapiMisuses();
 
 __declspec(dllexport) void WINAPI HoardexMapiCountLive(HoardexMapiLiveCounts* counts);
 

@@ -46,6 +46,9 @@ class ProviderFaults {
   static void Fail(const char* operation, long call, HRESULT result, bool from_then_on = false) {
     Set({operation, call, from_then_on, kHoardexMapiAnswer, result, 0, 0});
   }
+  // What the provider does from now on, of what MAPI may do; 0 for nothing of it.
+  static void Behave(unsigned manners) { Find<decltype(HoardexMapiSetManners)>("HoardexMapiSetManners")(manners); }
+  static long Misuses() { return Find<decltype(HoardexMapiMisuses)>("HoardexMapiMisuses")(); }
   static long CallsEntered() { return Find<decltype(HoardexMapiCallsEntered)>("HoardexMapiCallsEntered")(); }
   static const char* CallName(long call) { return Find<decltype(HoardexMapiCallName)>("HoardexMapiCallName")(call); }
   static long FaultsGiven() { return Find<decltype(HoardexMapiFaultsGiven)>("HoardexMapiFaultsGiven")(); }
