@@ -90,7 +90,8 @@ void Store(const EntryPoint& entry, FARPROC value) {
   memcpy(entry.pointer, &value, sizeof(value));
 }
 
-// The raw bytes of a value of the mail client's key, up to the first NUL; empty when key or value is absent.
+// The raw bytes of a value of the mail client's key with two NULs behind them, so that whoever reads them as a list of
+// strings finds its end; empty when key or value is absent or begins with a NUL.
 std::string ReadMailClientValue(const char* name) {
   HKEY key;
   if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, kMailClientKey, 0, KEY_READ, &key) != ERROR_SUCCESS) return {};
@@ -101,7 +102,8 @@ std::string ReadMailClientValue(const char* name) {
     if (RegQueryValueExA(key, name, nullptr, nullptr, reinterpret_cast<BYTE*>(data.data()), &size) != ERROR_SUCCESS)
       size = 0;
     data.resize(size);
-    data.resize(strnlen(data.data(), data.size()));
+    if (!*data.c_str()) data.clear();
+    if (!data.empty()) data.append(2, '\0');
   }
   RegCloseKey(key);
   return data;
@@ -129,6 +131,7 @@ std::wstring FindComponent(const std::string& component) {
     memcpy(&get_path, &address, sizeof(get_path));
     const auto ask = [&](const std::string* qualifier) {
       char buffer[261] = {};
+      // Of the qualifier, the look-up reads the strings behind the first one, too.
       std::string id = component, name = qualifier ? *qualifier : std::string();
       if (get_path(id.data(), qualifier ? name.data() : nullptr, buffer, sizeof(buffer), FALSE) == 1) {
         buffer[sizeof(buffer) - 1] = 0;

@@ -23,7 +23,7 @@ constexpr wchar_t kMailClient[] = L"Software\\Clients\\Mail\\Microsoft Outlook";
 
 // What the stand-in for the system's stub is asked, and what it answers.
 struct Question {
-  std::string component, qualifier;  // "<null>" for none
+  std::string component, qualifier;  // "<null>" for none; of a list of strings, each in turn behind a "|"
   DWORD size;
   BOOL install;
   bool operator==(const Question&) const = default;
@@ -184,6 +184,18 @@ TEST_F(Loader, AsksTheSystemsStubForTheComponent) {
   AnswerTo("application");
   EXPECT_TRUE(Loads());
   EXPECT_THAT(g_questions, ElementsAre(Asked("application")));
+  // Both are lists of strings on real machines, whose end may be missing.
+  g_questions.clear();
+  for (const auto& [bytes, asked] : {std::pair<std::string, std::string>({"list\0one\0two\0\0", 14}, "list|one|two"),
+                                     {{"list\0one\0two", 12}, "list|one|two"},
+                                     {"raw", "raw"}}) {
+    RegSetKeyValueA(HKEY_LOCAL_MACHINE, "Software\\Clients\\Mail\\Microsoft Outlook", "MSIApplicationLCID",
+                    REG_MULTI_SZ, bytes.data(), static_cast<DWORD>(bytes.size()));
+    AnswerTo(asked);
+    EXPECT_TRUE(Loads());
+    EXPECT_EQ(g_questions.back(), Asked(asked));
+  }
+  Set(L"MSIApplicationLCID", L"application");
   // Only 1 is a success.
   g_questions.clear();
   AnswerTo("application", 2);
@@ -294,6 +306,10 @@ TEST_F(Loader, AnswersWithFixedValuesWithoutMapi) {
 
 extern "C" __declspec(dllexport) BOOL STDMETHODCALLTYPE
     AnswerComponentPath(LPSTR component, LPSTR qualifier, LPSTR path, DWORD size, BOOL install) {
-  g_questions.push_back({component, qualifier ? qualifier : "<null>", size, install});
+  std::string asked = qualifier ? qualifier : "<null>";
+  // The system's look-up reads the strings behind the first one, up to an empty one.
+  for (const char* next = qualifier ? qualifier + asked.size() + 1 : ""; *next; next += strlen(next) + 1)
+    asked.append("|").append(next);
+  g_questions.push_back({component, asked, size, install});
   return g_answer(g_questions.back().qualifier, path);
 }
