@@ -44,8 +44,8 @@ bool CHoardexFilter::ReadAttachmentList() {
     ZK_LOG(L"CHoardexFilter::GetChunk() - SetColumns for attachment table failed with [0x%08lX]", hr);
     return false;
   }
-  TidyRowSet rows;
-  hr = table->QueryRows(static_cast<LONG>(count), 0, &rows);
+  TidyTableRows rows;
+  hr = rows.Query(table.Get(), count);
   if (FAILED(hr) || !rows.rows()) {
     ZK_LOG(L"CHoardexFilter::GetChunk() - QueryRows for attachment table failed with [0x%08lX]", hr);
     return false;
@@ -59,7 +59,7 @@ bool CHoardexFilter::ReadAttachmentList() {
   return false;
 }
 
-void CHoardexFilter::AddAttachmentRow(const TidyRowSet& rows, ULONG i, const GroupPolicy& policy) {
+void CHoardexFilter::AddAttachmentRow(const TidyTableRows& rows, ULONG i, const GroupPolicy& policy) {
   const SPropValue* name = rows.cell(i, kName, PR_DISPLAY_NAME_W);
   if (const SPropValue* cell = rows.cell(i, kExtension, PR_ATTACH_EXTENSION_W)) {
     const std::wstring extension = cell->Value.lpszW;

@@ -18,12 +18,12 @@ constexpr wchar_t kLogSource[] = L".\\HoardexFilter";
 
 CHoardexFilter::CHoardexFilter() : locale_(GetSystemDefaultLCID()) {}
 
-HRESULT CHoardexFilter::SetUp(const std::wstring& url, CMapiForWDS* mapi, const std::wstring& attachment_file,
+HRESULT CHoardexFilter::SetUp(const std::wstring& url, std::shared_ptr<CMapiForWDS> mapi, const std::wstring& attachment_file,
                               const std::wstring& title, const FILETIME& date, const std::wstring& author,
                               IProtocolHandlerSite* site) {
   url_ = url;
   kind_ = CHoardexURL(url_).kind();
-  mapi_ = mapi;
+  mapi_ = std::move(mapi);
   attachment_file_ = attachment_file;
   attachment_title_ = title;
   attachment_author_ = author;
@@ -165,7 +165,7 @@ void CHoardexFilter::ReleaseProperties() {
 HRESULT CHoardexFilter::End() {
   child_urls_.clear();
   child_times_.clear();
-  // Nothing of MAPI outlives the sequence: the host may keep the filter until the session is gone.
+  // A host may keep the filter long after it has read it.
   message_.Reset();
   body_stream_.Reset();
   ReleaseProperties();

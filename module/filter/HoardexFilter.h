@@ -1,6 +1,6 @@
 // The IFilter over one vault item: a sequence of value chunks, the body text, and links to child items.
 //
-// One object serves one URL and is used by one thread at a time. It borrows the vault session and counts the site.
+// One object serves one URL and is used by one thread at a time. It shares the vault session and counts the site.
 #pragma once
 
 #include <windows.h>
@@ -43,7 +43,7 @@ class CHoardexFilter final : public ComObject<IFilter, IPersistStream> {
   CHoardexFilter();
 
   // From the URL accessor, before Init. `title`, `date` and `author` are those of an attachment.
-  HRESULT SetUp(const std::wstring& url, CMapiForWDS* mapi, const std::wstring& attachment_file,
+  HRESULT SetUp(const std::wstring& url, std::shared_ptr<CMapiForWDS> mapi, const std::wstring& attachment_file,
                 const std::wstring& title, const FILETIME& date, const std::wstring& author,
                 IProtocolHandlerSite* site);
 
@@ -77,7 +77,7 @@ class CHoardexFilter final : public ComObject<IFilter, IPersistStream> {
   bool OpenMessage();
   bool ReadBody();
   bool ReadAttachmentList();
-  void AddAttachmentRow(const TidyRowSet& rows, ULONG i, const GroupPolicy& policy);
+  void AddAttachmentRow(const TidyTableRows& rows, ULONG i, const GroupPolicy& policy);
   bool IsFilterAvailable(const std::wstring& extension) const;
   HRESULT End();
   void ReleaseProperties();
@@ -115,7 +115,7 @@ class CHoardexFilter final : public ComObject<IFilter, IPersistStream> {
   // Vault files of the user (VaultFiles.cpp)
   void EnumAllHXFiles(std::vector<std::wstring>& files);
 
-  CMapiForWDS* mapi_ = nullptr;
+  std::shared_ptr<CMapiForWDS> mapi_;  // first: it goes last, after all that came from it
   ULONG chunk_id_ = 0;
   LCID locale_;
   std::wstring url_;

@@ -148,8 +148,8 @@ HRESULT CHoardexFilter::GetRecipientInfo() {
     ZK_LOG(L"CHoardexFilter::GetRecipientInfo() - SetColumns on RecipientTable failed with [0x%08lX]", hr);
     return hr;
   }
-  TidyRowSet rows;
-  hr = table->QueryRows(static_cast<LONG>(count), 0, &rows);
+  TidyTableRows rows;
+  hr = rows.Query(table.Get(), count);
   if (FAILED(hr) || !rows.rows()) {
     ZK_LOG(L"CHoardexFilter::GetRecipientInfo() - QueryRows on RecipientTable failed with [0x%08lX]", hr);
     return FAILED(hr) ? hr : E_FAIL;

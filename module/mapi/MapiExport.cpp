@@ -79,7 +79,7 @@ HRESULT CMapiForWDS::GetMimeStreamFromMessageURL(const std::wstring& url, IStrea
   HRESULT hr = GetMsgFromURL(message_url, &message);
   if (FAILED(hr) || !message) {
     ZK_LOG(L"CMapiForWDS::GetMimeStreamFromMessageURL() : hr = 0x%08lX, Failed to create IMessage object for url - %s",
-           hr, message_url.c_str());
+           hr, url.c_str());
     return FAILED(hr) ? hr : E_FAIL;
   }
   ComPtr<IConverterSession> converter;

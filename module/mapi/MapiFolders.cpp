@@ -10,7 +10,7 @@ using Microsoft::WRL::ComPtr;
 namespace {
 
 constexpr wchar_t kLogSource[] = L".\\MapiForWDS";
-constexpr size_t kVaultToken = 3;
+using url::kVaultToken;
 // Ends the walk to the top when a damaged store's folders are one another's parents.
 constexpr int kMaxFolderDepth = 512;
 
@@ -66,7 +66,7 @@ HRESULT CMapiForWDS::BrowseFolder(const std::wstring& folder_url, std::wstring& 
 // The folder of a hexadecimal token, or the top of the message tree.
 HRESULT CMapiForWDS::OpenContainer(const std::wstring& token, bool top, LPMAPIFOLDER* folder) {
   if (!store_) return E_FAIL;
-  ULONG type = 0;
+  ULONG type = MAPI_FOLDER;  // a provider may leave it
   IUnknown* object = nullptr;
   if (top) {
     SizedSPropTagArray(1, tags) = {1, {PR_IPM_SUBTREE_ENTRYID}};
@@ -152,8 +152,8 @@ HRESULT CMapiForWDS::GetFolderContents(bool sub_folders, LPMAPIFOLDER folder, st
   }
   ZK_LOG(L"CMapiForWDS::GetFolderContents() - RowCount is [%ld]", count);
   if (!count) return S_OK;
-  TidyRowSet rows;
-  hr = table->QueryRows(static_cast<LONG>(count), 0, &rows);
+  TidyTableRows rows;
+  hr = rows.Query(table.Get(), count);
   if (FAILED(hr)) {
     ZK_LOG(L"CMapiForWDS::GetFolderContents() - QueryRows failed with [0x%08lX]", hr);
     return hr;
@@ -219,7 +219,7 @@ HRESULT CMapiForWDS::GetFolderPath(LPMAPIFOLDER folder, std::wstring& path) {
     if (id && id->Value.bin.cb == parent->Value.bin.cb &&
         !memcmp(id->Value.bin.lpb, parent->Value.bin.lpb, parent->Value.bin.cb))
       break;
-    ULONG type = 0;
+    ULONG type = MAPI_FOLDER;
     ComPtr<IUnknown> object;
     hr = store_->OpenEntry(parent->Value.bin.cb, EntryId(parent->Value.bin), nullptr, MAPI_BEST_ACCESS, &type, &object);
     if (FAILED(hr)) break;

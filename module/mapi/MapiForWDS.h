@@ -1,13 +1,15 @@
 // One MAPI session and open store per vault file, shared by every item URL that names the file.
 //
-// GetMapiObj is the one way in; the process-wide table owns every object until CleanMapiObjs, callers borrow them. The
-// objects have no lock of their own: MAPI is initialised for several threads.
+// GetMapiObj is the one way in. The process-wide table shares each object with those who work with it: CleanMapiObjs
+// lets go of it, and the last one to do so tears the session down. An entry of the table holds the module. The objects
+// have no lock of their own: MAPI is initialised for several threads.
 #pragma once
 
 #include <windows.h>
 
 #include <wrl/client.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -19,8 +21,8 @@ class CMapiForWDS {
   // The object for the URL's vault file, made and set up on first use; null when the URL names no vault file or the
   // set-up fails. An object whose set-up failed stays as it is and is not kept in the table.
   // `set_up`, where given, is the set-up's result if there was one.
-  static CMapiForWDS* GetMapiObj(std::wstring item_url, HRESULT* set_up = nullptr);
-  // Tears down and destroys every object of the table. No borrower may be at work.
+  static std::shared_ptr<CMapiForWDS> GetMapiObj(std::wstring item_url, HRESULT* set_up = nullptr);
+  // Empties the table. Objects that nobody works with are torn down before it returns, the others by their last user.
   static void CleanMapiObjs();
 
   // The message that a message URL names.
@@ -55,6 +57,9 @@ class CMapiForWDS {
   CMapiForWDS(const CMapiForWDS&) = delete;
   CMapiForWDS& operator=(const CMapiForWDS&) = delete;
   friend struct MapiForWDSTest;
+  struct Closer {
+    void operator()(CMapiForWDS* object) const;
+  };
 
   HRESULT Setup(const std::wstring& item_url);
   HRESULT EnableMAPI();

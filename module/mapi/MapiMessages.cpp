@@ -73,7 +73,7 @@ SBinary CMapiForWDS::CStringToEntryID(const std::wstring& hex) {
 std::wstring CMapiForWDS::BinaryToText(const SBinary& value) {
   char narrow[kHexBuffer] = {};
   const ULONG count = std::min<ULONG>(value.cb, kHexBuffer / 2 - 1);
-  mapi::HexFromBin(value.lpb, static_cast<int>(count), narrow);
+  if (value.lpb) mapi::HexFromBin(value.lpb, static_cast<int>(count), narrow);
   return std::wstring(narrow, narrow + strlen(narrow));
 }
 
@@ -91,7 +91,7 @@ HRESULT CMapiForWDS::GetMsgFromURL(const std::wstring& message_url, LPMESSAGE* m
     ZK_LOG(L"CMapiForWDS::GetMsgFromURL() - CStringToEntryID failed");
     return E_FAIL;
   }
-  ULONG type = 0;
+  ULONG type = MAPI_MESSAGE;  // a provider may leave it
   IUnknown* object = nullptr;
   const HRESULT hr =
       store_ ? store_->OpenEntry(id.cb, reinterpret_cast<LPENTRYID>(id.lpb), nullptr, MAPI_BEST_ACCESS, &type, &object)
@@ -163,8 +163,8 @@ HRESULT CMapiForWDS::GetStreamFromAttachmentURL(const std::wstring& attachment_u
            hr);
     return hr;
   }
-  TidyRowSet rows;
-  hr = table->QueryRows(static_cast<LONG>(count), 0, &rows);
+  TidyTableRows rows;
+  hr = rows.Query(table.Get(), count);
   if (FAILED(hr)) {
     ZK_LOG(L"CMapiForWDS::GetStreamFromAttachmentURL() - QueryRows for attachment table failed with [0x%08lX]", hr);
     return hr;

@@ -1,72 +1,54 @@
 // Life of a vault session: MAPI initialised, session on a temporary profile, PST service, store; and the way back.
 #include <comdef.h>
 
-#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <iterator>
-#include <memory>
-#include <unordered_map>
 
 #include "module/core/HoardexURL.h"
 #include "module/core/SCLog.h"
 #include "module/core/Text.h"
 #include "module/mapi/MapiForWDS.h"
+#include "module/mapi/StoreHeader.h"
 #include "platform/critical_section.h"
 
 namespace {
 
 constexpr wchar_t kLogSource[] = L".\\MapiForWDS";
-constexpr size_t kVaultToken = 3;
 constexpr HRESULT kPathTooLong = HRESULT_FROM_WIN32(ERROR_FILENAME_EXCED_RANGE);
-constexpr size_t kMaxVaultPath = 1023;  // what the service's file name property is given room for
+constexpr size_t kMaxVaultPath = 1023;   // what the service's file name property is given room for
+constexpr DWORD kLongestLogon = 30'000;  // milliseconds to wait for another process's
 
-// The helper table. Writers hold the critical section; look-ups read an immutable snapshot and take no lock.
-class HelperTable {
+using url::kVaultToken;
+
+// Held while a temporary profile exists: the clean-up of one session would delete the profile that another, in this or
+// any other process of the logon session, is about to log on to. A process that ended while it held the lock is no
+// reason to wait, and one that holds it for too long none to have no session.
+class ProfileLock {
  public:
-  using Map = std::unordered_map<std::wstring, CMapiForWDS*>;
-
-  CMapiForWDS* Find(const std::wstring& key) const {
-    const auto map = map_.load();
-    const auto entry = map->find(key);
-    return entry == map->end() ? nullptr : entry->second;
+  ProfileLock() : process_(OfProcess()), mutex_(CreateMutexW(nullptr, FALSE, L"Local\\Hoardex.TemporaryProfiles")) {
+    const DWORD waited = mutex_ ? WaitForSingleObject(mutex_, kLongestLogon) : WAIT_FAILED;
+    owned_ = waited == WAIT_OBJECT_0 || waited == WAIT_ABANDONED;
+    if (!owned_)
+      ZK_LOG(L"CMapiForWDS::CreateMapiSession() - Waiting for the sessions of other processes failed [0x%08lX]",
+             waited == WAIT_TIMEOUT ? waited : GetLastError());
   }
-
-  void Store(const std::wstring& key, CMapiForWDS* object) {
-    CriticalSection::Guard guard(lock_);
-    auto map = std::make_shared<Map>(*map_.load());
-    (*map)[key] = object;
-    map_.store(std::move(map));
+  ~ProfileLock() {
+    if (owned_) ReleaseMutex(mutex_);
+    if (mutex_) CloseHandle(mutex_);
   }
-
-  // Empties the table and runs `each` on what was in it, under the lock. The table is empty first, so that a look-up
-  // meanwhile finds no object that is being torn down.
-  template <class Before, class Each>
-  void Clean(Before&& before, Each&& each) {
-    CriticalSection::Guard guard(lock_);
-    const auto map = map_.exchange(empty_);
-    before(map->size());
-    for (const auto& [key, object] : *map) each(key, object);
-  }
+  ProfileLock(const ProfileLock&) = delete;
+  ProfileLock& operator=(const ProfileLock&) = delete;
 
  private:
-  CriticalSection lock_;
-  const std::shared_ptr<const Map> empty_ = std::make_shared<const Map>();  // emptying must not need memory
-  std::atomic<std::shared_ptr<const Map>> map_ = empty_;
+  static CriticalSection& OfProcess() {
+    static CriticalSection lock;
+    return lock;
+  }
+  const CriticalSection::Guard process_;
+  const HANDLE mutex_;
+  bool owned_ = false;
 };
-
-HelperTable& Helpers() {
-  // Never destroyed: another thread may still look something up while the process goes down.
-  static HelperTable* table = new HelperTable;
-  return *table;
-}
-
-// Held while a temporary profile exists: the clean-up of one session would delete the profile that another is about to
-// log on to.
-CriticalSection& ProfileLock() {
-  static CriticalSection* lock = new CriticalSection;  // never destroyed, like the table
-  return *lock;
-}
 
 LPTSTR Ansi(const char* text) {
   return reinterpret_cast<LPTSTR>(const_cast<char*>(text));
@@ -112,55 +94,6 @@ bool IsTemporaryProfile(const char* name) {
 }
 
 }  // namespace
-
-CMapiForWDS* CMapiForWDS::GetMapiObj(std::wstring item_url, HRESULT* set_up) {
-  std::vector<std::wstring> tokens;
-  if (ExtractURLTokens(item_url, tokens) <= static_cast<int>(kVaultToken)) {
-    ZK_LOG(L"CMapiForWDS::Setup() - ExtractURLTokens failed");
-    return nullptr;
-  }
-  const std::wstring key = text::Lower(tokens[kVaultToken]);
-  CMapiForWDS* object = Helpers().Find(key);
-  ZK_LOG(
-      L"CMapiForWDS::GetMapiObj() - Looking in MAPI helper object table, for file path %s the MAPI object address is "
-      L"[0x%lX].",
-      key.c_str(), logging::Address(object));
-  if (object) return object;
-  // What throws leaves nobody who knows of the object; a step that fails is another matter.
-  const auto abandon = [](CMapiForWDS* unfinished) {
-    unfinished->Teardown();
-    delete unfinished;
-  };
-  std::unique_ptr<CMapiForWDS, decltype(abandon)> made(new CMapiForWDS, abandon);
-  object = made.get();
-  ZK_LOG(L"CMapiForWDS::GetMapiObj() - Created a new MAPI helper object at address [0x%lX] for file name %s",
-         logging::Address(object), key.c_str());
-  const HRESULT hr = object->Setup(item_url);
-  ZK_LOG(L"CMapiForWDS::GetMapiObj() - Call to CMapiForWDS::Setup() returned with value [0x%08lX]. URL is :%s", hr,
-         item_url.c_str());
-  if (set_up) *set_up = hr;
-  // Neither kept nor torn down: whatever the set-up had opened stays open, and the next request builds another.
-  if (SUCCEEDED(hr)) Helpers().Store(key, object);
-  made.release();
-  return SUCCEEDED(hr) ? object : nullptr;
-}
-
-void CMapiForWDS::CleanMapiObjs() {
-  ZK_LOG(L"CMapiForWDS::CleanMapiObjs() - Enter");
-  Helpers().Clean(
-      [](size_t count) {
-        ZK_LOG(L"CMapiForWDS::CleanMapiObjs() - %d MAPI helper objects to be cleaned up", static_cast<int>(count));
-      },
-      [](const std::wstring& key, CMapiForWDS* object) {
-        ZK_LOG(
-            L"CMapiForWDS::CleanMapiObjs() - Cleaning up MAPI helper object at address [0x%lX] whose file path is "
-            L"%s.",
-            logging::Address(object), key.c_str());
-        object->Teardown();
-        delete object;
-      });
-  ZK_LOG(L"CMapiForWDS::CleanMapiObjs() - Exit");
-}
 
 CMapiForWDS::~CMapiForWDS() {
   mapi::MAPIFreeBuffer(store_entry_id_);
@@ -224,7 +157,7 @@ HRESULT CMapiForWDS::CreateMapiSession() {
     ZK_LOG(L"CMapiForWDS::CreateMapiSession() - MAPIAdminProfiles failed [0x%08lX]", hr);
     return hr;
   }
-  const CriticalSection::Guard guard(ProfileLock());
+  const ProfileLock lock;
   ZK_LOG(L"CMapiForWDS::CreateMapiSession() - Calling DeleteOldProfiles");
   hr = DeleteOldProfiles(admin.Get());
   ZK_LOG(L"CMapiForWDS::CreateMapiSession() - Called DeleteOldProfiles");
@@ -329,7 +262,10 @@ HRESULT CMapiForWDS::AddService() {
     ZK_LOG(L"CMapiForWDS::AddService() - Property tag not correct [0x%08lX]", uid.Value.err);
     return uid.Value.err;
   }
-  if (!Carries(uid, PR_SERVICE_UID) || uid.Value.bin.cb < sizeof(service_uid_)) return E_FAIL;
+  if (!Carries(uid, PR_SERVICE_UID) || uid.Value.bin.cb < sizeof(service_uid_)) {
+    ZK_LOG(L"CMapiForWDS::AddService() - Property tag not as expected");
+    return E_FAIL;
+  }
   memcpy(&service_uid_, uid.Value.bin.lpb, sizeof(service_uid_));
   ++service_count_;
   return S_OK;
@@ -359,7 +295,13 @@ HRESULT CMapiForWDS::ConfigurePST(const std::wstring& path) {
     value.ulPropTag = PR_PST_FILENAME_A;
     value.Value.lpszA = narrow;
   }
-  const HRESULT hr = service_admin_->ConfigureMsgService(&service_uid_, 0, 0, 1, &value);
+  // The service would make a store of what is none, over the file that is there.
+  HRESULT hr = CheckStoreHeader(path);
+  if (FAILED(hr)) {
+    ZK_LOG(L"CMapiForWDS::ConfigurePST() - ConfigureMsgService failed with [0x%08lX]", hr);
+    return hr;
+  }
+  hr = service_admin_->ConfigureMsgService(&service_uid_, 0, 0, 1, &value);
   if (FAILED(hr)) {
     ZK_LOG(L"CMapiForWDS::ConfigurePST() - ConfigureMsgService failed with [0x%08lX]", hr);
     LogExtendedError(service_admin_.Get(), hr);

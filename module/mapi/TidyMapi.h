@@ -2,6 +2,11 @@
 // says which.
 #pragma once
 
+#include <algorithm>
+#include <climits>
+#include <memory>
+#include <vector>
+
 #include "module/mapi/MapiLoader.h"
 
 // Whether a property that MAPI handed out has exactly this tag and, where its value is a pointer, one that can be read:
@@ -86,4 +91,39 @@ class TidyRowSet : public TidyMAPIBuffer<SRowSet*> {
     if (held_) mapi::FreeProws(held_);
     held_ = nullptr;
   }
+};
+
+// Owns rows of a table however many calls they came in.
+class TidyTableRows {
+ public:
+  // Up to `count` rows from the table's position on. A provider may hand out fewer than it is asked for, so it is asked
+  // again until it has none left. After a failure there are no rows.
+  HRESULT Query(LPMAPITABLE table, ULONG count) {
+    sets_.clear();
+    rows_.clear();
+    while (rows_.size() < count) {
+      auto set = std::make_unique<TidyRowSet>();
+      const ULONG left = count - static_cast<ULONG>(rows_.size());
+      const HRESULT hr = table->QueryRows(static_cast<LONG>(std::min<ULONG>(left, LONG_MAX)), 0, &*set);
+      if (FAILED(hr)) {
+        rows_.clear();
+        return hr;
+      }
+      if (!set->rows()) break;
+      for (ULONG i = 0; i < set->rows(); ++i) rows_.push_back(&set->row(i));
+      sets_.push_back(std::move(set));
+    }
+    return S_OK;
+  }
+
+  ULONG rows() const { return static_cast<ULONG>(rows_.size()); }
+  // Column `column` of row `i` if the row has it and it carries exactly `tag`, else null.
+  const SPropValue* cell(ULONG i, ULONG column, ULONG tag) const {
+    const SRow& r = *rows_[i];
+    return column < r.cValues && Carries(r.lpProps[column], tag) ? &r.lpProps[column] : nullptr;
+  }
+
+ private:
+  std::vector<std::unique_ptr<TidyRowSet>> sets_;
+  std::vector<const SRow*> rows_;
 };

@@ -53,16 +53,22 @@ HRESULT CopyStream(IStream* from, const std::wstring& path, const CopyLines& lin
     ZK_LOG(lines.create, hr);
     return hr;
   }
-  ULARGE_INTEGER written = {};
-  hr = from->CopyTo(to.Get(), stat.cbSize, nullptr, &written);
-  // A stream that ends early would leave a file that looks whole.
-  if (SUCCEEDED(hr) && written.QuadPart != stat.cbSize.QuadPart) hr = HRESULT_FROM_WIN32(ERROR_HANDLE_EOF);
+  hr = from->CopyTo(to.Get(), stat.cbSize, nullptr, nullptr);
   if (FAILED(hr)) {
     ZK_LOG(lines.copy, hr);
     return hr;
   }
   hr = to->Commit(STGC_DEFAULT);
-  if (FAILED(hr)) ZK_LOG(lines.commit, hr);
+  if (FAILED(hr)) {
+    ZK_LOG(lines.commit, hr);
+    return hr;
+  }
+  // A stream that ends early would leave a file that looks whole. The file itself tells, since not every stream counts
+  // what it has copied.
+  STATSTG copied = {};
+  hr = to->Stat(&copied, STATFLAG_NONAME);
+  if (SUCCEEDED(hr) && copied.cbSize.QuadPart != stat.cbSize.QuadPart) hr = HRESULT_FROM_WIN32(ERROR_HANDLE_EOF);
+  if (FAILED(hr)) ZK_LOG(lines.copy, hr);
   return FAILED(hr) ? hr : S_OK;
 }
 

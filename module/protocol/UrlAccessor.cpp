@@ -173,8 +173,8 @@ HRESULT CUrlAccessor::FindAttachment(IMessage* message, const std::wstring& reco
     ZK_LOG(L"CUrlAccessor::Init() - RowCount for attachment table not correct [%ld]", count);
     return E_FAIL;
   }
-  TidyRowSet rows;
-  hr = table->QueryRows(static_cast<LONG>(count), 0, &rows);
+  TidyTableRows rows;
+  hr = rows.Query(table.Get(), count);
   if (FAILED(hr)) {
     ZK_LOG(L"CUrlAccessor::Init() - QueryRows for attachment table failed with [0x%08lX]", hr);
     return hr;

@@ -5,6 +5,7 @@
 
 #include <wrl/client.h>
 
+#include <memory>
 #include <string>
 
 #include "module/core/ComObject.h"
@@ -12,7 +13,7 @@
 #include "module/mapi/MapiForWDS.h"
 #include "platform/searchapi.h"
 
-// Lives from CreateAccessor to CloseAccessor, used by one thread at a time. Borrows the vault session; owns the
+// Lives from CreateAccessor to CloseAccessor, used by one thread at a time. Shares the vault session; owns the
 // temporary copy of an attachment until CloseAccessor deletes it.
 class CUrlAccessor final : public ComObject<IUrlAccessor> {
  public:
@@ -57,7 +58,7 @@ class CUrlAccessor final : public ComObject<IUrlAccessor> {
   std::wstring url_;
   CHoardexURL::Kind kind_ = CHoardexURL::kUnknown;
   Microsoft::WRL::ComPtr<IProtocolHandlerSite> site_;
-  CMapiForWDS* mapi_ = nullptr;
+  std::shared_ptr<CMapiForWDS> mapi_;
   ULONGLONG item_size_ = 0;
   std::wstring temporary_file_;
   bool has_temporary_file_ = false;

@@ -102,7 +102,7 @@ STDMETHODIMP CHoardexSP::InvokeCommand(CMINVOKECOMMANDINFO* command) {
     }
     HRESULT set_up = S_OK;
     const bool allowed = IsRegisteredVault(url);
-    CMapiForWDS* mapi = allowed ? CMapiForWDS::GetMapiObj(url, &set_up) : nullptr;
+    const auto mapi = allowed ? CMapiForWDS::GetMapiObj(url, &set_up) : nullptr;
     if (!mapi && SUCCEEDED(set_up)) {
       ZK_LOG(L"CHoardexSP::InvokeCommand() - Cannot allocate MAPI helper object");
       return allowed ? E_OUTOFMEMORY : E_ACCESSDENIED;

@@ -14,7 +14,7 @@ constexpr wchar_t kLogSource[] = L".\\HoardexSP";
 
 HRESULT SaveMessage(const std::wstring& url, LPCWSTR path) {
   HRESULT set_up = S_OK;
-  CMapiForWDS* mapi = CMapiForWDS::GetMapiObj(url, &set_up);
+  const auto mapi = CMapiForWDS::GetMapiObj(url, &set_up);
   if (!mapi) return FAILED(set_up) ? set_up : E_FAIL;
   ComPtr<IMessage> message;
   const HRESULT hr = mapi->GetMsgFromURL(url::WithoutSize(url), message.GetAddressOf());

@@ -113,7 +113,7 @@ STDMETHODIMP CHoardexSP::BindToObject(PCUIDLIST_RELATIVE id, IBindCtx*, REFIID i
     ZK_LOG(L"CHoardexSP::BindToObject() - URL extracted from the property store is [%s]", url.c_str());
     // What is none of our URLs must not make MAPI open, or create, the file that its fourth token names.
     const bool allowed = CHoardexURL(url).kind() != CHoardexURL::kUnknown && IsRegisteredVault(url);
-    CMapiForWDS* mapi = allowed ? CMapiForWDS::GetMapiObj(url) : nullptr;
+    const auto mapi = allowed ? CMapiForWDS::GetMapiObj(url) : nullptr;
     if (!mapi) {
       ZK_LOG(L"CUrlAccessor::BindToObject() - Failed to allocate MAPI helper object");
       return E_NOINTERFACE;

@@ -13,7 +13,7 @@ namespace {
 
 class Browsing : public SceneTest {
  protected:
-  Listing Browse(const std::wstring& url) { return SceneTest::Browse(CMapiForWDS::GetMapiObj(url_), url); }
+  Listing Browse(const std::wstring& url) { return SceneTest::Browse(SessionOf(url_), url); }
   // The top's folder of that path.
   std::wstring FolderOf(const std::wstring& path) {
     for (const std::wstring& name : Browse(url_).names)

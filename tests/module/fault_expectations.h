@@ -60,10 +60,14 @@ class SceneTest : public testing::Test {
   }
   void TearDown() override {
     ProviderFaults::Clear();
+    ProviderFaults::Behave(0);
     CMapiForWDS::CleanMapiObjs();
+    EXPECT_EQ(ProviderFaults::Misuses(), 0);
     EXPECT_EQ(ProviderFaults::Count(), before_);
     DeleteFileW(path_.c_str());
   }
+  // The table's session of the URL's vault, made where there is none.
+  static CMapiForWDS* SessionOf(const std::wstring& url) { return CMapiForWDS::GetMapiObj(url).get(); }
   static Listing Browse(CMapiForWDS* mapi, const std::wstring& url) {
     Listing listing;
     if (mapi) listing.result = mapi->BrowseFolder(url, listing.path, listing.names, listing.times);

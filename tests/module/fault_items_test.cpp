@@ -20,7 +20,7 @@ class Items : public SceneTest {
   // Writes the store and opens it; the URL of its first folder, and of that folder's first message.
   void Open(const vault::StoreBuilder& store) {
     store.Write(path_);
-    mapi_ = CMapiForWDS::GetMapiObj(url_);
+    mapi_ = SessionOf(url_);
     ASSERT_NE(mapi_, nullptr);
     for (const std::wstring& folder : Names(url_)) {
       folder_ = url_ + L"/" + folder;
@@ -138,6 +138,28 @@ TEST_F(Items, AttachmentsAreFoundByName) {
     EXPECT_TRUE(HasLine(scene_.NewLogLines(),
                         "CMapiForWDS::GetStreamFromAttachmentURL() - URL is not a valid attachment url - %s", 0));
   }
+}
+
+// A provider may hand out fewer rows than it is asked for, and leave the type of what it opened.
+TEST_F(Items, AreTheSameFromACarelessProvider) {
+  vault::StoreBuilder store("objects");
+  auto& inbox = store.top().AddFolder("Inbox");
+  for (int i = 0; i < 5; ++i) inbox.AddMessage("IPM.Note").Subject("Mail").AttachFile("a.txt", "a");
+  auto& many = inbox.AddMessage("IPM.Note").Subject("Attachments");
+  for (int i = 0; i < 5; ++i) many.AttachFile(std::to_string(i) + ".txt", std::to_string(i));
+  for (int i = 0; i < 3; ++i) inbox.AddFolder("Deeper " + std::to_string(i));
+  Open(store);
+  const Listing plain = Browse(mapi_, folder_);
+  EXPECT_EQ(plain.names.size(), 9u);
+  ProviderFaults::Behave(kHoardexMapiGivesFewRows | kHoardexMapiLeavesTypes);
+  const Listing careless = Browse(mapi_, folder_);
+  EXPECT_EQ(careless.result, S_OK);
+  EXPECT_EQ(careless.names, plain.names);
+  EXPECT_EQ(careless.path, plain.path);
+  message_ = folder_ + L"/" + plain.names[5];
+  EXPECT_EQ(Content(L"4.txt"), "4");
+  // A count without bytes is no identifier.
+  EXPECT_EQ(CMapiForWDS::BinaryToText({4, nullptr}), L"");
 }
 
 TEST_F(Items, AMessageWithoutAttachmentsHasNoRows) {

@@ -260,7 +260,7 @@ std::vector<StepResult> Scene::RunSteps() {
       });
     } else if (step.operation == Operation::kSession) {
       result.result = InModule([&] {
-        mapi = CMapiForWDS::GetMapiObj(step.url);
+        mapi = CMapiForWDS::GetMapiObj(step.url).get();
         return mapi ? S_OK : E_FAIL;
       });
     } else if (!mapi) {

@@ -147,7 +147,7 @@ Shell::Shell() {
   before_ = ProviderFaults::Count();
   root_ = url::Root(L"S-1-5-21-1");
   vault_ = root_ + store_path_;
-  CMapiForWDS* mapi = CMapiForWDS::GetMapiObj(vault_);
+  CMapiForWDS* mapi = CMapiForWDS::GetMapiObj(vault_).get();
   if (!mapi) throw std::runtime_error("the store does not open");
   for (const std::wstring& name : Names(mapi, vault_)) {
     inbox_ = vault_ + L"/" + name;
