@@ -63,7 +63,7 @@ class LogFile : public testing::Test {
   size_t first_line_ = 0;  // bytes of the line that names the process
 };
 
-TEST_F(LogFile, WritesLinesInTheLaidDownForm) {
+TEST_F(LogFile, WritesLinesInOneForm) {
   {
     SCLog log(name_);
     Line(log, L"message \x3b1\xd83d\xde00");
