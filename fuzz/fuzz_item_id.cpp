@@ -18,6 +18,14 @@ void CheckRoundTrip(std::span<const std::byte> storage) {
   FUZZ_CHECK(again && std::ranges::equal(*again, storage));
   FUZZ_CHECK(!itemid::Storage(id.data(), id.size() - 1, itemid::kSignature));
   FUZZ_CHECK(!itemid::Storage(id.data(), id.size(), itemid::kSignature + 1));
+  // Bytes of a host's own behind the inner part change nothing.
+  const std::size_t total = id.size();
+  if (total > 0xFFFF) return;
+  id.insert(id.end() - 2, 2, std::byte{0xEE});
+  id[0] = static_cast<std::byte>(total);
+  id[1] = static_cast<std::byte>(total >> 8);
+  const auto behind = itemid::Storage(id.data(), id.size(), itemid::kSignature);
+  FUZZ_CHECK(behind && std::ranges::equal(*behind, storage));
 }
 
 }  // namespace

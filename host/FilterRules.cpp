@@ -9,7 +9,7 @@ constexpr RuleInfo kRules[] = {
     {"chunk-ids", "the id of a chunk is not zero and above all before it", false},
     {"chunk-state", "a chunk has exactly one known state and a known break type", false},
     {"chunk-source", "a chunk that is derived from no other names itself as its source", false},
-    {"chunk-results", "GetChunk fills in a chunk, or answers one of the codes laid down for it", false},
+    {"chunk-results", "GetChunk fills in a chunk, or answers one of the codes that IFilter has for it", false},
     {"chunks-end", "the chunks come to an end", false},
     {"chunks-over", "after the end, GetChunk answers END_OF_CHUNKS again and again", false},
     {"text-results", "GetText answers S_OK, LAST_TEXT or NO_MORE_TEXT, and text comes to an end", false},

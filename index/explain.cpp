@@ -65,7 +65,7 @@ constexpr Meaning kMeanings[] = {
     {"PROP_ATTACHMENT_NAMES - WDS Group policy is set to ignore specific",
      "The group policy excludes attachments of the type *: one is neither named nor indexed.", true},
     {"IFilter\tnot found for extension",
-     "There is no text filter for attachments of the type *: they are found by their names only.", true},
+     "There is no text filter for attachments of the type .*: they are found by their names only.", true},
     {"Attachment extension could not be extracted",
      "An attachment has no type (embedded messages have none): it is found by its name only, its content cannot be "
      "read "

@@ -21,6 +21,13 @@ Microsoft::WRL::ComPtr<Object> Adopt(Object* made) {
   return pointer;
 }
 
+// The answer of a method that hands nothing out: callers may look at the pointer all the same.
+template <class Object>
+HRESULT NotImplemented(Object** out) {
+  if (out) *out = nullptr;
+  return E_NOTIMPL;
+}
+
 // Base of an object that implements Interfaces... and nothing else; the first one answers for IUnknown. Counts are
 // free-threaded and each living object holds the module.
 template <class First, class... Rest>

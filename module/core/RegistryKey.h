@@ -33,19 +33,17 @@ class RegistryKey {
     value = data;
     return ERROR_SUCCESS;
   }
-  // A string value of at most Size - 1 characters into a zeroed buffer; a longer one is ERROR_MORE_DATA.
+  // A string value of at most Size - 1 characters, with a terminator in the registry or without one, into a zeroed
+  // buffer; a longer one is ERROR_MORE_DATA.
   template <size_t Size>
   LONG ReadString(const wchar_t* name, wchar_t (&buffer)[Size]) const {
     std::fill_n(buffer, Size, L'\0');
-    DWORD type = 0, size = (Size - 1) * sizeof(wchar_t);
-    const LONG error = RegQueryValueExW(key_, name, nullptr, &type, reinterpret_cast<BYTE*>(buffer), &size);
-    if (error != ERROR_SUCCESS) {
-      buffer[0] = 0;
-      return error;
-    }
-    if (type == REG_SZ || type == REG_EXPAND_SZ) return ERROR_SUCCESS;
-    buffer[0] = 0;
-    return ERROR_INVALID_DATATYPE;
+    DWORD type = 0, size = sizeof(buffer);
+    LONG error = RegQueryValueExW(key_, name, nullptr, &type, reinterpret_cast<BYTE*>(buffer), &size);
+    if (error == ERROR_SUCCESS && type != REG_SZ && type != REG_EXPAND_SZ) error = ERROR_INVALID_DATATYPE;
+    if (error == ERROR_SUCCESS && buffer[Size - 1]) error = ERROR_MORE_DATA;
+    if (error != ERROR_SUCCESS) buffer[0] = 0;
+    return error;
   }
   LONG WriteDword(const wchar_t* name, DWORD value) const {
     return RegSetValueExW(key_, name, 0, REG_DWORD, reinterpret_cast<const BYTE*>(&value), sizeof(value));

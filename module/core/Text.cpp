@@ -31,6 +31,19 @@ std::wstring Lower(std::wstring text) {
   return text;
 }
 
+bool EqualOrdinal(std::wstring_view a, std::wstring_view b) {
+  if (a.size() != b.size()) return false;
+  // CompareStringOrdinal is newer than the oldest systems.
+  const auto upper = [](std::wstring_view text) {
+    std::wstring mapped(text.size(), L'\0');
+    const int length = static_cast<int>(text.size());
+    return LCMapStringW(LOCALE_INVARIANT, LCMAP_UPPERCASE, text.data(), length, mapped.data(), length) == length
+               ? mapped
+               : std::wstring(text);
+  };
+  return a == b || upper(a) == upper(b);
+}
+
 std::string UniqueName() {
   FILETIME now;
   GetSystemTimeAsFileTime(&now);

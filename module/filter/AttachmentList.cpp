@@ -13,10 +13,9 @@ enum Column : ULONG { kName, kRecordKey, kExtension, kModified, kColumns };
 
 }  // namespace
 
-bool CHoardexFilter::IsFilterAvailable(const std::wstring& extension) const {
-  const size_t start = !extension.empty() && extension.front() == L'.' ? 1 : 0;
+bool CHoardexFilter::IsFilterAvailable(const wchar_t* extension) const {
   ComPtr<IFilter> filter;
-  return site_ && SUCCEEDED(site_->GetFilter(nullptr, nullptr, extension.c_str() + start, &filter)) && filter;
+  return site_ && SUCCEEDED(site_->GetFilter(nullptr, nullptr, extension, &filter)) && filter;
 }
 
 // Fills the names and the links. True when there is at least one name.
@@ -72,8 +71,9 @@ void CHoardexFilter::AddAttachmentRow(const TidyTableRows& rows, ULONG i, const 
       return;
     }
     const SPropValue* record_key = rows.cell(i, kRecordKey, PR_RECORD_KEY);
-    if (!IsFilterAvailable(extension)) {
-      ZK_LOG(L"CHoardexFilter::GetChunk() -\tIFilter\tnot found for extension\t[%s]", extension.c_str());
+    const wchar_t* undotted = extension.c_str() + (extension.starts_with(L'.') ? 1 : 0);
+    if (!IsFilterAvailable(undotted)) {
+      ZK_LOG(L"CHoardexFilter::GetChunk() -\tIFilter\tnot found for extension\t[%s]", undotted);
     } else if (!record_key || !record_key->Value.bin.cb) {
       ZK_LOG(L"CHoardexFilter::GetChunk() - Attachment key could not be extracted for row [%ld]", i);
     } else if (name && *name->Value.lpszW) {  // without a name the URL would be a folder's

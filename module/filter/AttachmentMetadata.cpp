@@ -17,6 +17,7 @@ namespace {
 
 constexpr wchar_t kLogSource[] = L".\\HoardexFilter";
 constexpr wchar_t kKindMapKey[] = L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Explorer\\KindMap";
+constexpr size_t kLongestValue = 260;  // characters of a kind or of a type
 constexpr wchar_t kAuthorProperty[] = L"{F29F85E0-4FF9-1068-AB91-08002B27B3D9} 4";
 
 constexpr CLSID kShellClass = {0x13709620, 0xC279, 0x11CE, {0xA4, 0x9E, 0x44, 0x45, 0x53, 0x54, 0x00, 0x00}};
@@ -45,10 +46,10 @@ std::wstring Join(SAFEARRAY* array) {
       FAILED(SafeArrayGetUBound(array, 1, &upper)))
     return joined;
   for (LONG i = lower; i <= upper; ++i) {
+    if (i != lower) joined += L"; ";
     BSTR raw = nullptr;
     if (FAILED(SafeArrayGetElement(array, &i, &raw))) continue;
     const _bstr_t text(raw, false);
-    if (!joined.empty()) joined += L"; ";
     if (raw) joined += raw;
   }
   return joined;
@@ -188,7 +189,7 @@ std::wstring CHoardexFilter::AttachmentKind() const {
         kKindMapKey, opened);
     return kind;
   }
-  wchar_t value[260];
+  wchar_t value[kLongestValue + 1];
   if (map.ReadString(extension.c_str(), value) == ERROR_SUCCESS) return value;
   ZK_LOG(L"CHoardexFilter::GetValue() - [PROP_ATTACH_PERCIEVED_TYPE] Failed to locate string value %s under - HKLM/%s",
          extension.c_str(), kKindMapKey);
@@ -210,7 +211,7 @@ std::wstring CHoardexFilter::AttachmentItemType() const {
         extension.c_str(), opened);
     return type;
   }
-  wchar_t value[260];
+  wchar_t value[kLongestValue + 1];
   if (key.ReadString(nullptr, value) == ERROR_SUCCESS) return value;
   ZK_LOG(L"CHoardexFilter::GetValue() - [PROP_ATTACH_ITEMTYPE] Failed to locate Item Type for extension %s",
          extension.c_str());

@@ -30,7 +30,7 @@ HRESULT CHoardexFilter::SetUp(const std::wstring& url, std::shared_ptr<CMapiForW
   file_time_ = date;
   site_ = site;
   root_name_ = text::Resource(IDS_TESSARY);
-  return S_OK;
+  return root_name_.empty() ? E_FAIL : S_OK;
 }
 
 STDMETHODIMP CHoardexFilter::GetClassID(CLSID* clsid) {

@@ -42,7 +42,8 @@ class CHoardexFilter final : public ComObject<IFilter, IPersistStream> {
  public:
   CHoardexFilter();
 
-  // From the URL accessor, before Init. `title`, `date` and `author` are those of an attachment.
+  // From the URL accessor, before Init. `title`, `date` and `author` are those of an attachment. E_FAIL where the
+  // module has no name for the root.
   HRESULT SetUp(const std::wstring& url, std::shared_ptr<CMapiForWDS> mapi, const std::wstring& attachment_file,
                 const std::wstring& title, const FILETIME& date, const std::wstring& author,
                 IProtocolHandlerSite* site);
@@ -52,7 +53,7 @@ class CHoardexFilter final : public ComObject<IFilter, IPersistStream> {
   STDMETHODIMP_(SCODE) GetChunk(STAT_CHUNK* stat) override;
   STDMETHODIMP_(SCODE) GetText(ULONG* count, WCHAR* buffer) override;
   STDMETHODIMP_(SCODE) GetValue(PROPVARIANT** value) override;
-  STDMETHODIMP_(SCODE) BindRegion(FILTERREGION, REFIID, void**) override { return E_NOTIMPL; }
+  STDMETHODIMP_(SCODE) BindRegion(FILTERREGION, REFIID, void** region) override { return NotImplemented(region); }
 
   // IPersistStream: present because Windows Search asks for it; the item comes from SetUp.
   STDMETHODIMP GetClassID(CLSID* clsid) override;
@@ -78,7 +79,7 @@ class CHoardexFilter final : public ComObject<IFilter, IPersistStream> {
   bool ReadBody();
   bool ReadAttachmentList();
   void AddAttachmentRow(const TidyTableRows& rows, ULONG i, const GroupPolicy& policy);
-  bool IsFilterAvailable(const std::wstring& extension) const;
+  bool IsFilterAvailable(const wchar_t* extension) const;  // without its dot
   HRESULT End();
   void ReleaseProperties();
   void Fill(STAT_CHUNK* stat, const PROPERTYKEY& key, CHUNKSTATE state, bool new_id);

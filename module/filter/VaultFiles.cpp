@@ -4,13 +4,14 @@
 #include "module/core/RegistryKey.h"
 #include "module/core/SCLog.h"
 #include "module/filter/HoardexFilter.h"
+#include "module/filter/VaultFolders.h"
 
 namespace {
 
 constexpr wchar_t kLogSource[] = L".\\HoardexFilter";
 constexpr wchar_t kClientKey[] = L"SOFTWARE\\Trelmo\\Zarnak\\Client";
 constexpr wchar_t kRootValue[] = L"HXRootDirectory";
-constexpr DWORD kNameBuffer = 1024;
+constexpr DWORD kLongest = 1024;  // characters of a subkey's name and of a root
 
 // Appends every vault file of `folder`, which ends in a backslash.
 void EnumerateFolder(const std::wstring& folder, std::vector<std::wstring>& files) {
@@ -38,34 +39,39 @@ void EnumerateFolder(const std::wstring& folder, std::vector<std::wstring>& file
 
 }  // namespace
 
-void CHoardexFilter::EnumAllHXFiles(std::vector<std::wstring>& files) {
-  ZK_LOG(L"CHoardexFilter::EnumAllHXFiles() - Start");
-  files.clear();
+void ForEachVaultFolder(int level, const std::function<void(const std::wstring&)>& visit) {
   RegistryKey client;
   LONG error = client.Open(HKEY_CURRENT_USER, kClientKey);
-  ZK_LOG(L"CHoardexFilter::EnumAllHXFiles() - Opening the ZK Client regkey returned [%d]", error);
+  ZK_LOG_AT(level, L"CHoardexFilter::EnumAllHXFiles() - Opening the ZK Client regkey returned [%d]", error);
   if (error != ERROR_SUCCESS) return;
   for (DWORD index = 0;; ++index) {
-    wchar_t name[kNameBuffer] = {};
-    DWORD length = kNameBuffer;
+    wchar_t name[kLongest] = {};
+    DWORD length = kLongest;
     error = RegEnumKeyExW(client.get(), index, name, &length, nullptr, nullptr, nullptr, nullptr);
-    ZK_LOG(
+    ZK_LOG_AT(
+        level,
         L"CHoardexFilter::EnumAllHXFiles() - Found a subkey [%s] under the ZK client key. Return code from EnumKey "
         L"[%d]",
         name, error);
     if (error != ERROR_SUCCESS) return;
     RegistryKey subkey;
     error = subkey.Open(HKEY_CURRENT_USER, (std::wstring(kClientKey) + L"\\" + name).c_str());
-    ZK_LOG(L"CHoardexFilter::EnumAllHXFiles() - Opening subkey [%s] under the ZK client key returned [%d]", name,
-           error);
+    ZK_LOG_AT(level, L"CHoardexFilter::EnumAllHXFiles() - Opening subkey [%s] under the ZK client key returned [%d]",
+              name, error);
     if (error != ERROR_SUCCESS) continue;
-    wchar_t root[kNameBuffer];
+    wchar_t root[kLongest + 1];
     error = subkey.ReadString(kRootValue, root);
-    ZK_LOG(L"CHoardexFilter::EnumAllHXFiles() - Querying for value [%s] in the key [%s] returned [%d]", kRootValue,
-           name, error);
+    ZK_LOG_AT(level, L"CHoardexFilter::EnumAllHXFiles() - Querying for value [%s] in the key [%s] returned [%d]",
+              kRootValue, name, error);
     if (error != ERROR_SUCCESS) continue;
     std::wstring folder = root;
     if (folder.empty() || folder.back() != L'\\') folder += L'\\';
-    EnumerateFolder(folder + name + L"\\", files);
+    visit(folder + name + L"\\");
   }
+}
+
+void CHoardexFilter::EnumAllHXFiles(std::vector<std::wstring>& files) {
+  ZK_LOG(L"CHoardexFilter::EnumAllHXFiles() - Start");
+  files.clear();
+  ForEachVaultFolder(SCLog::kOrdinary, [&](const std::wstring& folder) { EnumerateFolder(folder, files); });
 }

@@ -96,8 +96,8 @@ HRESULT CUrlAccessor::CopyAttachment(IAttach* attachment, LONG method) {
       return CopyMessage(embedded.Get());
     }
     default:
-      ZK_LOG(L"CUrlAccessor::Init() - GetProps on attachment failed with [0x%08lX]", E_FAIL);
-      return E_FAIL;  // of no kind that is known
+      ZK_LOG(L"CUrlAccessor::Init() - Attachment is stored by a method that is not known [%ld]", method);
+      return E_FAIL;
   }
 }
 

@@ -53,18 +53,18 @@ HRESULT CreateHoardexSP(IUnknown* outer, REFIID iid, void** object) {
   return hr;
 }
 
-CHoardexSP::CHoardexSP(IUnknown* outer) : inner_(*this), outer_(outer ? outer : &inner_) {
+CHoardexSP::CHoardexSP(IUnknown* outer) : m_inner(*this), m_outer(outer ? outer : &m_inner) {
   module::Lock();
 }
 CHoardexSP::~CHoardexSP() {
-  site_.Reset();  // both while the module is still held
-  allocator_.Reset();
+  m_site.Reset();  // both while the module is still held
+  m_allocator.Reset();
   module::Unlock();
 }
 
 Microsoft::WRL::ComPtr<IProtocolHandlerSite> CHoardexSP::Site() {
-  const CriticalSection::Guard guard(lock_);
-  return site_;
+  const CriticalSection::Guard guard(m_lock);
+  return m_site;
 }
 
 STDMETHODIMP CHoardexSP::InnerUnknown::QueryInterface(REFIID iid, void** object) {
@@ -72,28 +72,28 @@ STDMETHODIMP CHoardexSP::InnerUnknown::QueryInterface(REFIID iid, void** object)
   *object = nullptr;
   if (iid == IID_IUnknown) *object = static_cast<IUnknown*>(this);
   for (const Interface& known : kInterfaces)
-    if (!*object && iid == *known.iid) *object = known.cast(owner_);
+    if (!*object && iid == *known.iid) *object = known.cast(m_owner);
   if (!*object) return E_NOINTERFACE;
   static_cast<IUnknown*>(*object)->AddRef();
   return S_OK;
 }
 STDMETHODIMP_(ULONG) CHoardexSP::InnerUnknown::AddRef() {
-  return static_cast<ULONG>(InterlockedIncrement(&references_));
+  return static_cast<ULONG>(InterlockedIncrement(&m_references));
 }
 STDMETHODIMP_(ULONG) CHoardexSP::InnerUnknown::Release() {
-  const LONG left = InterlockedDecrement(&references_);
-  if (!left) delete &owner_;
+  const LONG left = InterlockedDecrement(&m_references);
+  if (!left) delete &m_owner;
   return static_cast<ULONG>(left);
 }
 
 STDMETHODIMP CHoardexSP::QueryInterface(REFIID iid, void** object) {
-  return outer_->QueryInterface(iid, object);
+  return m_outer->QueryInterface(iid, object);
 }
 STDMETHODIMP_(ULONG) CHoardexSP::AddRef() {
-  return outer_->AddRef();
+  return m_outer->AddRef();
 }
 STDMETHODIMP_(ULONG) CHoardexSP::Release() {
-  return outer_->Release();
+  return m_outer->Release();
 }
 
 // One step of an operation that never reports a failure: what goes wrong is logged, and the next step is taken.
@@ -109,8 +109,8 @@ STDMETHODIMP CHoardexSP::Init(TIMEOUT_INFO*, IProtocolHandlerSite* site, PROXY_I
   g_Log.ResetThreshold();
   Microsoft::WRL::ComPtr<IProtocolHandlerSite> kept(site);
   {
-    const CriticalSection::Guard guard(lock_);
-    kept.Swap(site_);
+    const CriticalSection::Guard guard(m_lock);
+    kept.Swap(m_site);
   }
   kept.Reset();  // the earlier one, outside the lock
   ZK_STEP(kOperation, DeleteAppDataFolder());

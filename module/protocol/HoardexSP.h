@@ -10,6 +10,7 @@
 #include <string>
 
 #include "include/HoardexPH.h"
+#include "module/core/ComObject.h"
 #include "module/core/IHoardexSP.h"
 #include "platform/critical_section.h"
 #include "platform/searchapi.h"
@@ -34,7 +35,7 @@ class CHoardexSP final : public ISearchProtocol,
   CHoardexSP& operator=(const CHoardexSP&) = delete;
 
   // What an aggregating object holds: the one IUnknown that does not delegate.
-  IUnknown* Inner() { return &inner_; }
+  IUnknown* Inner() { return &m_inner; }
 
   // IUnknown, delegated to the controlling object
   STDMETHODIMP QueryInterface(REFIID iid, void** object) override;
@@ -62,16 +63,20 @@ class CHoardexSP final : public ISearchProtocol,
   // IShellFolder: one level, whose items are named by their URLs
   STDMETHODIMP ParseDisplayName(HWND window, IBindCtx* context, LPWSTR name, ULONG* eaten, PIDLIST_RELATIVE* id,
                                 ULONG* attributes) override;
-  STDMETHODIMP EnumObjects(HWND, SHCONTF, IEnumIDList**) override { return E_NOTIMPL; }
+  STDMETHODIMP EnumObjects(HWND, SHCONTF, IEnumIDList** list) override { return NotImplemented(list); }
   STDMETHODIMP BindToObject(PCUIDLIST_RELATIVE id, IBindCtx* context, REFIID iid, void** object) override;
-  STDMETHODIMP BindToStorage(PCUIDLIST_RELATIVE, IBindCtx*, REFIID, void**) override { return E_NOTIMPL; }
+  STDMETHODIMP BindToStorage(PCUIDLIST_RELATIVE, IBindCtx*, REFIID, void** object) override {
+    return NotImplemented(object);
+  }
   STDMETHODIMP CompareIDs(LPARAM, PCUIDLIST_RELATIVE, PCUIDLIST_RELATIVE) override { return 1; }
-  STDMETHODIMP CreateViewObject(HWND, REFIID, void**) override { return E_NOTIMPL; }
+  STDMETHODIMP CreateViewObject(HWND, REFIID, void** object) override { return NotImplemented(object); }
   STDMETHODIMP GetAttributesOf(UINT count, PCUITEMID_CHILD_ARRAY ids, SFGAOF* attributes) override;
   STDMETHODIMP GetUIObjectOf(HWND window, UINT count, PCUITEMID_CHILD_ARRAY ids, REFIID iid, UINT* reserved,
                              void** object) override;
   STDMETHODIMP GetDisplayNameOf(PCUITEMID_CHILD id, SHGDNF flags, STRRET* name) override;
-  STDMETHODIMP SetNameOf(HWND, PCUITEMID_CHILD, LPCWSTR, SHGDNF, PITEMID_CHILD*) override { return E_NOTIMPL; }
+  STDMETHODIMP SetNameOf(HWND, PCUITEMID_CHILD, LPCWSTR, SHGDNF, PITEMID_CHILD* id) override {
+    return NotImplemented(id);
+  }
 
   // IPersistFolder
   STDMETHODIMP GetClassID(CLSID* clsid) override;
@@ -99,14 +104,14 @@ class CHoardexSP final : public ISearchProtocol,
  private:
   class InnerUnknown final : public IUnknown {
    public:
-    explicit InnerUnknown(CHoardexSP& owner) : owner_(owner) {}
+    explicit InnerUnknown(CHoardexSP& owner) : m_owner(owner) {}
     STDMETHODIMP QueryInterface(REFIID iid, void** object) override;
     STDMETHODIMP_(ULONG) AddRef() override;
     STDMETHODIMP_(ULONG) Release() override;
 
    private:
-    CHoardexSP& owner_;
-    LONG references_ = 1;
+    CHoardexSP& m_owner;
+    LONG m_references = 1;
   };
 
   virtual ~CHoardexSP();
@@ -117,11 +122,11 @@ class CHoardexSP final : public ISearchProtocol,
   std::wstring MsgURL();
   void SetMsgURL(std::wstring url);
 
-  InnerUnknown inner_;
-  IUnknown* outer_;  // not counted: the aggregating object outlives this one
-  CriticalSection lock_;   // Init may replace the site while another thread makes an accessor, and the like
-  Microsoft::WRL::ComPtr<IProtocolHandlerSite> site_;
-  Microsoft::WRL::ComPtr<IMalloc> allocator_;
+  InnerUnknown m_inner;
+  IUnknown* m_outer;       // not counted: the aggregating object outlives this one
+  CriticalSection m_lock;  // Init may replace the site while another thread makes an accessor, and the like
+  Microsoft::WRL::ComPtr<IProtocolHandlerSite> m_site;
+  Microsoft::WRL::ComPtr<IMalloc> m_allocator;
   std::wstring m_strMsgURL;
-  std::atomic<ULONG> no_menu_ = 0;
+  std::atomic<ULONG> m_no_menu = 0;
 };

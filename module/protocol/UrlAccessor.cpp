@@ -33,8 +33,7 @@ HRESULT CUrlAccessor::Prepare(LPCWSTR url, IProtocolHandlerSite* site) {
   site_ = site;
   kind_ = CHoardexURL(url_).kind();
   if (kind_ != CHoardexURL::kRoot) {
-    // What is none of our URLs must not make MAPI open, or create, the file that its fourth token names.
-    if (kind_ != CHoardexURL::kUnknown) mapi_ = CMapiForWDS::GetMapiObj(url_);
+    mapi_ = CMapiForWDS::GetMapiObj(url_);
     if (!mapi_) {
       ZK_LOG(L"CUrlAccessor::Init() - Cannot allocate MAPI helper object");
       return E_OUTOFMEMORY;
@@ -111,6 +110,10 @@ HRESULT CUrlAccessor::PrepareAttachment() {
     has_last_modified_ = true;
   }
   temporary_file_ = TemporaryFilePath(record_key, display_name);
+  if (temporary_file_.empty()) {
+    ZK_LOG(L"CUrlAccessor::Init() - There is no roaming application-data folder for the attachment's copy");
+    return E_FAIL;
+  }
   const SPropValue* method = FindProp(values, count, 0, PR_ATTACH_METHOD);
   return CopyAttachment(attachment.Get(), method ? method->Value.l : ATTACH_BY_VALUE);
 }

@@ -37,7 +37,7 @@ class CUrlAccessor final : public ComObject<IUrlAccessor> {
   STDMETHODIMP GetSecurityDescriptor(BYTE*, DWORD, DWORD*) override { return E_NOTIMPL; }
   STDMETHODIMP GetRedirectedURL(WCHAR[], DWORD, DWORD*) override { return E_NOTIMPL; }
   STDMETHODIMP GetSecurityProvider(CLSID*) override { return E_NOTIMPL; }
-  STDMETHODIMP BindToStream(IStream**) override { return E_NOTIMPL; }
+  STDMETHODIMP BindToStream(IStream** stream) override { return NotImplemented(stream); }
   STDMETHODIMP BindToFilter(IFilter** filter) override;
 
  private:

@@ -5,6 +5,7 @@
 #include <wrl/client.h>
 
 #include <algorithm>
+#include <cstddef>
 
 #include "module/core/Boundary.h"
 #include "module/core/HoardexPH.h"
@@ -34,7 +35,9 @@ constexpr MenuItem kItems[] = {{kOpenOffset, IDS_OPEN, MFS_DEFAULT}, {kPrintOffs
 struct Verb {
   explicit Verb(const CMINVOKECOMMANDINFO& command) {
     const auto* extended = reinterpret_cast<const CMINVOKECOMMANDINFOEX*>(&command);
-    const bool wide = (command.fMask & CMIC_MASK_UNICODE) && command.cbSize >= sizeof(*extended);
+    // Callers need not give more of the longer structure than they fill.
+    constexpr DWORD kReachesVerb = offsetof(CMINVOKECOMMANDINFOEX, lpVerbW) + sizeof(extended->lpVerbW);
+    const bool wide = (command.fMask & CMIC_MASK_UNICODE) && command.cbSize >= kReachesVerb;
     const void* pointer = wide ? static_cast<const void*>(extended->lpVerbW) : command.lpVerb;
     is_text = !IS_INTRESOURCE(pointer);
     if (!is_text) {
@@ -72,8 +75,8 @@ STDMETHODIMP CHoardexSP::QueryContextMenu(HMENU menu, UINT index, UINT first, UI
   ZK_GUARD(L"CHoardexSP::QueryContextMenu()", [&]() -> HRESULT {
     // Nothing opens a container, so the shell finds no default verb on it and browses.
     const CHoardexURL item(url::Normalise(MsgURL()));
-    no_menu_ = (flags & CMF_DEFAULTONLY) && !item.IsMessage() && !item.IsAttachment() ? 1 : 0;
-    if (no_menu_ == 1) return 0;
+    m_no_menu = (flags & CMF_DEFAULTONLY) && !item.IsMessage() && !item.IsAttachment() ? 1 : 0;
+    if (m_no_menu == 1) return 0;
     // "At the end" would put the second item at the top.
     index = (std::min)(index, static_cast<UINT>((std::max)(GetMenuItemCount(menu), 0)));
     for (const MenuItem& entry : kItems) {
@@ -105,6 +108,7 @@ STDMETHODIMP CHoardexSP::InvokeCommand(CMINVOKECOMMANDINFO* command) {
     const auto mapi = allowed ? CMapiForWDS::GetMapiObj(url, &set_up) : nullptr;
     if (!mapi && SUCCEEDED(set_up)) {
       ZK_LOG(L"CHoardexSP::InvokeCommand() - Cannot allocate MAPI helper object");
+      ShowBox(command->hwnd, IDS_CANNOT_SHOW, MB_OK);
       return allowed ? E_OUTOFMEMORY : E_ACCESSDENIED;
     }
     if (!mapi) {
@@ -133,7 +137,7 @@ STDMETHODIMP CHoardexSP::GetIconLocation(UINT, LPWSTR file, UINT size, int* inde
   if (!file || !index || !flags) return E_POINTER;
   if (!GetModuleFileNameW(module::Instance(), file, size) && size) *file = 0;
   if (size) file[size - 1] = 0;  // a path that was cut has no end on the oldest systems
-  ZK_LOG(L"CHoardexSP::GetIconLocation() - Icon file name [%s]", size ? file : L"");
+  ZK_LOG_DETAIL(L"CHoardexSP::GetIconLocation() - Icon file name [%s]", size ? file : L"");
   *index = 1;
   *flags = 0;
   return S_OK;

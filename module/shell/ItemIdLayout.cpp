@@ -64,9 +64,8 @@ std::optional<std::span<const std::byte>> Storage(const std::byte* list, std::si
   if (!last || last->size() < kStorage + kTrailer) return std::nullopt;
   const std::byte* id = last->data();
   const std::size_t storage = Word(id + kStorageSize), inner = Word(id + kInnerSize);
-  // A host that made the ID may keep bytes of its own behind the inner part, and says so in the outer word.
-  const bool ours = Word(id + kOuterSize) == 0, fits = kSignatureAt + inner <= last->size();
-  const bool sizes = inner == InnerSize(storage) && (ours ? kSignatureAt + inner == last->size() : fits);
+  // What lies behind the inner part is the host's, whatever its outer word says.
+  const bool sizes = inner == InnerSize(storage) && kSignatureAt + inner <= last->size();
   if (!sizes || Read<std::uint32_t>(id + kSignatureAt) != signature || Word(id + kVersionAt) != kVersion ||
       id[kReserved] != std::byte{0} || Word(id + kStorage + storage) != 0)
     return std::nullopt;

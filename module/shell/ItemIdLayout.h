@@ -6,7 +6,8 @@
 //   2  2  0                                10  2  S                15      S  storage
 //   4  2  S + 11, the inner size           12  2  version, 1       15 + S  2  0
 //
-// and the two zero bytes that end every list of IDs.
+// and the two zero bytes that end every list of IDs. A host that allocates IDs fills the first six bytes itself, and
+// may keep bytes of its own behind the inner part.
 #pragma once
 
 #include <cstddef>

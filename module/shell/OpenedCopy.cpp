@@ -190,7 +190,10 @@ void MarkAsFromOutside(const std::wstring& path) {
 
 HRESULT CopyMessageForShell(LPMESSAGE message, std::wstring& path) {
   std::wstring folder = AppDataFolder();
-  if (folder.empty()) return E_FAIL;
+  if (folder.empty()) {
+    ZK_LOG(L"CHoardexSP::InvokeCommand() - There is no roaming application-data folder for the message's copy");
+    return E_FAIL;
+  }
   folder.push_back(L'\\');
   SHCreateDirectory(nullptr, folder.c_str());
   const std::string unique = text::UniqueName();

@@ -212,8 +212,9 @@ HRESULT CHoardexSP::MakeAssociations(const std::wstring& url, REFIID iid, void**
     extension = PathFindExtensionW(name.c_str());
     ZK_LOG(L"CHoardexSP::GetUIObjectOf() - Attachment Extension - %s", extension.c_str());
   }
-  // A folder has no file type: there is nothing to initialise the object with.
-  hr = extension.empty() ? E_INVALIDARG : associations->Init(0, extension.c_str(), nullptr, nullptr);
+  // A container has no file type to initialise the object with.
+  if (item.IsMessage() || item.IsAttachment())
+    hr = extension.empty() ? E_INVALIDARG : associations->Init(0, extension.c_str(), nullptr, nullptr);
   if (FAILED(hr)) {
     ZK_LOG(L"CHoardexSP::GetUIObjectOf() - IQueryAssociations::Init() failed with [0x%08lX]", hr);
     return hr;
@@ -236,23 +237,23 @@ STDMETHODIMP CHoardexSP::GetClassID(CLSID* clsid) {
 STDMETHODIMP CHoardexSP::SetItemAlloc(IMalloc* allocator) {
   ComPtr<IMalloc> kept(allocator);
   {
-    const CriticalSection::Guard guard(lock_);
-    kept.Swap(allocator_);
+    const CriticalSection::Guard guard(m_lock);
+    kept.Swap(m_allocator);
   }
   return S_OK;  // the earlier one goes outside the lock
 }
 
 ComPtr<IMalloc> CHoardexSP::Allocator() {
-  const CriticalSection::Guard guard(lock_);
-  return allocator_;
+  const CriticalSection::Guard guard(m_lock);
+  return m_allocator;
 }
 
 void CHoardexSP::SetMsgURL(std::wstring url) {
-  const CriticalSection::Guard guard(lock_);
+  const CriticalSection::Guard guard(m_lock);
   m_strMsgURL.swap(url);
 }
 
 std::wstring CHoardexSP::MsgURL() {
-  const CriticalSection::Guard guard(lock_);
+  const CriticalSection::Guard guard(m_lock);
   return m_strMsgURL;
 }

@@ -1,35 +1,27 @@
 #include "module/shell/VaultOfItem.h"
 
-#include <iterator>
+#include <windows.h>
+
 #include <vector>
 
-#include "module/core/HoardexURL.h"
-#include "module/core/RegistryKey.h"
+#include "module/core/SCLog.h"
+#include "module/core/Text.h"
+#include "module/core/UrlGrammar.h"
+#include "module/filter/VaultFolders.h"
 
 namespace {
 
-constexpr wchar_t kClientKey[] = L"SOFTWARE\\Trelmo\\Zarnak\\Client";
 constexpr size_t kVaultToken = 3;
 
-// The folders of vaults, each ending in a backslash.
-std::vector<std::wstring> VaultFolders() {
-  std::vector<std::wstring> folders;
-  RegistryKey client;
-  if (client.Open(HKEY_CURRENT_USER, kClientKey) != ERROR_SUCCESS) return folders;
-  wchar_t name[1024];
-  for (DWORD index = 0, length = std::size(name);
-       RegEnumKeyExW(client.get(), index, name, &length, nullptr, nullptr, nullptr, nullptr) == ERROR_SUCCESS;
-       ++index, length = std::size(name)) {
-    RegistryKey subkey;
-    wchar_t root[1024];
-    if (subkey.Open(client.get(), name) != ERROR_SUCCESS ||
-        subkey.ReadString(L"HXRootDirectory", root) != ERROR_SUCCESS)
-      continue;
-    std::wstring folder = root;
-    if (folder.empty() || folder.back() != L'\\') folder += L'\\';
-    folders.push_back(folder + name + L"\\");
+// The path as Windows takes it: one backslash between names, and no steps upwards. Empty when that cannot be told.
+std::wstring Normalise(const std::wstring& path) {
+  std::wstring full(path.size() + MAX_PATH, L'\0');
+  for (;;) {
+    const DWORD length = GetFullPathNameW(path.c_str(), static_cast<DWORD>(full.size()), full.data(), nullptr);
+    const bool fits = length < full.size();
+    full.resize(length);
+    if (fits) return full;
   }
-  return folders;
 }
 
 }  // namespace
@@ -37,11 +29,13 @@ std::vector<std::wstring> VaultFolders() {
 bool IsRegisteredVault(const std::wstring& url) {
   std::vector<std::wstring> tokens;
   if (ExtractURLTokens(url, tokens) <= static_cast<int>(kVaultToken)) return false;
-  const std::wstring& path = tokens[kVaultToken];
+  const std::wstring path = Normalise(tokens[kVaultToken]);
   const size_t name = path.rfind(L'\\') + 1;
   // A colon names a stream of a file.
-  if (path.find(L':', name) != std::wstring::npos) return false;
-  for (const std::wstring& folder : VaultFolders())
-    if (url::EqualIgnoringCase(folder, std::wstring_view(path).substr(0, name))) return true;
-  return false;
+  if (!name || path.find(L':', name) != std::wstring::npos) return false;
+  bool registered = false;
+  ForEachVaultFolder(SCLog::kDetail, [&](const std::wstring& folder) {
+    registered = registered || text::EqualOrdinal(Normalise(folder), std::wstring_view(path).substr(0, name));
+  });
+  return registered;
 }

@@ -11,7 +11,7 @@ class Converter final : public Object<IConverterSession> {
  public:
   Converter() : Object(Kind::kSession) {}
 
-  // Addresses come from the message; the book is held as laid down, and not asked.
+  // Addresses come from the message; the book is held, as callers expect, and not asked.
   STDMETHODIMP SetAdrBook(LPADRBOOK book) override {
     return Guarded("IConverterSession::SetAdrBook", [&] {
       if (book) book->AddRef();

@@ -17,7 +17,7 @@ using Microsoft::WRL::ComPtr;
 
 struct Content {
   std::wstring title, text;
-  bool contract = true;  // every answer was the one that the interface lays down
+  bool contract = true;  // every answer was one that the interface allows
 };
 
 Content Read(const std::wstring& extension, const std::string& bytes, ULONG room) {

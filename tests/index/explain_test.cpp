@@ -60,7 +60,7 @@ TEST(Explain, SaysWhatWasPromisedGivenAndIndexed) {
 
 TEST(Explain, NamesWhatIsLeftOutAndByWhat) {
   const std::pair<const char*, const char*> cases[] = {
-      {"CHoardexFilter::GetChunk() -\tIFilter\tnot found for extension\t[.pdf]", "of the type .pdf"},
+      {"CHoardexFilter::GetChunk() -\tIFilter\tnot found for extension\t[pdf]", "of the type .pdf"},
       {"CHoardexFilter::GetChunk() - PROP_ATTACHMENT_NAMES - WDS Group policy is set to ignore all email attachments",
        "policy \"prevent indexing"},
       {"CHoardexFilter::GetChunk() - PROP_ATTACHMENT_NAMES - WDS Group policy is set to ignore specific attachment of "

@@ -196,7 +196,7 @@ class SpoiltAnswers : public CallFaults {
   }
 };
 
-TEST_F(SpoiltAnswers, AreSurvivedAndJudgedAsLaidDown) {
+TEST_F(SpoiltAnswers, AreSurvivedAndJudgedByTheirLines) {
   size_t judged = 0;
   for (const auto& [n, plan] : Plans()) {
     const CallSite& site = sites_[n];
@@ -222,7 +222,7 @@ TEST_F(SpoiltAnswers, AreSurvivedAndJudgedAsLaidDown) {
   }
   ExpectRecovery();
   EXPECT_GT(judged, 30u);
-  printf("%zu spoilt answers, %zu of them with a laid-down outcome\n", Plans().size(), judged);
+  printf("%zu spoilt answers, %zu of them with an outcome that is known\n", Plans().size(), judged);
 }
 
 }  // namespace

@@ -10,10 +10,12 @@
 #include <set>
 
 #include "module/core/UrlGrammar.h"
+#include "module/core/resource.h"
 #include "module/registration/HoardexCommon.h"
 #include "platform/mapi_extra.h"
 #include "tests/module/fault_item_expectations.h"
 #include "tests/module/fault_spy.h"
+#include "tests/support/import_hook.h"
 #include "vault/writer.h"
 
 namespace faults {
@@ -137,7 +139,7 @@ class FilterFaults : public testing::Test {
   ProviderFaults::Alive before_;
 };
 
-TEST_F(FilterFaults, EachCallFailsAsLaidDown) {
+TEST_F(FilterFaults, EachCallFailsWithItsLineAndItsLosses) {
   size_t made = 0, judged = 0;
   for (const HRESULT code : {static_cast<HRESULT>(MAPI_E_NETWORK_ERROR), static_cast<HRESULT>(MAPI_E_NOT_FOUND),
                              static_cast<HRESULT>(E_ACCESSDENIED)}) {
@@ -166,11 +168,11 @@ TEST_F(FilterFaults, EachCallFailsAsLaidDown) {
       }
     }
   }
-  printf("%zu failures, %zu of them with a laid-down outcome\n", made, judged);
+  printf("%zu failures, %zu of them with an outcome that is known\n", made, judged);
   EXPECT_GT(judged, 300u);
 }
 
-// What is laid down for most of these is judged elsewhere; whatever it is, nothing breaks and nothing stays.
+// What most of these come to is judged elsewhere; whatever it is, nothing breaks and nothing stays.
 TEST_F(FilterFaults, EachAnswerIsSpoilt) {
   for (Offer& offer : offers_) {
     ReadWhole(offer);  // the first reading of a container made the session
@@ -216,6 +218,18 @@ TEST_F(FilterFaults, AMessageWithoutRecipientsHasNoAddresses) {
     EXPECT_TRUE(HasLine(
         scene_.NewLogLines(),
         std::string(kRecipients) + "Fail: PropertyTag didn't match with PR_RECIPIENT_TYPE and PR_SMTP_ADDRESS_W", 0));
+  }
+}
+
+TEST_F(FilterFaults, WithoutTheNameOfTheRootThereIsNoFilter) {
+  const ZK_IMPORT_HOOK(LoadStringW) hook([](auto next, HINSTANCE module, UINT id, LPWSTR text, int room) -> int {
+    return id == IDS_TESSARY ? 0 : next(module, id, text, room);
+  });
+  for (const unsigned item : {kContainer, kMail, kFile}) {
+    ProviderFaults::Clear();
+    const std::wstring& url = First(item).url;
+    EXPECT_EQ(host_->Read(url), std::vector<std::wstring>{url + L" 0"}) << "an accessor, and nothing of it";
+    EXPECT_TRUE(HasLine(scene_.NewLogLines(), "CUrlAccessor::BindToFilter() - Could not init IFilter", 0));
   }
 }
 

@@ -121,7 +121,7 @@ TEST_F(Accessors, CopyAnAttachmentByTheWayItIsStored) {
   EXPECT_EQ(unknown.result, E_FAIL);
   log = NewLog();
   EXPECT_NE(log.find("CUrlAccessor::Init() - OpenProperty embedded-msg-attachment failed with [0x"), std::string::npos);
-  EXPECT_TRUE(HasLine(log, "CUrlAccessor::Init() - GetProps on attachment failed with [0x80004005]"));
+  EXPECT_TRUE(HasLine(log, "CUrlAccessor::Init() - Attachment is stored by a method that is not known [99]"));
   EXPECT_EQ(TemporaryFiles(), 0u);
 }
 
@@ -190,7 +190,7 @@ TEST_F(Accessors, AnswerWhatTheyDoNotDo) {
     BYTE bytes[8];
     DWORD length;
     CLSID clsid;
-    ComPtr<IStream> stream;
+    auto* stream = reinterpret_cast<IStream*>(this);
     EXPECT_EQ(accessor->AddRequestParameter(nullptr, nullptr), E_NOTIMPL);
     EXPECT_EQ(accessor->GetDocFormat(text, 8, &length), E_NOTIMPL);
     EXPECT_EQ(accessor->GetCLSID(&clsid), E_NOTIMPL);
@@ -200,6 +200,7 @@ TEST_F(Accessors, AnswerWhatTheyDoNotDo) {
     EXPECT_EQ(accessor->GetRedirectedURL(text, 8, &length), E_NOTIMPL);
     EXPECT_EQ(accessor->GetSecurityProvider(&clsid), E_NOTIMPL);
     EXPECT_EQ(accessor->BindToStream(&stream), E_NOTIMPL);
+    EXPECT_EQ(stream, nullptr);
     EXPECT_EQ(accessor->BindToFilter(nullptr), E_POINTER);
     EXPECT_EQ(accessor->GetLastModified(nullptr), E_POINTER);
     EXPECT_EQ(accessor->IsDirectory(), url == message ? S_FALSE : S_OK);
@@ -224,9 +225,33 @@ TEST_F(Accessors, AnswerWhatTheyDoNotDo) {
   FILETIME time = {1, 1};
   EXPECT_EQ(timeless.accessor->GetLastModified(&time), E_NOTIMPL);
   EXPECT_EQ(TicksOf(time), 0);
-  left_alive_ += 2;  // a set-up that failed keeps its session and service administration, as laid down
+  left_alive_ += 2;  // a set-up that failed keeps its session and service administration
   for (const std::wstring& url : {kRoot + std::wstring(L"Z:\\no\\such.db"), std::wstring(L"http://example.com/")})
     EXPECT_EQ(Item(protocol_.Get(), url).result, E_OUTOFMEMORY);
+}
+
+// What is none of the module's URLs but has a fourth token opens the file of it, and holds nothing.
+TEST_F(Accessors, OfOtherUrlsOpenTheVaultAndAreEmpty) {
+  vault::StoreBuilder store("items");
+  AddMail(store.top().AddFolder("Inbox"));
+  const std::wstring path = Write(store).substr(wcslen(kRoot));
+  for (const std::wstring& url : {L"http://example.com/x/" + path, L"zkoffline3x://S-1/other/" + path + L"/AB.zkm"}) {
+    Item item(protocol_.Get(), url);
+    ASSERT_EQ(item.result, S_OK);
+    EXPECT_EQ(item.accessor->IsDirectory(), S_FALSE);
+    ULONGLONG size = 1;
+    EXPECT_EQ(item.accessor->GetSize(&size), S_OK);
+    EXPECT_EQ(size, 0u);
+    ASSERT_EQ(item.Bind(), S_OK);
+    EXPECT_TRUE(item.ReadAll().empty());
+    EXPECT_EQ(item.last, static_cast<HRESULT>(FILTER_E_END_OF_CHUNKS));
+    auto* region = static_cast<void*>(this);
+    EXPECT_EQ(item.filter->BindRegion({}, IID_IUnknown, &region), E_NOTIMPL);
+    EXPECT_EQ(region, nullptr);
+  }
+  NewLog();
+  EXPECT_EQ(Item(protocol_.Get(), L"http://example.com/x").result, E_OUTOFMEMORY);
+  EXPECT_TRUE(HasLine(NewLog(), "CUrlAccessor::Init() - Cannot allocate MAPI helper object"));
 }
 
 TEST_F(Accessors, LeaveNoCopyBehindWhateverEndsThem) {
@@ -397,6 +422,30 @@ TEST_F(Containers, ArePlacedByTheirPath) {
   EXPECT_TRUE(has(L"b", L"/Tessary"));
   EXPECT_TRUE(has(L"under it", L"/Tessary/b"));
   EXPECT_TRUE(has(L"two", L"/Tessary/items/Inbox/one")) << "there is no escaping";
+}
+
+// A root of vault folders has room for 1,024 characters, with or without a terminator in the registry.
+TEST_F(Containers, AreLookedForInRootsOfAnyLength) {
+  vault::StoreBuilder store("items");
+  Write(store);
+  for (const size_t length : {1023u, 1024u, 1025u}) {
+    for (const size_t terminator : {0u, 1u}) {
+      const std::wstring root = L"C:\\" + std::wstring(length - 3, L'r');
+      RegSetKeyValueW(HKEY_CURRENT_USER, L"SOFTWARE\\Trelmo\\Zarnak\\Client\\Vault", L"HXRootDirectory", REG_SZ,
+                      root.c_str(), static_cast<DWORD>((length + terminator) * sizeof(wchar_t)));
+      NewLog();
+      Read(kRoot);
+      const std::string log = NewLog();
+      EXPECT_EQ(log.find("Trying to enumerate for [" + fs::path(root).string() + "\\Vault\\*") != std::string::npos,
+                length <= 1024)
+          << length;
+      EXPECT_TRUE(
+          HasLine(log, std::string("CHoardexFilter::EnumAllHXFiles() - Querying for value [HXRootDirectory] in the "
+                                   "key [Vault] returned [") +
+                           (length <= 1024 ? "0]" : "234]")))
+          << length;
+    }
+  }
 }
 
 TEST_F(Containers, OfferAStepUntilItsValueIsTaken) {

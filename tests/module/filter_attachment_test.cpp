@@ -33,7 +33,7 @@ TEST_F(Attachments, AreListedWithALinkWhereTheyCanBeRead) {
   std::string log = NewLog();
   for (const char* line :
        {"CHoardexFilter::GetChunk() - Attachment extension could not be extracted for\trow [1]",
-        "CHoardexFilter::GetChunk() -\tIFilter\tnot found for extension\t[.xyz]",
+        "CHoardexFilter::GetChunk() -\tIFilter\tnot found for extension\t[xyz]",
         "CHoardexFilter::GetChunk() - PROP_ATTACHMENT_NAMES - WDS Group policy is set to ignore specific attachment of "
         "type - .doc;"})
     EXPECT_TRUE(HasLine(log, line)) << line;
@@ -227,6 +227,18 @@ TEST_F(Attachments, TakeKindAndTypeFromTheMachine) {
     EXPECT_EQ(chunks[3].text, L"document");
     EXPECT_EQ(chunks[4].text, L"txtfile");
   }
+  // Both have room for 260 characters, with or without a terminator in the registry.
+  for (const DWORD length : {260u, 261u}) {
+    for (const DWORD terminator : {0u, 1u}) {
+      const std::wstring text(length, L'k');
+      const DWORD size = (length + terminator) * sizeof(wchar_t);
+      RegSetKeyValueW(HKEY_LOCAL_MACHINE, kKindMap, L".TXT", REG_SZ, text.c_str(), size);
+      RegSetKeyValueW(HKEY_CLASSES_ROOT, L".txt", nullptr, REG_SZ, text.c_str(), size);
+      chunks = Read(urls[1]);
+      EXPECT_EQ(chunks[3].text, length == 260 ? text : L"email;communication");
+      EXPECT_EQ(chunks[4].text, length == 260 ? text : L"txt");
+    }
+  }
 }
 
 TEST_F(Attachments, TakeTheirAuthorFromTheShell) {
@@ -266,6 +278,7 @@ TEST_F(Attachments, TakeTheirAuthorFromTheShell) {
   } kCases[] = {
       {FakeShell::kNone, S_OK, text_of(L"Ann"), L"Ann", ""},
       {FakeShell::kNone, S_OK, array_of({L"Ann", L"Bob", L"Cy"}), L"Ann; Bob; Cy", ""},
+      {FakeShell::kNone, S_OK, array_of({L"", L"Bob"}), L"; Bob", ""},
       {FakeShell::kNone, S_OK, array_of({}), L"", ""},
       {FakeShell::kNone, S_OK, {}, L"", ""},
       {FakeShell::kNone, S_OK, number, L"",

@@ -143,6 +143,41 @@ TEST_F(Messages, LoseOnlyTheStepsOfAPropertyThatIsNotThere) {
         << "of an appointment, with or without recipients";
 }
 
+TEST_F(Messages, SayWhetherTheyWereReadAndByWhomTheyWereSent) {
+  const struct {
+    const char *type, *address;
+    const wchar_t* expected;
+    std::int32_t flags;
+    // clang-format off
+  } kCases[] = {{"EX", "/O=ORG/CN=ANN", L"EX:/O=ORG/CN=ANN", 0x11},  // MSGFLAG_READ, and that it has an attachment
+                {"smtp", "ann@example.com", L"ann@example.com", 0x10},
+                {"SMTP", "ann@example.com", L"ann@example.com", 1},
+                {"", "somebody", L"somebody", 0}};
+  // clang-format on
+  vault::StoreBuilder store("items");
+  auto& folder = store.top().AddFolder("All");
+  for (const char* message_class : {"IPM.Note", "IPM.Appointment"}) {
+    for (const auto& sent : kCases) {
+      auto& message = folder.AddMessage(message_class).Int(0x0E07, sent.flags);
+      message.Text(0x0C1E, sent.type).Text(0x0C1F, sent.address);
+      // Whoever it was sent for is shown by the sender's type.
+      message.Text(0x0064, "X400").Text(0x0065, sent.address);
+    }
+  }
+  const auto urls = MessagesOf(Write(store));
+  ASSERT_EQ(urls.size(), 2 * std::size(kCases));
+  for (size_t i = 0; i < urls.size(); ++i) {
+    const auto& sent = kCases[i % std::size(kCases)];
+    const bool appointment = i >= std::size(kCases);
+    SCOPED_TRACE(sent.type);
+    const auto chunks = Read(urls[i]);
+    EXPECT_EQ(Find(chunks, kMail, 10)->number, sent.flags & 1 ? VARIANT_TRUE : VARIANT_FALSE);
+    EXPECT_EQ(Text(chunks, kMail, 13), sent.expected);
+    EXPECT_EQ(Text(chunks, 0x0BE1C8E7, 100), sent.expected);
+    EXPECT_EQ(Text(chunks, 0x744C8242, 100), appointment ? sent.expected : L"<absent>") << "organizers alone";
+  }
+}
+
 TEST_F(Messages, GiveTheirBodyInEachOfItsOutcomes) {
   vault::StoreBuilder store("items");
   AddMail(store.top().AddFolder("Inbox")).Body("The body.");

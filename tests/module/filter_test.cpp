@@ -6,7 +6,7 @@ namespace {
 namespace fs = std::filesystem;
 using Microsoft::WRL::ComPtr;
 
-TEST_F(Filter, EmitsAMailInItsLaidDownOrder) {
+TEST_F(Filter, EmitsAMailInAnOrderThatStaysTheSame) {
   vault::StoreBuilder store("items");
   auto& mail = AddMail(store.top().AddFolder("Inbox")).Body("The body of the invoice.");
   mail.Binary(0x0071, std::string("\x01\xAB\x00\xFF", 4)).Int(0x1090, 2);

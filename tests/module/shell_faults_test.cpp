@@ -10,6 +10,7 @@
 
 #include "include/HoardexPH.h"
 #include "module/protocol/HoardexSP.h"
+#include "module/shell/PropertyStores.h"
 #include "platform/converter.h"
 #include "tests/module/shell_fixture.h"
 #include "tests/support/class_double.h"
@@ -181,7 +182,17 @@ TEST_F(Faults, OfTheSystemAreSaidAndPassedOn) {
   }
   {
     const ZK_IMPORT_HOOK(SHGetSpecialFolderPathW) hook([](auto, HWND, LPWSTR, int, BOOL) -> BOOL { return FALSE; });
+    const std::string none = "There is no roaming application-data folder for the ";
     EXPECT_EQ(Open(), E_FAIL);
+    EXPECT_TRUE(Said({"CHoardexSP::InvokeCommand() - " + none + "message's copy"}));
+    // Whether it is opened or saved, the copy would land in whatever folder is the host's current one.
+    for (const size_t attached : {kReport, kInner}) {
+      EXPECT_EQ(Invoke(attachments_[attached], 1u), E_FAIL);
+      EXPECT_EQ(Save(attachments_[attached]), E_FAIL);
+      EXPECT_TRUE(Said({"CUrlAccessor::Init() - " + none + "attachment's copy",
+                        "CUrlAccessor::Init() - " + none + "attachment's copy"}));
+    }
+    EXPECT_EQ(GetFileAttributesW(L".msg"), INVALID_FILE_ATTRIBUTES);
     ComPtr<ISearchProtocol> protocol;
     ASSERT_EQ(folder_.As(&protocol), S_OK);
     protocol->ShutDown();
@@ -255,9 +266,11 @@ TEST_F(Faults, OfTheSystemsObjectsAreSaidAndPassedOn) {
     expect(UIObject(message_, IID_IQueryAssociations, associations), kFault,
            {std::string("CHoardexSP::GetUIObjectOf() - ") + failing.line + kCode});
   }
-  // A vault that the client has not registered gets no session.
+  // A vault that the client has not registered gets no session, and the user is told.
+  Boxes shown;
   EXPECT_EQ(Invoke(root_ + L"Q:\\elsewhere.db" + message_.substr(vault_.size()), 0u), E_ACCESSDENIED);
   EXPECT_TRUE(Said({"CHoardexSP::InvokeCommand() - Cannot allocate MAPI helper object"}));
+  EXPECT_EQ(Boxes::Take(), std::vector<std::wstring>{kCannotShow});
   EXPECT_EQ(executed_.count, 0);
 }
 
@@ -294,6 +307,43 @@ TEST_F(Faults, OfThePropertyStoreMakeNoIds) {
   EXPECT_TRUE(Said({"CHoardexSP::GetUIObjectOf() - GetPropertyFromIDList" + what}));
   EXPECT_EQ(folder_->BindToObject(good.list, nullptr, IID_IStream, out), kFault);
   EXPECT_TRUE(Said({"CHoardexSP::BindToObject() - GetURLFromItemIDList failed with error " + kCode}));
+}
+
+// Which library the process has, or the system, is Windows's affair: here they are told apart by what is asked for.
+TEST_F(Faults, OfThePropertySystemLeadToTheNextOne) {
+  const HMODULE working = LoadPropertySystem();
+  ASSERT_NE(working, nullptr);
+  std::wstring system(MAX_PATH, L'\0'), own(MAX_PATH, L'\0');
+  system.resize(GetSystemDirectoryW(system.data(), MAX_PATH));
+  own.resize(GetModuleFileNameW(nullptr, own.data(), MAX_PATH));
+  system += L"\\propsys.dll";
+  own.replace(own.rfind(L'\\'), std::wstring::npos, L"\\propsys.dll");
+  const HMODULE without = GetModuleHandleW(L"kernel32.dll");  // stands for one that makes no stores with a form
+  const struct {
+    HMODULE loaded, of_system, beside, chosen;
+    std::vector<std::wstring> asked;
+  } kCases[] = {{working, nullptr, nullptr, working, {}},
+                {nullptr, working, nullptr, working, {system}},
+                {without, working, working, working, {own}},
+                {nullptr, without, working, working, {system, own}},
+                {nullptr, without, nullptr, without, {system, own}},
+                {nullptr, nullptr, nullptr, nullptr, {system, own}}};
+  for (const auto& machine : kCases) {
+    std::vector<std::wstring> asked;
+    const ZK_IMPORT_HOOK(FreeLibrary) freed([](auto, HMODULE) -> BOOL { return TRUE; });
+    const ZK_IMPORT_HOOK(GetModuleHandleExW) loaded([&](auto, DWORD flags, LPCWSTR name, HMODULE* library) -> BOOL {
+      EXPECT_EQ(flags, 0u) << "counted";
+      EXPECT_STREQ(name, L"propsys.dll");
+      *library = machine.loaded;
+      return machine.loaded != nullptr;
+    });
+    const ZK_IMPORT_HOOK(LoadLibraryExW) load([&](auto, LPCWSTR path, HANDLE, DWORD) -> HMODULE {
+      asked.emplace_back(path);
+      return asked.back() == system ? machine.of_system : machine.beside;
+    });
+    EXPECT_EQ(LoadPropertySystem(), machine.chosen);
+    EXPECT_EQ(asked, machine.asked);
+  }
 }
 
 TEST_F(Faults, OfIconsAreFalse) {

@@ -4,6 +4,9 @@
 #include <shlobj.h>
 #include <shlwapi.h>
 
+#include <algorithm>
+
+#include "module/mapi/MapiForWDS.h"
 #include "module/protocol/HoardexSP.h"
 #include "module/shell/ItemIdFactory.h"
 #include "tests/module/shell_fixture.h"
@@ -30,14 +33,16 @@ TEST_F(Folder, AnswersWhatItDoesNotDo) {
   ItemId item;
   Parse(message_, item);
   PCUITEMID_CHILD child = item.child();
-  void* object = nullptr;
-  IEnumIDList* list = nullptr;
-  PITEMID_CHILD out = nullptr;
+  void *object = this, *view = this;
+  auto* list = reinterpret_cast<IEnumIDList*>(this);
+  auto* out = reinterpret_cast<PITEMID_CHILD>(this);
   EXPECT_EQ(folder_->EnumObjects(nullptr, SHCONTF_FOLDERS, &list), E_NOTIMPL);
   EXPECT_EQ(folder_->BindToStorage(item.list, nullptr, IID_IStream, &object), E_NOTIMPL);
   EXPECT_EQ(folder_->CompareIDs(0, item.list, item.list), 1);
-  EXPECT_EQ(folder_->CreateViewObject(nullptr, IID_IUnknown, &object), E_NOTIMPL);
+  EXPECT_EQ(folder_->CreateViewObject(nullptr, IID_IUnknown, &view), E_NOTIMPL);
   EXPECT_EQ(folder_->SetNameOf(nullptr, child, L"x", 0, &out), E_NOTIMPL);
+  EXPECT_TRUE(!list && !object && !view && !out) << "hands nothing out";
+  EXPECT_EQ(folder_->SetNameOf(nullptr, child, L"x", 0, nullptr), E_NOTIMPL);
   EXPECT_EQ(folder_->GetAttributesOf(1, &child, nullptr), E_POINTER);
   for (SFGAOF asked : {SFGAOF{0}, SFGAOF{SFGAO_FOLDER}, ~SFGAOF{0}}) {
     EXPECT_EQ(folder_->GetAttributesOf(1, &child, &asked), S_OK);
@@ -156,8 +161,8 @@ TEST_F(Folder, BindsNothingElse) {
   }
   // A good item of a vault that lies elsewhere is not looked at, whatever the ID says.
   const std::wstring item = message_.substr(vault_.size()), name = store_path_.substr(store_path_.rfind(L'\\'));
-  for (const std::wstring& folder : {std::wstring(L"\\\\server\\share"), folder_path_ + L"\\.",
-                                     folder_path_ + L"\\Roaming\\..", folder_path_ + L"2"}) {
+  for (const std::wstring& folder :
+       {std::wstring(L"\\\\server\\share"), folder_path_ + L"\\..", folder_path_ + L"\\Roaming", folder_path_ + L"2"}) {
     EXPECT_EQ(Bind(root_ + folder + name + item, IID_IStream), E_NOINTERFACE) << Narrow(folder);
     EXPECT_FALSE(InOrder(log_->New(), {"CMapiForWDS::GetMapiObj()"}));
     ComPtr<IHoardexSave> save;
@@ -203,7 +208,41 @@ TEST_F(Folder, GivesItemsTheirFileTypes) {
   EXPECT_EQ(icon(attachments_[kBlank]), L"<failed>");
   EXPECT_TRUE(
       Said({prefix + "Attachment Extension - ", prefix + "IQueryAssociations::Init() failed with [0x80070057]"}));
-  for (const std::wstring& container : {inbox_, vault_, root_}) EXPECT_EQ(icon(container), L"<failed>");
+  // A container gets associations of no type.
+  for (const std::wstring& container : {inbox_, vault_, root_}) {
+    EXPECT_EQ(icon(container), L"");
+    const auto lines = log_->New();
+    EXPECT_TRUE(InOrder(lines, {"CHoardexSP:: GetUIObjectOf() - IID_IQueryAssociations SUCCESS hr = [0x00000000]"}));
+    EXPECT_FALSE(InOrder(lines, {prefix + "IQueryAssociations::Init()"}));
+  }
+}
+
+// A registered folder may be written in any way that Windows takes for the same.
+TEST_F(Folder, KnowsAVaultsFolderHoweverItIsWritten) {
+  constexpr wchar_t kClient[] = L"SOFTWARE\\Trelmo\\Zarnak\\Client\\Caf\x00C9";
+  const std::wstring folder = folder_path_ + L"\\Caf\x00C9", name = store_path_.substr(store_path_.rfind(L'\\')),
+                     item = attachments_[kReport].substr(vault_.size());
+  CreateDirectoryW(folder.c_str(), nullptr);
+  ASSERT_TRUE(CopyFileW(store_path_.c_str(), (folder + name).c_str(), FALSE));
+  std::wstring turned = folder_path_;
+  std::replace(turned.begin(), turned.end(), L'\\', L'/');
+  const std::wstring drive = folder_path_.substr(0, 2), below = folder_path_.substr(2);
+  for (const std::wstring& root : {folder_path_, folder_path_ + L"\\", turned, turned + L"/", drive + L"\\" + below,
+                                   folder_path_ + L"\\Roaming\\..", folder_path_ + L"\\."}) {
+    ScratchRegistry::SetString(HKEY_CURRENT_USER, kClient, L"HXRootDirectory", root);
+    // As the filter links to it, and in another case.
+    for (const std::wstring& path : {root + L"\\Caf\x00C9" + name, folder_path_ + L"\\CAF\x00E9" + name}) {
+      log_->New();
+      std::string bytes;
+      EXPECT_EQ(Bind(root_ + path + item, IID_IStream, &bytes), S_OK) << Narrow(path);
+      EXPECT_EQ(bytes, "content of the report");
+      EXPECT_FALSE(Said({"CHoardexFilter::EnumAllHXFiles()"})) << "the filter's lines";
+    }
+  }
+  CMapiForWDS::CleanMapiObjs();
+  RegDeleteKeyW(HKEY_CURRENT_USER, kClient);
+  EXPECT_TRUE(DeleteFileW((folder + name).c_str()));
+  RemoveDirectoryW(folder.c_str());
 }
 
 TEST_F(Folder, RefusesUIObjectsOfWhatIsNotOneItem) {

@@ -167,8 +167,13 @@ TEST(ItemIds, OfAHostAreItsToAllocate) {
   EXPECT_EQ(Bytes(id.begin() + 74, id.begin() + 80), Bytes(6, 0xEE)) << "the host's";
   std::wstring name;
   Guarded memory;
-  EXPECT_EQ(Read(memory.Put(id), &name), S_OK);
-  EXPECT_EQ(name, L"ab");
+  for (const BYTE outer : {0xB0, 0x00}) {  // the second with no mark that the host has bytes of its own
+    id[2] = outer;
+    if (!outer) id[3] = 0;
+    name.clear();
+    EXPECT_EQ(Read(memory.Put(id), &name), S_OK);
+    EXPECT_EQ(name, L"ab");
+  }
   host.refuses = true;
   EXPECT_EQ(Create(&host, &store), E_OUTOFMEMORY);
   // What is too long for an ID is the host's to refuse, too.

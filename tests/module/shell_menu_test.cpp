@@ -140,6 +140,16 @@ TEST_F(Menu, RefusesOtherVerbsBehindTheCopy) {
   ComPtr<IContextMenu> menu;
   ASSERT_EQ(UIObject(message_, IID_IContextMenu, menu), S_OK);
   EXPECT_EQ(menu->InvokeCommand(nullptr), E_POINTER);
+  // The wide verb counts where the structure reaches it: here "delete", and else the narrow one.
+  CMINVOKECOMMANDINFOEX command = {};
+  command.fMask = CMIC_MASK_UNICODE;
+  command.lpVerb = "other";
+  command.lpVerbW = L"delete";
+  for (const DWORD size : {offsetof(CMINVOKECOMMANDINFOEX, lpParametersW), offsetof(CMINVOKECOMMANDINFOEX, lpVerbW)}) {
+    command.cbSize = size;
+    EXPECT_EQ(menu->InvokeCommand(reinterpret_cast<CMINVOKECOMMANDINFO*>(&command)), E_FAIL);
+    EXPECT_EQ(Boxes::Take().size(), size > offsetof(CMINVOKECOMMANDINFOEX, lpVerbW) ? 1u : 0u) << size;
+  }
 }
 
 TEST_F(Menu, RunsNoProgram) {
@@ -230,7 +240,7 @@ TEST_F(Menu, ShowsTheItemsIcons) {
   EXPECT_STREQ(file, own);
   EXPECT_EQ(index, 1);
   EXPECT_EQ(flags, 0u);
-  EXPECT_TRUE(Said({"CHoardexSP::GetIconLocation() - Icon file name [" + Narrow(own) + "]"}));
+  EXPECT_FALSE(Said({"CHoardexSP::GetIconLocation()"})) << "a line of the level that is never written";
   wchar_t shorter[9];
   shorter[8] = L'!';
   EXPECT_EQ(icons->GetIconLocation(0, shorter, 8, &index, &flags), S_OK);
@@ -358,6 +368,57 @@ TEST_F(SweepTest, NeverFollowsLinks) {
     EXPECT_TRUE(!Exists(link) || Said({"CHoardexSP::DeleteAppDataFolder() - Could not delete folder"}));
     Unlink(link);
   }
+}
+
+// Where the user may not open the folders above, and where nothing at all can be resolved.
+TEST_F(SweepTest, NeedsNoFolderAboveIt) {
+  const std::wstring link = TemporaryFolder() + L"\\sub\\link.txt";
+  for (const bool all : {false, true}) {
+    const ZK_IMPORT_HOOK(CreateFileW) hook([&](auto next, LPCWSTR path, DWORD access, DWORD share, auto* security,
+                                               DWORD disposition, DWORD flags, HANDLE file) -> HANDLE {
+      const bool above = (roaming_ + L"\\").starts_with(path);
+      return above || (all && flags == FILE_FLAG_BACKUP_SEMANTICS)
+                 ? INVALID_HANDLE_VALUE
+                 : next(path, access, share, security, disposition, flags, file);
+    });
+    CreateDirectoryW(TemporaryFolder().c_str(), nullptr);
+    CreateDirectoryW((TemporaryFolder() + L"\\sub").c_str(), nullptr);
+    Write(own_);
+    Write(deep_);
+    if (!all) {
+      ASSERT_TRUE(Link(canary_, link));
+      protocol_->ShutDown();
+      EXPECT_TRUE(Exists(canary_)) << "held against the folder itself";
+      EXPECT_FALSE(Exists(own_) || Exists(deep_));
+      Unlink(link);
+    }
+    protocol_->ShutDown();
+    EXPECT_FALSE(Exists(TemporaryFolder()));
+  }
+}
+
+TEST_F(SweepTest, WorksBelowARoot) {
+  std::vector<std::wstring> opened;
+  const ZK_IMPORT_HOOK(CreateFileW) hook([&](auto next, LPCWSTR path, DWORD access, DWORD share, auto* security,
+                                             DWORD disposition, DWORD flags, HANDLE file) -> HANDLE {
+    opened.push_back(path);
+    return next(path, access, share, security, disposition, flags, file);
+  });
+  const std::wstring folder = L"C:\\zkoffline3x";
+  for (const wchar_t* root : {L"C:", L"C:\\"}) {
+    const ZK_IMPORT_HOOK(SHGetSpecialFolderPathW) roaming([&](auto, HWND, LPWSTR path, int, BOOL) -> BOOL {
+      wcscpy(path, root);
+      return TRUE;
+    });
+    CreateDirectoryW(folder.c_str(), nullptr);
+    Write(folder + L"\\own.txt");
+    protocol_->ShutDown();
+    EXPECT_FALSE(Exists(folder));
+  }
+  // A share without its backslash is no folder.
+  opened.clear();
+  EXPECT_TRUE(DetachLinks(L"\\\\server\\share\\zkoffline3x"));
+  EXPECT_EQ(opened, std::vector<std::wstring>{L"\\\\server\\share\\"});
 }
 
 TEST_F(SweepTest, NeverFollowsAFolderThatIsALink) {
