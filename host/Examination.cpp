@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "host/BuiltInFilter.h"
+#include "host/Handler.h"
 #include "host/MailClient.h"
 #include "host/Policy.h"
 #include "host/Registration.h"
@@ -90,8 +91,8 @@ Json RunStep(const std::wstring& words) {
 // Makes the registered class, which loads the module, which loads MAPI.
 Json MakeClass() {
   ComPtr<ISearchProtocol> protocol;
-  const HRESULT hr = CoCreateInstance(CLSID_HoardexSP, nullptr, CLSCTX_INPROC_SERVER, __uuidof(ISearchProtocol),
-                                      reinterpret_cast<void**>(protocol.ReleaseAndGetAddressOf()));
+  const HRESULT hr = MakeHandler(CLSID_HoardexSP, __uuidof(ISearchProtocol),
+                                 reinterpret_cast<void**>(protocol.ReleaseAndGetAddressOf()));
   return {{"code", CodeText(hr)}, {"name", CodeName(hr)}};
 }
 

@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "host/BuiltInFilter.h"
+#include "host/Handler.h"
 #include "host/ItemReader.h"
 #include "host/Text.h"
 
@@ -14,8 +15,6 @@ using Microsoft::WRL::ComPtr;
 namespace host {
 namespace {
 
-constexpr wchar_t kScheme[] = L"zkoffline3x";
-constexpr wchar_t kHandlersKey[] = L"SOFTWARE\\Microsoft\\Windows Search\\ProtocolHandlers";
 constexpr HRESULT kFilterNotFound = static_cast<HRESULT>(0x80040D16);  // GTHR_E_FILTER_NOT_FOUND
 
 // Hands the handler the filters of file types, as the search host's site does: the content type decides before the
@@ -49,13 +48,6 @@ class Site final : public IProtocolHandlerSite {
   std::atomic<ULONG> references_ = 1;
 };
 
-std::wstring HandlerProgId() {
-  wchar_t name[128];
-  DWORD size = sizeof(name);
-  const LONG error = RegGetValueW(HKEY_LOCAL_MACHINE, kHandlersKey, kScheme, RRF_RT_REG_SZ, nullptr, name, &size);
-  return error == ERROR_SUCCESS ? name : L"";
-}
-
 }  // namespace
 
 const char* KindOf(std::string_view url) {
@@ -84,18 +76,12 @@ Session::~Session() {
   if (protocol_) protocol_->ShutDown();
 }
 
-HRESULT HandlerClass(CLSID* clsid) {
-  const std::wstring prog_id = HandlerProgId();
-  return prog_id.empty() ? REGDB_E_CLASSNOTREG : CLSIDFromProgID(prog_id.c_str(), clsid);
-}
-
 HRESULT Session::Open() {
   CLSID clsid;
   HRESULT hr = HandlerClass(&clsid);
   if (FAILED(hr)) return hr;
   ComPtr<ISearchProtocol> protocol;
-  hr = CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, __uuidof(ISearchProtocol),
-                        reinterpret_cast<void**>(protocol.ReleaseAndGetAddressOf()));
+  hr = MakeHandler(clsid, __uuidof(ISearchProtocol), reinterpret_cast<void**>(protocol.ReleaseAndGetAddressOf()));
   if (FAILED(hr)) return hr;
   *site_.ReleaseAndGetAddressOf() = new Site;  // its first reference is ours
   TIMEOUT_INFO timeouts = {sizeof(TIMEOUT_INFO), 60'000, 60'000};

@@ -41,9 +41,6 @@ class Session {
   Microsoft::WRL::ComPtr<ISearchProtocol> protocol_;
 };
 
-// The class that is registered for the handler's scheme.
-HRESULT HandlerClass(CLSID* clsid);
-
 // The record of a step that failed: {"step", "code", "name"}.
 Json ErrorOf(const char* step, HRESULT code);
 

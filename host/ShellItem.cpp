@@ -5,6 +5,7 @@
 #include <shlobj.h>
 #include <shlwapi.h>
 
+#include "host/Handler.h"
 #include "host/Text.h"
 #include "include/HoardexPH.h"
 
@@ -38,12 +39,11 @@ void Check(const char* step, HRESULT code) {
 }
 
 template <class Interface>
-ComPtr<Interface> MakeHandler() {
+ComPtr<Interface> Make() {
   CLSID clsid;
   Check("HandlerClass", HandlerClass(&clsid));
   ComPtr<Interface> object;
-  Check("CoCreateInstance", CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, __uuidof(Interface),
-                                             reinterpret_cast<void**>(object.GetAddressOf())));
+  Check("CoCreateInstance", MakeHandler(clsid, __uuidof(Interface), reinterpret_cast<void**>(object.GetAddressOf())));
   return object;
 }
 
@@ -78,7 +78,7 @@ void RequireDesktop(const std::string& url, const std::string& verb) {
 
 HRESULT Invoke(const std::string& url, const std::string& verb) {
   RequireDesktop(url, verb);
-  const auto folder = MakeHandler<IShellFolder>();
+  const auto folder = Make<IShellFolder>();
   ItemId item;
   Parse(folder.Get(), url, item);
   PCUITEMID_CHILD child = reinterpret_cast<PCUITEMID_CHILD>(item.id);
@@ -97,7 +97,7 @@ HRESULT Invoke(const std::string& url, const std::string& verb) {
 }
 
 HRESULT SaveStream(const std::string& url, const std::wstring& path) {
-  const auto folder = MakeHandler<IShellFolder>();
+  const auto folder = Make<IShellFolder>();
   ItemId item;
   Parse(folder.Get(), url, item);
   ComPtr<IStream> from, to;
@@ -138,7 +138,7 @@ Json SaveItem(const std::string& url, const std::string& path, const std::string
     if (GetFileAttributesW(to.c_str()) != INVALID_FILE_ATTRIBUTES) return HRESULT_FROM_WIN32(ERROR_FILE_EXISTS);
     if (format == "eml") return SaveStream(url, to);
     if (format != "msg" && format != "content") return E_INVALIDARG;
-    return MakeHandler<IHoardexSave>()->SaveItem(FromUtf8(url).c_str(), to.c_str());
+    return Make<IHoardexSave>()->SaveItem(FromUtf8(url).c_str(), to.c_str());
   });
 }
 

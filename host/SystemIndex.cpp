@@ -4,6 +4,7 @@
 
 #include <wrl/client.h>
 
+#include "host/Handler.h"
 #include "host/Session.h"
 #include "host/Text.h"
 #include "include/HoardexPH.h"
@@ -55,7 +56,8 @@ Json ReadRoots(ISearchCrawlScopeManager* scope) {
   Json all = Json::array();
   ComPtr<IEnumSearchRoots> roots;
   Check("EnumerateRoots", scope->EnumerateRoots(&roots));
-  for (size_t count = 0; count < kMostScopes; ++count) {
+  // An index without roots has no enumerator either.
+  for (size_t count = 0; roots && count < kMostScopes; ++count) {
     ComPtr<ISearchRoot> root;
     const HRESULT hr = roots->Next(1, &root, nullptr);
     Check("IEnumSearchRoots::Next", hr);
@@ -71,7 +73,7 @@ Json ReadRules(ISearchCrawlScopeManager* scope) {
   Json all = Json::array();
   ComPtr<IEnumSearchScopeRules> rules;
   Check("EnumerateScopeRules", scope->EnumerateScopeRules(&rules));
-  for (size_t count = 0; count < kMostScopes; ++count) {
+  for (size_t count = 0; rules && count < kMostScopes; ++count) {
     ComPtr<ISearchScopeRule> rule;
     const HRESULT hr = rules->Next(1, &rule, nullptr);
     Check("IEnumSearchScopeRules::Next", hr);
@@ -170,10 +172,7 @@ Json Notify(const std::string& change, const std::string& path) {
   CLSID clsid = {};
   if (SUCCEEDED(hr)) hr = HandlerClass(&clsid);
   ComPtr<IHoardexNotify> notify;
-  if (SUCCEEDED(hr)) {
-    hr = CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, IID_IHoardexNotify,
-                          reinterpret_cast<void**>(notify.GetAddressOf()));
-  }
+  if (SUCCEEDED(hr)) hr = MakeHandler(clsid, IID_IHoardexNotify, reinterpret_cast<void**>(notify.GetAddressOf()));
   if (SUCCEEDED(hr))
     hr = path.empty() ? (notify.Get()->*row->all)() : (notify.Get()->*row->one)(FromUtf8(path).c_str());
   Json answer = {{"notify", change}, {"result", CodeText(hr)}};

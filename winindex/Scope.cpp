@@ -58,10 +58,10 @@ void Scope::AddRoot(const Root& root) {
   }
 }
 
-bool Scope::RemoveRoot(std::wstring_view url) {
+bool Scope::RemoveRoot(std::wstring_view url, bool with_rules) {
   const auto root = std::find_if(roots_.begin(), roots_.end(), [&](const Root& r) { return SameText(r.url, url); });
   if (root == roots_.end()) return false;
-  std::erase_if(rules_, [&](const Rule& rule) { return RootOf(roots_, rule.pattern) == &*root; });
+  if (with_rules) std::erase_if(rules_, [&](const Rule& rule) { return RootOf(roots_, rule.pattern) == &*root; });
   roots_.erase(root);
   return true;
 }

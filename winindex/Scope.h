@@ -34,8 +34,8 @@ class Scope {
 
   // A root that is there already is not there twice; it takes the new properties.
   void AddRoot(const Root& root);
-  // With its rules: all below the root that no deeper root has. False when there was none.
-  bool RemoveRoot(std::wstring_view url);
+  // With its rules, if these are to go: all below the root that no deeper root has. False when there was none.
+  bool RemoveRoot(std::wstring_view url, bool with_rules);
   // A default rule and a user's rule may stand beside each other for one pattern; of either sort there is one.
   void SetRule(const Rule& rule);
   // As SetRule, but an earlier rule of the sort keeps its follow flags. `override_children` removes the rules of the

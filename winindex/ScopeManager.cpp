@@ -83,12 +83,14 @@ STDMETHODIMP ScopeManager::AddRoot(ISearchRoot* root) {
 }
 
 STDMETHODIMP ScopeManager::RemoveRoot(LPCWSTR url) {
-  return Method("ISearchCrawlScopeManager::RemoveRoot", [&] {
+  constexpr char kMethod[] = "ISearchCrawlScopeManager::RemoveRoot";
+  return Method(kMethod, [&] {
     Require(url && *url, E_INVALIDARG);
     const std::wstring gone = url;
+    const bool with_rules = !Planned(kMethod, "keep-rules");
     const std::lock_guard guard(mutex_);
-    if (!scope_.RemoveRoot(gone)) return S_FALSE;
-    unsaved_.push_back([gone](Scope& scope) { scope.RemoveRoot(gone); });
+    if (!scope_.RemoveRoot(gone, with_rules)) return S_FALSE;
+    unsaved_.push_back([gone, with_rules](Scope& scope) { scope.RemoveRoot(gone, with_rules); });
     return S_OK;
   });
 }
@@ -99,6 +101,8 @@ STDMETHODIMP ScopeManager::EnumerateRoots(IEnumSearchRoots** roots) {
     std::vector<ComPtr<ISearchRoot>> items;
     const std::lock_guard guard(mutex_);
     for (const Root& root : scope_.roots()) items.emplace_back(Make<SearchRoot>(root));
+    *roots = nullptr;
+    if (items.empty()) return S_FALSE;
     *roots = Make<Enumerator<IEnumSearchRoots, ISearchRoot>>("IEnumSearchRoots", std::move(items)).Detach();
     return S_OK;
   });

@@ -6,7 +6,7 @@
 #include <wrl/client.h>
 
 #include <new>
-#include <utility>
+#include <optional>
 
 #include "module/core/Boundary.h"
 #include "module/core/ComObject.h"
@@ -16,6 +16,7 @@
 #include "module/protocol/HoardexSP.h"
 #include "module/registration/DesktopSearch.h"
 #include "module/registration/Exports.h"
+#include "module/shell/GroupPolicy.h"
 
 namespace {
 
@@ -48,20 +49,57 @@ std::wstring ModulePath() {
   }
 }
 
-// The system's function writes the library's keys; what it has written of them when it fails is taken back.
+std::wstring ClassesKey(const wchar_t* parent, const GUID& id) {
+  wchar_t text[40] = {};
+  StringFromGUID2(id, text, 40);
+  return std::wstring(parent) + L"\\" + text;
+}
+
+// The identifier of the library's type number `index`, if it is an interface: those are registered.
+HRESULT InterfaceOf(ITypeLib* library, UINT index, std::optional<GUID>& id) {
+  id.reset();
+  Microsoft::WRL::ComPtr<ITypeInfo> type;
+  HRESULT hr = library->GetTypeInfo(index, &type);
+  TYPEATTR* attributes = nullptr;
+  if (SUCCEEDED(hr)) hr = type->GetTypeAttr(&attributes);
+  if (FAILED(hr)) return hr;
+  if (attributes->typekind == TKIND_INTERFACE || attributes->typekind == TKIND_DISPATCH) id = attributes->guid;
+  type->ReleaseTypeAttr(attributes);
+  return S_OK;
+}
+
+// The system's function writes the keys of the library and its interfaces; what it has written of them when it fails is
+// taken back.
 HRESULT RegisterTypeLibrary(RegistryUndo& undo) {
-  for (const auto& [parent, id] : {std::pair{L"TypeLib", module::kTypeLibrary},
-                                   {L"Interface", __uuidof(IHoardexSP)},
-                                   {L"Interface", __uuidof(IHoardexNotify)}}) {
-    wchar_t text[40] = {};
-    StringFromGUID2(id, text, 40);
+  const std::wstring path = ModulePath();
+  Microsoft::WRL::ComPtr<ITypeLib> library;
+  HRESULT hr = LoadTypeLibEx(path.c_str(), REGKIND_NONE, &library);
+  if (FAILED(hr)) return hr;
+  const auto remember = [&](const wchar_t* parent, const GUID& id) {
     RegistryKey key;
     LONG error = undo.OpenOrCreate(HKEY_CLASSES_ROOT, parent, KEY_READ, key);
-    if (error == ERROR_SUCCESS) error = undo.Remember(HKEY_CLASSES_ROOT, std::wstring(parent) + L"\\" + text);
-    if (error != ERROR_SUCCESS) return HRESULT_FROM_WIN32(error);
+    if (error == ERROR_SUCCESS) error = undo.Remember(HKEY_CLASSES_ROOT, ClassesKey(parent, id));
+    return HRESULT_FROM_WIN32(error);
+  };
+  if (FAILED(hr = remember(L"TypeLib", module::kTypeLibrary))) return hr;
+  for (UINT i = 0; i < library->GetTypeInfoCount(); ++i) {
+    std::optional<GUID> id;
+    if (FAILED(hr = InterfaceOf(library.Get(), i, id))) return hr;
+    if (id && FAILED(hr = remember(L"Interface", *id))) return hr;
   }
-  Microsoft::WRL::ComPtr<ITypeLib> library;
-  return LoadTypeLibEx(ModulePath().c_str(), REGKIND_REGISTER, &library);
+  return LoadTypeLibEx(path.c_str(), REGKIND_REGISTER, library.ReleaseAndGetAddressOf());
+}
+
+// One that is not registered is no failure.
+HRESULT UnregisterTypeLibrary() {
+  RegistryKey key;
+  if (key.Open(HKEY_CLASSES_ROOT, (ClassesKey(L"TypeLib", module::kTypeLibrary) + L"\\1.0\\0\\win64").c_str()) ==
+      ERROR_FILE_NOT_FOUND)
+    return S_OK;
+  const HRESULT hr = UnRegisterTypeLib(module::kTypeLibrary, 1, 0, LOCALE_NEUTRAL, SYS_WIN64);
+  if (FAILED(hr))
+    ZK_LOG(L"HoardexPH::DllUnregisterServer() - UnRegisterTypeLib returned with a value of [0x%08lX]", hr);
+  return hr;
 }
 
 }  // namespace
@@ -76,7 +114,7 @@ bool CheckMAPIIsLoaded() {
 }
 
 // Under the loader lock: no COM call, no thread, no wait for one.
-extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID) {
+extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID process_ends) {
   module::SetInstance(instance);
   if (reason == DLL_PROCESS_ATTACH) {
     ZK_LOG(L"HoardexPH::DllMain() - About to load MAPI");
@@ -87,6 +125,8 @@ extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID) {
     ZK_LOG(L"HoardexPH::DllMain() - Finished loading MAPI");
   }
   if (reason != DLL_PROCESS_DETACH && reason != DLL_THREAD_DETACH) UpdateRegistryOnAttach();
+  // A process that ends gives everything back itself, and what else it unloads may still call this module.
+  if (reason == DLL_PROCESS_DETACH && !process_ends) ReleaseGroupPolicies();
   return TRUE;
 }
 
@@ -97,6 +137,8 @@ STDAPI DllGetClassObject(REFCLSID clsid, REFIID iid, void** object) {
   auto* factory = new (std::nothrow) ClassFactory;
   if (!factory) return E_OUTOFMEMORY;
   const HRESULT hr = factory->QueryInterface(iid, object);
+  // While the class object holds the module: the index may be another process, and waiting for it lets other calls in.
+  AddUserRootOnce();
   factory->Release();
   return hr;
 }
@@ -117,11 +159,9 @@ STDAPI DllRegisterServer() {
 
 STDAPI DllUnregisterServer() {
   ZK_GUARD(L"HoardexPH::DllUnregisterServer()", [] {
-    const HRESULT hr = registrar::Unregister(IDR_REGISTRATION, ModulePath());
-    const HRESULT library = UnRegisterTypeLib(module::kTypeLibrary, 1, 0, LOCALE_NEUTRAL, SYS_WIN64);
-    if (FAILED(library))
-      ZK_LOG(L"HoardexPH::DllUnregisterServer() - UnRegisterTypeLib returned with a value of [0x%08lX]", library);
+    const HRESULT script = registrar::Unregister(IDR_REGISTRATION, ModulePath());
+    const HRESULT library = UnregisterTypeLibrary();
     DeleteWDSRegKeyForHX();
-    return hr;
+    return FAILED(script) ? script : library;
   });
 }

@@ -52,6 +52,16 @@ class RegistryKey {
     return RegSetValueExW(key_, name, 0, REG_SZ, reinterpret_cast<const BYTE*>(value.c_str()),
                           static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t)));
   }
+  // Writes the value unless it stands so already.
+  LONG EnsureString(const wchar_t* name, const std::wstring& value) const {
+    std::wstring there(value.size() + 1, L'\0');
+    const DWORD whole = static_cast<DWORD>(there.size() * sizeof(wchar_t));
+    DWORD type = 0, size = whole;
+    const LONG error = RegQueryValueExW(key_, name, nullptr, &type, reinterpret_cast<BYTE*>(there.data()), &size);
+    const bool stands = error == ERROR_SUCCESS && type == REG_SZ && size == whole && there.back() == L'\0' &&
+                        there.compare(0, value.size(), value) == 0;
+    return stands ? ERROR_SUCCESS : WriteString(name, value);
+  }
   // Neither values nor subkeys; false when that cannot be told.
   bool IsEmpty() const {
     DWORD subkeys = 0, values = 0;

@@ -4,11 +4,13 @@
 #include <string>
 
 #include "module/core/Boundary.h"
+#include "module/core/ComScope.h"
 #include "module/core/RegistryKey.h"
 #include "module/core/Text.h"
 #include "module/core/resource.h"
 #include "module/registration/HoardexCommon.h"
 #include "module/registration/SearchRoot.h"
+#include "module/shell/GroupPolicy.h"
 
 namespace {
 
@@ -84,12 +86,11 @@ LONG AddLocation(const std::wstring& path) {
   return error;
 }
 
-bool UpdateLocation() {
+void UpdateLocation() {
   const std::wstring path = LocationKey();
   const LONG error = AddLocation(path);
   if (error != ERROR_SUCCESS)
     ZK_LOG(L"UpdateWDSRegKeyForHX() - Adding the registry key HKLM\\%s failed, errorCode = %ld", path.c_str(), error);
-  return error == ERROR_SUCCESS;
 }
 
 void RemoveLocation() {
@@ -99,34 +100,39 @@ void RemoveLocation() {
     ZK_LOG(L"DeleteWDSRegKeyForHX() - Removing the registry key HKLM\\%s failed, errorCode = %ld", path.c_str(), error);
 }
 
-// The part of the update that touches the registry alone.
-struct RegistryUpdate {
-  bool known = false;    // the system is
-  bool written = false;  // all of it
-};
-RegistryUpdate UpdateRegistry() {
-  RegistryUpdate update;
-  update.known = DetectOSVersion();
-  update.written = UpdateTYItemTypeInReg();
-  if (update.known && OlderGeneration()) update.written = UpdateLocation() && update.written;
-  return update;
+// The part of the update that touches the registry alone. Returns whether the newer search runs here: false also where
+// the system cannot be told.
+bool UpdateRegistry() {
+  const bool known = DetectOSVersion();
+  UpdateTYItemTypeInReg();
+  DetectWDSGroupPolicy();
+  const bool older = OlderGeneration();
+  if (known && older) UpdateLocation();
+  return known && !older;
 }
 
 }  // namespace
 
 void UpdateRegistryOnAttach() {
-  // Not on every thread of a process that may not write there.
-  static constinit std::atomic<int> passes_left = 3;
-  if (passes_left <= 0 || passes_left-- <= 0) return;
   boundary::Guard(kLogSource, __LINE__, L"UpdateWDSRegKeyForHX()", [] {
-    const RegistryUpdate update = UpdateRegistry();
-    if (update.known && update.written) passes_left = 0;
+    UpdateRegistry();
     return S_OK;
   });
 }
 
+void AddUserRootOnce() {
+  boundary::Guard(kLogSource, __LINE__, L"UpdateWDSRegKeyForHX()", []() -> HRESULT {
+    if (!DetectOSVersion() || OlderGeneration()) return S_FALSE;
+    // Before the call, which may let other calls of the class in: none waits for it.
+    static constinit std::atomic<bool> asked = false;
+    if (asked.exchange(true)) return S_FALSE;
+    const ComScope com;
+    return CreateDeleteRegSearchRootAndDefaultScope(true);
+  });
+}
+
 void UpdateWDSRegKey() {
-  if (UpdateRegistry().known && !OlderGeneration()) CreateDeleteRegSearchRootAndDefaultScope(true);
+  if (UpdateRegistry()) CreateDeleteRegSearchRootAndDefaultScope(true);
 }
 
 void DeleteWDSRegKey() {

@@ -2,29 +2,14 @@
 // returned; the log says how it went.
 #include "module/registration/Exports.h"
 
-#include <objbase.h>
-
 #include "module/core/Boundary.h"
+#include "module/core/ComScope.h"
 #include "module/registration/DesktopSearch.h"
 #include "module/registration/SearchRoot.h"
 
 namespace {
 
 constexpr wchar_t kLogSource[] = L".\\HoardexPH";
-
-// COM on the calling thread for the length of a call. A caller that has it, in whatever apartment, keeps it as it is.
-class ComScope {
- public:
-  ComScope() : entered_(SUCCEEDED(CoInitializeEx(nullptr, COINIT_MULTITHREADED))) {}
-  ~ComScope() {
-    if (entered_) CoUninitialize();
-  }
-  ComScope(const ComScope&) = delete;
-  ComScope& operator=(const ComScope&) = delete;
-
- private:
-  bool entered_;
-};
 
 template <class Body>
 void RunExport(const wchar_t* operation, Body&& body) noexcept {

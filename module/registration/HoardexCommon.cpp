@@ -78,8 +78,7 @@ bool IsServer2008OrLater() {
   return g_server2008;
 }
 
-bool UpdateTYItemTypeInReg() {
-  bool all = true;
+void UpdateTYItemTypeInReg() {
   for (const ItemType& type : kItemTypes) {
     const std::wstring display_name = text::Resource(type.display_name);
     RegistryKey key;
@@ -88,16 +87,13 @@ bool UpdateTYItemTypeInReg() {
     if (error != ERROR_SUCCESS) {
       ZK_LOG(L"UpdateTYItemTypeInReg() - Failed to access %s registry key under HKEY_CLASSES_ROOT, errorCode = %ld",
              type.name, error);
-      all = false;
       continue;
     }
     ZK_LOG(L"UpdateTYItemTypeInReg() --- TY ItemType [%s] ---", type.name);
     if (display_name.empty()) continue;
-    error = key.WriteString(kFriendlyName, display_name);
+    error = key.EnsureString(kFriendlyName, display_name);
     ZK_LOG(L"UpdateTYItemTypeInReg() Set '%s' registry value, returnCode = %ld", kFriendlyName, error);
-    all = all && error == ERROR_SUCCESS;
   }
-  return all;
 }
 
 void RemoveTYItemTypeFromReg() {

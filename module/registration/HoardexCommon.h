@@ -9,7 +9,7 @@ bool DetectOSVersion();
 bool IsVistaOrLater();
 bool IsServer2008OrLater();
 
-// Writes the display names of the item types under HKEY_CLASSES_ROOT, or takes them away again, each with its key if
-// nothing else is in it. What the registry refuses is logged; the update returns whether it refused nothing.
-bool UpdateTYItemTypeInReg();
+// Sees to the display names of the item types under HKEY_CLASSES_ROOT, writing those that are not there, or takes them
+// away again, each with its key if nothing else is in it. What the registry refuses is logged.
+void UpdateTYItemTypeInReg();
 void RemoveTYItemTypeFromReg();

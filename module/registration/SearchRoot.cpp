@@ -36,9 +36,10 @@ HRESULT OpenCrawlScope(const wchar_t* operation, ComPtr<ISearchCrawlScopeManager
 
 using Roots = std::vector<ComPtr<ISearchRoot>>;
 
-// All roots, before anything is done with one: a removal may move an enumerator that shows the living list.
+// All roots, before anything is done with one: a removal may move an enumerator that shows the living list. An index
+// without roots has no enumerator either.
 HRESULT Collect(IEnumSearchRoots* enumerator, Roots& roots) {
-  for (;;) {
+  while (enumerator) {
     ComPtr<ISearchRoot> root;
     ULONG fetched = 0;
     const HRESULT hr = enumerator->Next(1, &root, &fetched);
@@ -47,6 +48,7 @@ HRESULT Collect(IEnumSearchRoots* enumerator, Roots& roots) {
     if (!root) return E_UNEXPECTED;
     roots.push_back(std::move(root));
   }
+  return S_OK;
 }
 
 HRESULT UrlOf(ISearchRoot* root, std::wstring& url) {
@@ -57,10 +59,10 @@ HRESULT UrlOf(ISearchRoot* root, std::wstring& url) {
   return Filled(hr, text);
 }
 
-// S_OK when one of the roots has this URL, S_FALSE when none has.
-HRESULT FindSearchRoot(ISearchCrawlScopeManager* scope, const std::wstring& url) {
+// S_OK when one of the roots has this URL, which is then as the index spells it; S_FALSE when none has.
+HRESULT FindSearchRoot(ISearchCrawlScopeManager* scope, std::wstring& url) {
   ComPtr<IEnumSearchRoots> enumerator;
-  HRESULT hr = Filled(scope->EnumerateRoots(&enumerator), enumerator);
+  HRESULT hr = scope->EnumerateRoots(&enumerator);
   if (FAILED(hr)) return hr;
   Roots roots;
   if (FAILED(hr = Collect(enumerator.Get(), roots))) return hr;
@@ -69,7 +71,9 @@ HRESULT FindSearchRoot(ISearchCrawlScopeManager* scope, const std::wstring& url)
     if (FAILED(hr = UrlOf(root.Get(), other))) return hr;
     const int order = CompareStringW(LOCALE_INVARIANT, NORM_IGNORECASE, other.c_str(), -1, url.c_str(), -1);
     if (!order) return HRESULT_FROM_WIN32(GetLastError());
-    if (order == CSTR_EQUAL) return S_OK;
+    if (order != CSTR_EQUAL) continue;
+    url = std::move(other);
+    return S_OK;
   }
   return S_FALSE;
 }
@@ -113,7 +117,7 @@ HRESULT DeleteAllHoardexSearchRoots(ISearchCrawlScopeManager* scope) {
   constexpr wchar_t kOperation[] = L"DeleteAllHoardexSearchRoots() - ";
   ComPtr<IEnumSearchRoots> enumerator;
   HRESULT hr = ZK_STEPS(kOperation, {{L"Querying for IEnumSearchRoots interface returned with a value of",
-                                      [&] { return Filled(scope->EnumerateRoots(&enumerator), enumerator); }}});
+                                      [&] { return scope->EnumerateRoots(&enumerator); }}});
   if (FAILED(hr)) return hr;
   Roots roots;
   if (FAILED(hr = Collect(enumerator.Get(), roots))) {
@@ -151,7 +155,7 @@ HRESULT CreateDeleteRegSearchRootAndDefaultScope(bool create) {
     ZK_LOG(L"CreateDeleteRegSearchRootAndDefaultScope() - GetUserSIDString returned [0x%08lX]", hr);
     return hr;
   }
-  const std::wstring url = UserRootUrl(sid);
+  std::wstring url = UserRootUrl(sid);
   ZK_LOG(L"CreateDeleteRegSearchRootAndDefaultScope() - The default URL for this new user [%s]", url.c_str());
 
   hr = ZK_STEPS(kOperation, {{L"FindSearchRoot returned", [&] { return FindSearchRoot(scope.Get(), url); }}});

@@ -3,10 +3,10 @@
 #include <oledberr.h>
 #include <wrl/client.h>
 
+#include <algorithm>
 #include <string>
 
 #include "module/core/Steps.h"
-#include "module/core/UrlGrammar.h"
 #include "module/core/UserSid.h"
 #include "module/registration/SearchRoot.h"
 
@@ -18,9 +18,10 @@ using steps::Filled;
 constexpr wchar_t kLogSource[] = L".\\HoardexSP";
 constexpr wchar_t kOperation[] = L"CHoardexSP::ProcessHXItem()";
 
-// The whole default scope, or one vault file in it.
-std::wstring ChangedUrl(const wchar_t* sid, const std::wstring& path) {
-  const std::wstring url = url::Normalise(UserRootUrl(sid) + path);
+// The whole default scope, or one vault file in it, whose path is one part of the URL.
+std::wstring ChangedUrl(const wchar_t* sid, std::wstring path) {
+  std::replace(path.begin(), path.end(), L'/', L'\\');
+  const std::wstring url = UserRootUrl(sid) + path;
   ZK_LOG(L"CHoardexSP::ProcessHXItem() - URL to be deleted is [%s]", url.c_str());
   ZK_LOG(L"CHoardexSP::ProcessHXItem() - URL to be processed is [%s]", url.c_str());
   return url;

@@ -3,22 +3,26 @@
 
 #include <windows.h>
 
-#include <memory>
-#include <string>
+#include <string_view>
 
 struct GroupPolicy {
-  DWORD prevent_attachments = 0;     // attachments are not indexed when it equals 1
-  std::wstring excluded_extensions;  // lower-case, each followed by ";"
+  DWORD prevent_attachments = 0;          // attachments are not indexed when it equals 1
+  std::wstring_view excluded_extensions;  // lower-case, each followed by ";"
 
   bool AttachmentsPrevented() const { return prevent_attachments == 1; }
   // Whether `key`, lower-cased by the caller, occurs in the excluded extensions. An empty key never does.
-  bool Excludes(const std::wstring& key) const {
-    return !key.empty() && excluded_extensions.find(key) != std::wstring::npos;
+  bool Excludes(std::wstring_view key) const {
+    return !key.empty() && excluded_extensions.find(key) != std::wstring_view::npos;
   }
 };
 
-// Resets the process-wide values and reads them anew. Any thread; readers go on with the values they hold.
+// Reads the process-wide values anew and publishes them once they are complete. Any thread; waits for none, and readers
+// go on with the values they hold.
 void DetectWDSGroupPolicy();
 
-// The values as last read.
-std::shared_ptr<const GroupPolicy> CurrentGroupPolicy();
+// The values as last read, never null. What it points to stands until the module is unloaded.
+const GroupPolicy* CurrentGroupPolicy();
+
+// Gives back all that was read, when the module is unloaded and nobody holds values any more. Afterwards the policy is
+// as if there were none.
+void ReleaseGroupPolicies();

@@ -157,7 +157,10 @@ TEST_F(Upkeep, TheLifeOfAMachineLeavesNoTrace) {
   EXPECT_GT(Hits("vault:resting"), 0u);
 
   Wine({"rundll32", System::module() + ",ZKHoardexRemoveProtocol"});
-  EXPECT_EQ(Roots(), Json::array());
+  Wine({System::host(), "examine", "class"});
+  const Result rootless = System::Run({"index"});
+  EXPECT_THAT(rootless.errors, HasSubstr("No search root is registered"));
+  EXPECT_EQ(Roots(), Json::array()) << "came back because the module was loaded";
   Wine({"rundll32", System::module() + ",ZKHoardexRemoveProtocol"});
   Wine({"rundll32", System::module() + ",ZKHoardexRemoveAllProtocol"});
   Wine({"regsvr32", "/s", "/u", System::module()});

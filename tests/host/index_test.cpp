@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include "include/HoardexPH.h"
+#include "tests/support/module_host.h"
 #include "tests/support/scratch_registry.h"
 #include "tests/winindex/index_server.h"
 
@@ -38,6 +40,9 @@ class HostIndex : public testing::Test, protected IndexServer {
 
 TEST_F(HostIndex, TellsRootsAndRulesOfItsSchemeOnly) {
   EXPECT_EQ(host::SystemRoots(), Json::parse(R"({"roots":[],"rules":[]})"));
+  ComPtr<IUnknown> queue = Queue();
+  ComPtr<IHoardexSave> save;
+  EXPECT_EQ(queue->QueryInterface(IID_IHoardexSave, reinterpret_cast<void**>(save.GetAddressOf())), E_NOINTERFACE);
   const auto scope = Scope();
   for (const wchar_t* url : {L"file:///C:\\", L"ZKoffline3x://{S-1}/default/", L"zkoffline3xy://x/"}) {
     EXPECT_EQ(scope->AddRoot(Root(url).Get()), S_OK);
@@ -87,6 +92,35 @@ TEST_F(HostIndex, TellsChangesUntilTheyAreDone) {
   EXPECT_EQ(host::ChangesDone(~0ULL), Json({{"done", ~0ULL}}));
   Fail(L"IHoardexChangeQueue::Read=0x80004005");
   EXPECT_EQ(host::SystemChanges()["error"]["name"], "E_FAIL");
+}
+
+// The built module's registration over the built stand-in.
+TEST_F(HostIndex, ShowsWhatTheModuleHasRegisteredEvenWhereRulesStay) {
+  const ModuleHost module;
+  ASSERT_TRUE(module.loaded());
+  const auto shown = [&](const char* operation) {
+    module.Call(operation);
+    const Json answer = host::SystemRoots();
+    EXPECT_FALSE(answer.contains("error")) << operation;
+    return std::pair(answer["roots"].size(), answer["rules"].size());
+  };
+  using Counts = std::pair<size_t, size_t>;
+  Fail(L"ISearchCrawlScopeManager::RemoveRoot=keep-rules");
+  EXPECT_EQ(shown("ZKHoardexRemoveProtocol"), Counts(0, 0)) << "there is none yet";
+  EXPECT_EQ(shown("ZKHoardexRemoveAllProtocol"), Counts(0, 0));
+  for (const char* removal : {"ZKHoardexRemoveProtocol", "ZKHoardexRemoveAllProtocol"}) {
+    EXPECT_EQ(shown("ZKHoardexAddProtocol"), Counts(1, 1));
+    EXPECT_EQ(host::SystemRoots()["rules"][0]["pattern"], host::SystemRoots()["roots"][0]);
+    EXPECT_EQ(shown(removal), Counts(0, 1)) << removal;
+  }
+  EXPECT_EQ(shown("ZKHoardexAddProtocol"), Counts(1, 1));
+  Fail(nullptr);
+  EXPECT_EQ(shown("ZKHoardexRemoveProtocol"), Counts(0, 0));
+  // Any client of the class brings the root with it.
+  ComPtr<IClassFactory> handler;
+  EXPECT_EQ(module.GetClassObject(CLSID_HoardexSP, IID_IClassFactory, &handler), S_OK);
+  EXPECT_EQ(host::SystemRoots()["roots"].size(), 1u);
+  handler.Reset();
 }
 
 TEST_F(HostIndex, ReportsNothingWithoutAHandler) {

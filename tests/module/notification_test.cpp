@@ -111,7 +111,8 @@ TEST_F(Notification, NamesTheChangeAndTheVaultByTheSlotThatIsCalled) {
       {8, L"ignored", "change 2 %U %U 0"},
       {3, L"", "change 1 %U %U 0"},
       {3, nullptr, "change 1 %U %U 0"},
-      {5, L"C:/Vaults/a.db", "change 2 %UC:\\Vaults\\a.db %UC:\\Vaults\\a.db 0"},  // one token, as items have it
+      // One token, as items have it, and all of it.
+      {5, L"C:/Old.dbs/a/b.db", "change 2 %UC:\\Old.dbs\\a\\b.db %UC:\\Old.dbs\\a\\b.db 0"},
   };
   for (const auto& c : cases) {
     index().calls.clear();

@@ -2,7 +2,6 @@
 // Wine shows this program other versions; those that it cannot show are given as "major.minor.type".
 #include <windows.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <optional>
 #include <string>
@@ -52,17 +51,6 @@ void PrintLocation(const char* when) {
 // same is done once more undisturbed.
 void PrintFaults(LogLines& log) {
   constexpr DWORD kError = ERROR_NO_SYSTEM_RESOURCES;
-  {
-    using ValueHook = ZK_IMPORT_HOOK(RegSetValueExW);
-    const ValueHook refuse([](ValueHook::Real, auto...) -> LONG { return ERROR_ACCESS_DENIED; });
-    log.New();
-    for (int attach = 0; attach < 10; ++attach) UpdateRegistryOnAttach();
-    const std::vector<std::string> lines = log.New();
-    printf("passes over a registry that refuses: %td\n",
-           std::count_if(lines.begin(), lines.end(),
-                         [](const auto& line) { return line.ends_with("--- TY ItemType [MAPI/ZK.Message] ---"); }));
-    RemoveTYItemTypeFromReg();
-  }
   SystemFaults system;
   const RegistryTree before = ModuleHives();
   UpdateWDSRegKeyForHX();
@@ -153,7 +141,7 @@ int main(int count, char** arguments) {
       PrintSystem(log);
       PrintLocation("next attach");
     }
-    // A pass is made once in a process; the export goes over everything again.
+    // What was taken away meanwhile is there again after the next attach.
     RegDeleteTreeW(HKEY_LOCAL_MACHINE, (std::wstring(kLocations) + L"Tessary").c_str());
     UpdateRegistryOnAttach();
     PrintLocation("attach again");

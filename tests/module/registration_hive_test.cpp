@@ -1,4 +1,6 @@
 // What registration writes into a registry that others use too, and that nothing is left of it.
+#include <algorithm>
+
 #include "module/registration/Exports.h"
 #include "tests/module/registration_fixture.h"
 #include "tests/support/registry_tree.h"
@@ -119,6 +121,7 @@ TEST_F(Hive, IsUntouchedWhenTheTypeLibraryIsRefusedAfterItWasWritten) {
     ZK_IMPORT_HOOK(LoadTypeLibEx)
     late([&](auto real, LPCOLESTR file, REGKIND kind, ITypeLib** library) -> HRESULT {
       EXPECT_EQ(real(file, kind, library), S_OK);
+      if (kind != REGKIND_REGISTER) return S_OK;
       (*library)->Release();
       *library = nullptr;
       written = ModuleHives();
@@ -140,6 +143,17 @@ TEST_F(Hive, IsClearedOfTheRestWhenOneStepOfRemovalFails) {
   system.Disarm();
   const std::string kept = "HKLM\\Software\\Microsoft\\Windows\\CurrentVersion\\Explorer\\Desktop\\NameSpace\\";
   for (const auto& [name, value] : ModuleHives()) EXPECT_TRUE(before.count(name) || name.rfind(kept, 0) == 0) << name;
+  // A library that is there and stays is a failure, though not the first when the script had one before.
+  using LibraryHook = ZK_IMPORT_HOOK(UnRegisterTypeLib);
+  {
+    const LibraryHook refuse([](LibraryHook::Real, auto...) -> HRESULT { return TYPE_E_REGISTRYACCESS; });
+    ASSERT_EQ(DllRegisterServer(), S_OK);
+    EXPECT_EQ(DllUnregisterServer(), TYPE_E_REGISTRYACCESS);
+    ASSERT_EQ(DllRegisterServer(), S_OK);
+    system.Arm(1, ERROR_ACCESS_DENIED, "RegDeleteValueW");
+    EXPECT_EQ(DllUnregisterServer(), E_ACCESSDENIED);
+    system.Disarm();
+  }
   EXPECT_EQ(DllUnregisterServer(), S_OK);
   EXPECT_EQ(ModuleHives(), before);
 }
@@ -147,6 +161,11 @@ TEST_F(Hive, IsClearedOfTheRestWhenOneStepOfRemovalFails) {
 TEST_F(Hive, RefusesItemTypesOneByOneAndTheLogSaysWhich) {
   SystemFaults system;
   const std::string line = "HoardexCommon:UpdateTYItemTypeInReg() ";
+  const auto results = [&] {
+    std::vector<std::string> lines = log_.New();
+    std::erase_if(lines, [](const std::string& text) { return text.find("returnCode") == std::string::npos; });
+    return lines;
+  };
   // Neither opened nor made: the row is left out, the next is done.
   log_.New();
   system.Arm(1, ERROR_ACCESS_DENIED, "RegCreateKeyExW");
@@ -161,15 +180,32 @@ TEST_F(Hive, RefusesItemTypesOneByOneAndTheLogSaysWhich) {
   EXPECT_EQ(lines[3], line + "--- TY ItemType [MAPI/ZK.Task] ---");
   EXPECT_EQ(lines[5], line + "--- TY ItemType [MAPI/ZK.Contact] ---");
   EXPECT_EQ(lines[7], line + "--- TY ItemType [MAPI/ZK.Note] ---");
-  // A value that cannot be set is only logged.
+  // A value that cannot be set is only logged. Only what differs is written: here a name of another type, a shorter and
+  // a longer one, and one that is not there.
+  const auto name = [](const wchar_t* type, const wchar_t* text) {
+    ScratchRegistry::SetString(HKEY_CLASSES_ROOT, type, L"FriendlyTypeName", text);
+  };
+  ScratchRegistry::SetDword(HKEY_CLASSES_ROOT, L"MAPI/ZK.Appointment", L"FriendlyTypeName", 1);
+  name(L"MAPI/ZK.Task", L"Tessary Tas");
+  name(L"MAPI/ZK.Contact", L"Tessary Contacts");
   system.Arm(2, ERROR_ACCESS_DENIED, "RegSetValueExW");
   UpdateWDSRegKeyForHX();
   system.Disarm();
-  lines = log_.New();
-  std::erase_if(lines, [](const std::string& text) { return text.find("returnCode") == std::string::npos; });
+  EXPECT_EQ(std::count(system.calls().begin(), system.calls().end(), "RegSetValueExW"), 4);
+  lines = results();
   ASSERT_EQ(lines.size(), 5u);
   EXPECT_EQ(lines[1], line + "Set 'FriendlyTypeName' registry value, returnCode = 5");
   EXPECT_EQ(lines[2], line + "Set 'FriendlyTypeName' registry value, returnCode = 0");
+  // What was refused is made up for, and the log looks the same where everything stands.
+  UpdateWDSRegKeyForHX();
+  const RegistryTree whole = ModuleHives();
+  results();
+  system.Arm(1000, ERROR_ACCESS_DENIED);
+  UpdateWDSRegKeyForHX();
+  system.Disarm();
+  EXPECT_EQ(std::count(system.calls().begin(), system.calls().end(), "RegSetValueExW"), 0);
+  EXPECT_EQ(results(), std::vector<std::string>(5, line + "Set 'FriendlyTypeName' registry value, returnCode = 0"));
+  EXPECT_EQ(ModuleHives(), whole);
 }
 
 }  // namespace

@@ -29,8 +29,6 @@ Steps OpeningSteps(const char* start, const char* called) {
       {"ISearchCatalogManager::GetCrawlScopeManager", "ISearchCatalogManager::GetCrawlScopeManager()",
        CREATE_DELETE "Query for an ISearchCrawlScopeManager interface returned with a value of [0x%R]"},
       {nullptr, nullptr, CREATE_DELETE "The default URL for this new user [%U]"},
-      {"ISearchCrawlScopeManager::EnumerateRoots", "ISearchCrawlScopeManager::EnumerateRoots()", nullptr, "",
-       CREATE_DELETE "FindSearchRoot returned [0x%R]"},
   };
 }
 Steps operator+(Steps first, const Steps& second) {
@@ -45,9 +43,11 @@ const Steps kRemoving = OpeningSteps(
     "HoardexPH:ZKHoardexRemoveProtocol() - Start the process of de-registering Hoardex's protocol handler for WDS 3.x",
     CREATE_DELETE "Called with a boolean value of 0");
 // The look-up, with no root and with the user's as the only one.
-const Steps kNothingFound = {{"IEnumSearchRoots::Next", "IEnumSearchRoots::Next(1)",
+const Steps kNothingFound = {{"ISearchCrawlScopeManager::EnumerateRoots", "ISearchCrawlScopeManager::EnumerateRoots()",
                               CREATE_DELETE "FindSearchRoot returned [0x%R]", "00000001"}};
 const Steps kFound = {
+    {"ISearchCrawlScopeManager::EnumerateRoots", "ISearchCrawlScopeManager::EnumerateRoots()", nullptr, "",
+     CREATE_DELETE "FindSearchRoot returned [0x%R]"},
     {"IEnumSearchRoots::Next", "IEnumSearchRoots::Next(1)", nullptr, "",
      CREATE_DELETE "FindSearchRoot returned [0x%R]"},
     {nullptr, "IEnumSearchRoots::Next(1)"},
@@ -133,7 +133,7 @@ TEST_F(SearchRoot, IsNeitherAddedNorRemovedTwice) {
               ElementsAre(CREATE_DELETE "FindSearchRoot returned [0x00000000]",
                           CREATE_DELETE "No need to create, search root already present", Registered("00000000")));
 
-  index().roots.back()[0] = L'z';
+  // It is removed as the index spells it.
   ZKHoardexRemoveProtocol();
   EXPECT_EQ(index().roots, others);
   index().calls.clear();
@@ -146,6 +146,15 @@ TEST_F(SearchRoot, IsNeitherAddedNorRemovedTwice) {
   lines.erase(lines.begin(), lines.end() - 3);
   EXPECT_THAT(lines, ElementsAre(CREATE_DELETE "FindSearchRoot returned [0x00000001]",
                                  CREATE_DELETE "No need to delete, search root not present", Deregistered("00000001")));
+  // An index without any root has no enumerator.
+  index().roots.clear();
+  index().calls.clear();
+  ZKHoardexRemoveProtocol();
+  EXPECT_EQ(log_.New().back(), Deregistered("00000001"));
+  ZKHoardexRemoveAllProtocol();
+  EXPECT_EQ(log_.New().back(),
+            DELETE_ALL "Querying for IEnumSearchRoots interface returned with a value of [0x00000001]");
+  EXPECT_THAT(index().calls, testing::Not(Contains("ISearchCrawlScopeManager::SaveAll()")));
 }
 
 TEST_F(SearchRoot, OfEveryUserGoesWithTheSchemeAndNoOther) {

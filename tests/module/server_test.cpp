@@ -10,7 +10,9 @@
 
 #include "include/HoardexPH.h"
 #include "platform/searchapi.h"
+#include "tests/support/fake_index.h"
 #include "tests/support/module_host.h"
+#include "tests/support/thread.h"
 
 namespace {
 
@@ -153,6 +155,35 @@ TEST(Module, ServesItsClassAloneAndAggregated) {
   EXPECT_EQ(factory->LockServer(FALSE), S_OK);
   factory.Reset();
   EXPECT_EQ(host.Call("DllCanUnloadNow"), S_OK);
+}
+
+// What is made up for at the class object, outside the loader's lock, once in a process.
+TEST(Module, AddsTheUsersRootWhenItsClassIsFirstAskedForAndServesItWhateverComesOfThat) {
+  Microsoft::WRL::ComPtr<IClassFactory> factory;
+  for (const bool refused : {false, true}) {
+    // The index's class objects stand in the apartment that threads without one of their own share.
+    ASSERT_EQ(CoInitializeEx(nullptr, COINIT_MULTITHREADED), S_OK);
+    {
+      FakeIndex index;
+      if (refused) index.faults["ISearchManager::GetCatalog"] = E_ACCESSDENIED;
+      ModuleHost host;
+      ASSERT_TRUE(host.loaded());
+      host.Call("DllCanUnloadNow");
+      EXPECT_TRUE(index.calls.empty()) << "COM under the loader's lock";
+      EXPECT_EQ(host.GetClassObject(IID_IUnknown, IID_IClassFactory, &factory), CLASS_E_CLASSNOTAVAILABLE);
+      EXPECT_TRUE(index.calls.empty());
+      Thread([&] { EXPECT_EQ(host.GetClassObject(kClass, IID_IClassFactory, &factory), S_OK); }).join();
+      EXPECT_EQ(index.roots.size(), refused ? 0u : 1u);
+      const auto calls = index.calls;
+      EXPECT_EQ(calls.size(), refused ? 2u : 16u);
+      EXPECT_EQ(host.GetClassObject(kClass, IID_IClassFactory, &factory), S_OK);
+      index.roots.clear();
+      EXPECT_EQ(index.calls, calls) << "once is enough";
+      factory.Reset();
+    }
+    EXPECT_EQ(FakeIndex::LiveObjects(), 0);
+    CoUninitialize();
+  }
 }
 
 }  // namespace

@@ -166,23 +166,28 @@ FakeObject* MakeEnumerator(FakeIndex& index) {
 }
 
 FakeObject* MakeScope(FakeIndex& index) {
-  return new FakeObject(
-      index, "ISearchCrawlScopeManager", kScope,
-      {{3, {"AddDefaultScopeRule", "sdd", nullptr}},
-       {4,
-        {"AddRoot", "",
-         [&index](const Arguments& in) {
-           index.roots.push_back(reinterpret_cast<FakeObject*>(in[0])->url);
-           return S_OK;
-         }}},
-       {5,
-        {"RemoveRoot", "s",
-         [&index](const Arguments& in) {
-           return std::erase(index.roots, reinterpret_cast<const wchar_t*>(in[0])) ? S_OK : S_FALSE;
-         }}},
-       {6, {"EnumerateRoots", "", [&index](const Arguments& out) { return Give(out[0], MakeEnumerator(index)); }}},
-       {7, {"AddHierarchicalScope", "sddd", nullptr}},
-       {16, {"SaveAll", "", nullptr}}});
+  return new FakeObject(index, "ISearchCrawlScopeManager", kScope,
+                        {{3, {"AddDefaultScopeRule", "sdd", nullptr}},
+                         {4,
+                          {"AddRoot", "",
+                           [&index](const Arguments& in) {
+                             index.roots.push_back(reinterpret_cast<FakeObject*>(in[0])->url);
+                             return S_OK;
+                           }}},
+                         {5,
+                          {"RemoveRoot", "s",
+                           [&index](const Arguments& in) {
+                             return std::erase(index.roots, reinterpret_cast<const wchar_t*>(in[0])) ? S_OK : S_FALSE;
+                           }}},
+                         {6,
+                          {"EnumerateRoots", "",
+                           [&index](const Arguments& out) {
+                             // Without roots there is no enumerator.
+                             if (index.roots.empty()) return Give(out[0], nullptr), S_FALSE;
+                             return Give(out[0], MakeEnumerator(index));
+                           }}},
+                         {7, {"AddHierarchicalScope", "sddd", nullptr}},
+                         {16, {"SaveAll", "", nullptr}}});
 }
 
 FakeObject* MakeSink(FakeIndex& index) {

@@ -20,10 +20,11 @@ class IndexScope : public testing::Test, protected IndexServer {
   std::vector<std::wstring> Roots() const { return RootsOf(Scope().Get()); }
   static std::vector<std::wstring> RootsOf(ISearchCrawlScopeManager* scope) {
     ComPtr<IEnumSearchRoots> roots;
-    EXPECT_EQ(scope->EnumerateRoots(&roots), S_OK);
+    const HRESULT hr = scope->EnumerateRoots(&roots);
+    EXPECT_EQ(hr, roots ? S_OK : S_FALSE);
     std::vector<std::wstring> all;
     ComPtr<ISearchRoot> root;
-    while (roots->Next(1, root.ReleaseAndGetAddressOf(), nullptr) == S_OK) {
+    while (roots && roots->Next(1, root.ReleaseAndGetAddressOf(), nullptr) == S_OK) {
       LPWSTR url = nullptr;
       BOOL notifies = FALSE;
       EXPECT_EQ(root->get_RootURL(&url), S_OK);
@@ -105,6 +106,29 @@ TEST_F(IndexScope, ARemovedRootTakesItsRulesAndLeavesNothing) {
   EXPECT_THAT(Roots(), ElementsAre(kBob, vault));
   EXPECT_THAT(Rules(), ElementsAre(L"+default 1 " + std::wstring(kBob), L"+default 1 " + vault));
   for (const std::wstring& url : {std::wstring(kBob), vault}) EXPECT_EQ(scope->RemoveRoot(url.c_str()), S_OK);
+  EXPECT_EQ(scope->SaveAll(), S_OK);
+  EXPECT_FALSE(Exists(data() + L"\\Hoardex"));
+}
+
+TEST_F(IndexScope, ARemovedRootLeavesItsRulesWhereThePlanKeepsThem) {
+  const auto scope = Scope();
+  const auto add = [&] {
+    EXPECT_EQ(scope->AddRoot(Root(kAnn).Get()), S_OK);
+    EXPECT_EQ(scope->AddDefaultScopeRule(kAnn, TRUE, FF_INDEXCOMPLEXURLS), S_OK);
+    EXPECT_EQ(scope->SaveAll(), S_OK);
+  };
+  add();
+  EXPECT_EQ(scope->AddHierarchicalScope((kAnn + std::wstring(L"V:\\*")).c_str(), FALSE, FALSE, FALSE), S_OK);
+  Fail(L"ISearchCrawlScopeManager::RemoveRoot=keep-rules");
+  EXPECT_EQ(scope->RemoveRoot(kAnn), S_OK);
+  Fail(nullptr);
+  EXPECT_EQ(scope->SaveAll(), S_OK) << "as it was when the root was removed";
+  EXPECT_THAT(Roots(), IsEmpty());
+  const auto rules = Rules();
+  EXPECT_EQ(rules.size(), 2u);
+  add();
+  EXPECT_EQ(Rules(), rules);
+  EXPECT_EQ(scope->RemoveRoot(kAnn), S_OK);
   EXPECT_EQ(scope->SaveAll(), S_OK);
   EXPECT_FALSE(Exists(data() + L"\\Hoardex"));
 }
