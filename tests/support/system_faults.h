@@ -5,6 +5,7 @@
 
 #include <oleauto.h>
 #include <sddl.h>
+#include <shlwapi.h>
 
 #include <string>
 #include <string_view>
@@ -69,7 +70,7 @@ class SystemFaults {
   ZK_FAULTY(RegSetValueExW);
   ZK_FAULTY(RegDeleteValueW);
   ZK_FAULTY(RegDeleteKeyW);
-  ZK_FAULTY(RegDeleteTreeW);
+  ZK_FAULTY(SHDeleteKeyW);
   ZK_FAULTY(OpenProcessToken);
   ZK_FAULTY(GetTokenInformation);
   ZK_FAULTY(ConvertSidToStringSidW);
