@@ -18,9 +18,11 @@ target_compile_options(hoardex_options INTERFACE
 if(WIN32)
   # DWARF 4 is the newest that Wine's crash handler reads.
   target_compile_options(hoardex_options INTERFACE $<$<AND:$<COMPILE_LANGUAGE:CXX>,$<CONFIG:Debug>>:-gdwarf-4>)
-  add_link_options($<$<CONFIG:Release>:-s>)
+  add_link_options($<$<CONFIG:Release>:-s> -Wl,--dynamicbase,--high-entropy-va,--nxcompat)
   target_compile_definitions(hoardex_options INTERFACE
-    UNICODE _UNICODE WINVER=0x0601 _WIN32_WINNT=0x0601 WIN32_LEAN_AND_MEAN NOMINMAX STRICT)
+    UNICODE _UNICODE WINVER=0x0601 _WIN32_WINNT=0x0601 WIN32_LEAN_AND_MEAN NOMINMAX STRICT
+    # No interface of COM promises that it throws nothing, whether it was declared with the macros or not.
+    COM_STDMETHOD_CAN_THROW)
 endif()
 
 option(HOARDEX_SANITIZE "AddressSanitizer and UBSan (native builds)" OFF)

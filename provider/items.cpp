@@ -379,9 +379,7 @@ std::optional<Value> RecipientProperties::Find(std::uint16_t id) {
     case Id(PR_SMTP_ADDRESS_W): {
       auto address = FindCell(*table_, row_, Id(PR_EMAIL_ADDRESS));
       const std::u16string type = StringOf(FindCell(*table_, row_, Id(PR_ADDRTYPE)), code_page_);
-      const bool smtp =
-          type.size() == 4 && CompareStringOrdinal(AsWide(type).c_str(), 4, L"SMTP", 4, TRUE) == CSTR_EQUAL;
-      if (!smtp || !address) return {};
+      if (_wcsicmp(AsWide(type).c_str(), L"SMTP") || !address) return {};
       address->tag_ = MakeTag(id, address->type());
       return address;
     }

@@ -1,5 +1,7 @@
 #include "provider/profile.h"
 
+#include <shlwapi.h>
+
 #include <algorithm>
 #include <cstring>
 #include <map>
@@ -143,7 +145,7 @@ void Profile::Add(const std::u16string& name, const std::u16string& display) {
 void Profile::Remove(const MAPIUID& uid) {
   const std::scoped_lock lock(lock_);
   const Service& service = Find(uid);
-  if (!deleted_) RegDeleteTreeW(HKEY_CURRENT_USER, AsWide(KeyPath(name_) + u"\\" + HexOf(uid)).c_str());
+  if (!deleted_) SHDeleteKeyW(HKEY_CURRENT_USER, AsWide(KeyPath(name_) + u"\\" + HexOf(uid)).c_str());
   services_.erase(services_.begin() + (&service - services_.data()));
 }
 
@@ -212,7 +214,7 @@ void Delete(const std::u16string& name) {
   const bool existed = static_cast<bool>(RegistryKey::Open(HKEY_CURRENT_USER, KeyPath(name)));
   Require(existed, MAPI_E_NOT_FOUND);
   if (const auto live = Live()[Lower(name)].lock()) live->MarkDeleted();
-  Require(RegDeleteTreeW(HKEY_CURRENT_USER, AsWide(KeyPath(name)).c_str()) == ERROR_SUCCESS, MAPI_E_NO_ACCESS);
+  Require(SHDeleteKeyW(HKEY_CURRENT_USER, AsWide(KeyPath(name)).c_str()) == ERROR_SUCCESS, MAPI_E_NO_ACCESS);
   std::erase_if(Live(), [](const auto& entry) { return entry.second.expired(); });
 }
 

@@ -18,17 +18,7 @@
 #include "platform/critical_section.h"
 #include "winprops/Variants.h"
 
-namespace __gnu_cxx {
-void __freeres();
-}
-
 namespace {
-
-// The C++ runtime in this DLL keeps a reserve for exceptions, which a program that loads and unloads it would lose.
-struct ExceptionReserve {
-  ~ExceptionReserve() { __gnu_cxx::__freeres(); }
-};
-const ExceptionReserve exception_reserve;
 
 using winprops::OwnedVariant;
 

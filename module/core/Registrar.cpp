@@ -1,6 +1,7 @@
 #include "module/core/Registrar.h"
 
 #include <objbase.h>
+#include <shlwapi.h>
 
 #include <cwctype>
 #include <optional>
@@ -175,7 +176,7 @@ LONG Write(const Key& key, RegistryUndo& undo) {
 }
 
 LONG Remove(const Key& key) {
-  if (key.removal == Removal::kWhole) return RegDeleteTreeW(key.hive, key.path.c_str());
+  if (key.removal == Removal::kWhole) return SHDeleteKeyW(key.hive, key.path.c_str());
   if (key.removal == Removal::kNever && key.values.empty()) return ERROR_SUCCESS;
   RegistryKey handle;
   LONG error = handle.Open(key.hive, key.path.c_str(), KEY_READ | KEY_WRITE);

@@ -1,5 +1,7 @@
 #include "module/core/RegistryUndo.h"
 
+#include <shlwapi.h>
+
 #include <optional>
 #include <utility>
 
@@ -11,8 +13,9 @@ struct Value {
   std::vector<BYTE> data;
 };
 struct Tree {
+  std::wstring name;
   std::vector<Value> values;
-  std::vector<std::pair<std::wstring, Tree>> keys;
+  std::vector<Tree> keys;
 };
 
 LONG ReadValue(const RegistryKey& key, const wchar_t* name, Value& value) {
@@ -42,9 +45,10 @@ LONG ReadTree(HKEY parent, const wchar_t* path, Tree& tree) {
     error = RegEnumKeyExW(key.get(), index, name.data(), &length, nullptr, nullptr, nullptr, nullptr);
     if (error == ERROR_NO_MORE_ITEMS) return ERROR_SUCCESS;
     Tree below;
+    below.name = name.data();
     if (error == ERROR_SUCCESS) error = ReadTree(key.get(), name.data(), below);
     if (error != ERROR_SUCCESS) return error;
-    tree.keys.emplace_back(name.data(), std::move(below));
+    tree.keys.push_back(std::move(below));
   }
 }
 
@@ -54,7 +58,7 @@ void WriteTree(HKEY parent, const wchar_t* path, const Tree& tree) {
   for (const Value& value : tree.values)
     RegSetValueExW(key.get(), value.name.c_str(), 0, value.type, value.data.data(),
                    static_cast<DWORD>(value.data.size()));
-  for (const auto& [name, below] : tree.keys) WriteTree(key.get(), name.c_str(), below);
+  for (const Tree& below : tree.keys) WriteTree(key.get(), below.name.c_str(), below);
 }
 
 }  // namespace
@@ -95,7 +99,7 @@ LONG RegistryUndo::Remember(HKEY hive, const std::wstring& path) {
   if (error == ERROR_FILE_NOT_FOUND) tree.reset();
   if (error != ERROR_SUCCESS && tree) return error;
   actions_.emplace_back([hive, path, tree = std::move(tree)] {
-    RegDeleteTreeW(hive, path.c_str());
+    SHDeleteKeyW(hive, path.c_str());
     if (tree) WriteTree(hive, path.c_str(), *tree);
   });
   return ERROR_SUCCESS;

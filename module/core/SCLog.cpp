@@ -129,8 +129,9 @@ void SCLog::Log(int level, const wchar_t* format, ...) noexcept {
   wchar_t message[kMessageChars] = {};
   va_list args;
   va_start(args, format);
-  // Cuts what is too long; the bounded formatter of the C++ runtime would read %s as narrow.
-  _vsnwprintf_s(message, kMessageChars, _TRUNCATE, format, args);
+  // Cuts what is too long and leaves the buffer's last zero; the bounded formatter of the C++ runtime would read %s as
+  // narrow.
+  _vsnwprintf(message, kMessageChars - 1, format, args);
   va_end(args);
   Write(level, message);
 }

@@ -26,22 +26,20 @@ std::string Narrow(std::wstring_view wide) {
   return narrow;
 }
 
+bool EqualOrdinal(std::wstring_view a, std::wstring_view b) {
+  if (a.size() != b.size()) return false;
+  if (a == b) return true;
+  // CompareStringOrdinal is newer than the oldest systems. This mapping changes no length.
+  const int length = static_cast<int>(a.size());
+  std::wstring upper_a(a.size(), L'\0'), upper_b(b.size(), L'\0');
+  return LCMapStringW(LOCALE_INVARIANT, LCMAP_UPPERCASE, a.data(), length, upper_a.data(), length) == length &&
+         LCMapStringW(LOCALE_INVARIANT, LCMAP_UPPERCASE, b.data(), length, upper_b.data(), length) == length &&
+         upper_a == upper_b;
+}
+
 std::wstring Lower(std::wstring text) {
   for (wchar_t& c : text) c = static_cast<wchar_t>(towlower(c));
   return text;
-}
-
-bool EqualOrdinal(std::wstring_view a, std::wstring_view b) {
-  if (a.size() != b.size()) return false;
-  // CompareStringOrdinal is newer than the oldest systems.
-  const auto upper = [](std::wstring_view text) {
-    std::wstring mapped(text.size(), L'\0');
-    const int length = static_cast<int>(text.size());
-    return LCMapStringW(LOCALE_INVARIANT, LCMAP_UPPERCASE, text.data(), length, mapped.data(), length) == length
-               ? mapped
-               : std::wstring(text);
-  };
-  return a == b || upper(a) == upper(b);
 }
 
 std::string UniqueName() {

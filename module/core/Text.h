@@ -14,12 +14,11 @@ std::wstring Widen(const char* narrow);
 // Narrows to the ANSI code page; characters it cannot hold become its default character.
 std::string Narrow(std::wstring_view wide);
 
+// Whether two texts are the same but for case, of every script and in no language's order: how Windows compares names.
+bool EqualOrdinal(std::wstring_view a, std::wstring_view b);
+
 // Lower-cases with the C library's wide lower-casing.
 std::wstring Lower(std::wstring text);
-
-// Whether the texts are equal ignoring the case of every script, character by character and in no language, as file
-// systems compare names.
-bool EqualOrdinal(std::wstring_view a, std::wstring_view b);
 
 // The format of UniqueName: thread id, system time high and low, tick count, performance counter.
 #define ZK_UNIQUE_NAME_FORMAT "ZK_HX_%lx_%lx_%lx_%lx_%llx"

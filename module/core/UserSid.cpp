@@ -2,7 +2,6 @@
 
 #include <sddl.h>
 
-#include <cstdio>
 #include <memory>
 #include <vector>
 
@@ -43,9 +42,11 @@ HRESULT GetUserSIDString(wchar_t* buffer, DWORD count) {
   if (!ConvertSidToStringSidW(reinterpret_cast<const TOKEN_USER*>(user.data())->User.Sid, &converted))
     return LastError();
   const std::unique_ptr<wchar_t, LocalMemory> sid(converted);
-  if (_snwprintf_s(buffer, count, _TRUNCATE, L"{%s}", sid.get()) >= 0) return S_OK;
-  buffer[0] = 0;
-  return HRESULT_FROM_WIN32(ERROR_INSUFFICIENT_BUFFER);
+  const std::wstring braced = std::wstring(L"{").append(sid.get()).append(L"}");
+  if (braced.size() >= count) return HRESULT_FROM_WIN32(ERROR_INSUFFICIENT_BUFFER);
+  braced.copy(buffer, braced.size());
+  buffer[braced.size()] = 0;
+  return S_OK;
 }
 
 std::wstring UserRootUrl(const wchar_t* braced_sid) {

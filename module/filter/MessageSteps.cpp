@@ -158,6 +158,10 @@ HRESULT ItemSteps::Undefined(CHoardexFilter&, PROPVARIANT**) {
   return FILTER_E_NO_VALUES;
 }
 
+namespace {
+constexpr char kUnlessPrevented[] = "unless the policy prevents attachments (then S_OK with an untouched chunk)";
+}
+
 constinit const ItemSequence::Rule ItemSteps::kIsAttachment = {
     [](CHoardexFilter&) {
       if (!CurrentGroupPolicy()->AttachmentsPrevented()) return Outcome::kGive;
@@ -165,7 +169,7 @@ constinit const ItemSequence::Rule ItemSteps::kIsAttachment = {
           L"CHoardexFilter::GetChunk() - PROP_IS_ATTACHMENT - WDS Group policy is set to ignore all email attachments");
       return Outcome::kUntouched;
     },
-    "unless the policy prevents attachments (then S_OK with an untouched chunk)"};
+    kUnlessPrevented};
 
 constinit const ItemSequence::Rule ItemSteps::kHasAttachment = {
     [](CHoardexFilter&) {
@@ -175,7 +179,7 @@ constinit const ItemSequence::Rule ItemSteps::kHasAttachment = {
           L"attachments");
       return Outcome::kUntouched;
     },
-    kIsAttachment.words};
+    kUnlessPrevented};
 
 constinit const ItemSequence::Rule ItemSteps::kFlag = {
     [](CHoardexFilter& filter) {

@@ -6,6 +6,7 @@
 
 #include "module/core/HoardexURL.h"
 #include "module/core/SCLog.h"
+#include "module/core/Text.h"
 #include "module/mapi/MapiForWDS.h"
 
 using Microsoft::WRL::ComPtr;
@@ -32,7 +33,7 @@ static_assert(kDigits.size() == 55);
 
 // Ignoring case, of every script.
 bool SameName(const wchar_t* shown, const std::wstring& wanted) {
-  return CompareStringOrdinal(shown, -1, wanted.c_str(), -1, TRUE) == CSTR_EQUAL;
+  return text::EqualOrdinal(shown, wanted);
 }
 
 BYTE Digit(char c) {

@@ -242,7 +242,7 @@ STDMETHODIMP CUrlAccessor::GetLastModified(FILETIME* time) {
     hr = S_OK;
     SYSTEMTIME utc = {};
     FileTimeToSystemTime(&last_modified_, &utc);
-    _snwprintf_s(shown, std::size(shown), _TRUNCATE, L"%04d/%02d/%02d %02d:%02d:%02d", utc.wYear, utc.wMonth, utc.wDay,
+    _snwprintf(shown, std::size(shown) - 1, L"%04d/%02d/%02d %02d:%02d:%02d", utc.wYear, utc.wMonth, utc.wDay,
                  utc.wHour, utc.wMinute, utc.wSecond);
   }
   ZK_LOG(L"CUrlAccessor::GetLastModified() -  %s hr=[0x%08X]", shown, hr);

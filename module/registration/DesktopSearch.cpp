@@ -1,5 +1,7 @@
 #include "module/registration/DesktopSearch.h"
 
+#include <shlwapi.h>
+
 #include <atomic>
 #include <string>
 
@@ -82,7 +84,7 @@ LONG AddLocation(const std::wstring& path) {
   error = CountOtherLocations(position);
   if (error == ERROR_SUCCESS) error = WriteLocation(key, position);
   // Half an entry would be taken for a whole one the next time.
-  if (error != ERROR_SUCCESS) RegDeleteTreeW(HKEY_LOCAL_MACHINE, path.c_str());
+  if (error != ERROR_SUCCESS) SHDeleteKeyW(HKEY_LOCAL_MACHINE, path.c_str());
   return error;
 }
 
@@ -95,7 +97,7 @@ void UpdateLocation() {
 
 void RemoveLocation() {
   const std::wstring path = LocationKey();
-  const LONG error = RegDeleteTreeW(HKEY_LOCAL_MACHINE, path.c_str());
+  const LONG error = SHDeleteKeyW(HKEY_LOCAL_MACHINE, path.c_str());
   if (error != ERROR_SUCCESS && error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND)
     ZK_LOG(L"DeleteWDSRegKeyForHX() - Removing the registry key HKLM\\%s failed, errorCode = %ld", path.c_str(), error);
 }

@@ -1,5 +1,6 @@
 // The converter as a COM class, which only this library registers, and only where no mail client has one.
 #include <olectl.h>
+#include <shlwapi.h>
 
 #include <string>
 
@@ -55,7 +56,7 @@ std::wstring Registered() {
 }
 
 LONG Set(const std::wstring& key, const wchar_t* name, const std::wstring& text) {
-  return RegSetKeyValueW(HKEY_CLASSES_ROOT, key.c_str(), name, REG_SZ, text.c_str(),
+  return SHSetValueW(HKEY_CLASSES_ROOT, key.c_str(), name, REG_SZ, text.c_str(),
                          static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t)));
 }
 
@@ -88,5 +89,5 @@ STDAPI HxRegisterServer() {
 
 STDAPI HxUnregisterServer() {
   if (Registered().find(L"HoardexMapi") == std::wstring::npos) return S_OK;
-  return HRESULT_FROM_WIN32(static_cast<DWORD>(RegDeleteTreeW(HKEY_CLASSES_ROOT, kClassKey)));
+  return HRESULT_FROM_WIN32(static_cast<DWORD>(SHDeleteKeyW(HKEY_CLASSES_ROOT, kClassKey)));
 }

@@ -23,8 +23,8 @@ struct File {
 };
 
 std::wstring Numbered(const wchar_t* name, std::uint32_t number) {
-  wchar_t text[40];
-  _snwprintf_s(text, std::size(text), _TRUNCATE, L"%ls_version1.0_#%08lX", name, static_cast<unsigned long>(number));
+  wchar_t text[40] = {};
+  _snwprintf(text, std::size(text) - 1, L"%ls_version1.0_#%08lX", name, static_cast<unsigned long>(number));
   return text;
 }
 

@@ -91,8 +91,8 @@ void WriteAll(IStream* stream, std::span<const std::uint8_t> bytes) {
 }  // namespace
 
 std::wstring ValueName(ULONG tag) {
-  wchar_t name[32];
-  _snwprintf_s(name, std::size(name), _TRUNCATE, L"__substg1.0_%08lX", tag);
+  wchar_t name[32] = {};
+  _snwprintf(name, std::size(name) - 1, L"__substg1.0_%08lX", tag);
   return name;
 }
 
@@ -113,8 +113,8 @@ ULONG PropertyStorage::Stored(ULONG tag) const {
 }
 
 std::wstring PropertyStorage::PartName(ULONG tag, ULONG part) {
-  wchar_t number[16];
-  _snwprintf_s(number, std::size(number), _TRUNCATE, L"-%08lX", part);
+  wchar_t number[16] = {};
+  _snwprintf(number, std::size(number) - 1, L"-%08lX", part);
   return ValueName(tag) + number;
 }
 

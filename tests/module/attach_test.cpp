@@ -1,4 +1,4 @@
-// The built module coming and going: threads that attach, loading and unloading, and hosts that just end.
+// The built module coming and going: threads that attach, loading, use and unloading, and hosts that just end.
 #include <gtest/gtest.h>
 
 #include <windows.h>
@@ -9,21 +9,36 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "tests/support/child_process.h"
+#include "tests/support/item_chunks.h"
 #include "tests/support/module_host.h"
 #include "tests/support/registry_tree.h"
+#include "vault/writer.h"
 
 namespace {
 
 // What this process holds.
 struct Holdings {
   long handles = 0, threads = 0;
-  size_t memory = 0;  // private and committed, in bytes
+  size_t memory = 0;     // private and committed, in bytes
+  int free_indices = 0;  // of thread-local and fiber-local storage
 };
+
+// How many indices can still be had.
+template <class Allocate, class Free>
+int CountIndices(Allocate allocate, Free free) {
+  std::vector<DWORD> taken;
+  for (DWORD index; (index = allocate()) != TLS_OUT_OF_INDEXES;) taken.push_back(index);
+  for (const DWORD index : taken) free(index);
+  return static_cast<int>(taken.size());
+}
+static_assert(TLS_OUT_OF_INDEXES == FLS_OUT_OF_INDEXES);
 
 long CountHandles() {
   struct Entry {
@@ -58,16 +73,20 @@ Holdings Count() {
   for (const char* at = nullptr; VirtualQuery(at, &region, sizeof(region));
        at = static_cast<const char*>(region.BaseAddress) + region.RegionSize)
     if (region.State == MEM_COMMIT && region.Type == MEM_PRIVATE) holdings.memory += region.RegionSize;
+  holdings.free_indices = CountIndices(TlsAlloc, TlsFree) + CountIndices([] { return FlsAlloc(nullptr); }, FlsFree);
   return holdings;
 }
 
 void ExpectLevel(const Holdings& before, const Holdings& after, int times) {
-  printf("%d times: handles %ld -> %ld, threads %ld -> %ld, memory %zu -> %zu\n", times, before.handles, after.handles,
-         before.threads, after.threads, before.memory, after.memory);
+  printf("%d times: handles %ld -> %ld, threads %ld -> %ld, memory %zu -> %zu, free indices %d -> %d\n", times,
+         before.handles, after.handles, before.threads, after.threads, before.memory, after.memory, before.free_indices,
+         after.free_indices);
   ASSERT_GT(before.handles, 5) << "the count does not work";
   EXPECT_LE(after.handles, before.handles + 5);
   EXPECT_LE(after.threads, before.threads);
   EXPECT_LE(after.memory, before.memory + (size_t{512} << 10));
+  ASSERT_GT(before.free_indices, 100) << "the count does not work";
+  EXPECT_EQ(after.free_indices, before.free_indices);
 }
 
 // A registry with a mail client in it, and folders for the log.
@@ -165,18 +184,73 @@ TEST(Attach, OfAThousandThreadsIsCheapAndKeepsNothing) {
   EXPECT_LT(with, without + 20'000);
 }
 
-TEST(Attach, AndDetachFiveHundredTimesLeavesNothingBehind) {
+// A host's site. When it throws, the module's runtime has an exception to handle.
+class Site final : public IProtocolHandlerSite {
+ public:
+  STDMETHODIMP QueryInterface(REFIID, void**) override { return E_NOINTERFACE; }
+  STDMETHODIMP_(ULONG) AddRef() override { return 2; }
+  STDMETHODIMP_(ULONG) Release() override { return 1; }
+  STDMETHODIMP GetFilter(CLSID*, LPCWSTR, LPCWSTR, IFilter**) override { throw std::runtime_error("a host's fault"); }
+};
+
+// Reads an item, and what it links to. How many messages could be read up to where the site throws.
+int ReadMessages(ISearchProtocol* protocol, const std::wstring& url) {
+  Item item(protocol, url);
+  if (FAILED(item.result) || item.Bind() != S_OK) return 0;
+  const std::vector<Chunk> chunks = item.ReadAll();
+  int messages = !chunks.empty() && item.last == E_FAIL;
+  for (const Chunk& chunk : chunks)
+    if (chunk.fmtid == 0x0B63E343) messages += ReadMessages(protocol, chunk.text);
+  return messages;
+}
+
+template <class Function>
+Function Find(HMODULE module, const char* name) {
+  return reinterpret_cast<Function>(reinterpret_cast<void (*)()>(GetProcAddress(module, name)));
+}
+
+// All that a search host does with the module between loading and unloading it.
+void Use(HMODULE module, const std::wstring& vault) {
+  constexpr CLSID kClass = {0x6E2F0B6A, 0x3C41, 0x4D0E, {0x9A, 0x57, 0x2B, 0x80, 0xC1, 0x64, 0xE7, 0x1D}};
+  const auto get = Find<LPFNGETCLASSOBJECT>(module, "DllGetClassObject");
+  Microsoft::WRL::ComPtr<IClassFactory> factory;
+  ASSERT_EQ(get(kClass, IID_IClassFactory, &factory), S_OK);
+  Microsoft::WRL::ComPtr<ISearchProtocol> protocol;
+  ASSERT_EQ(factory->CreateInstance(nullptr, __uuidof(ISearchProtocol), &protocol), S_OK);
+  Site site;
+  TIMEOUT_INFO timeouts = {};
+  PROXY_INFO proxy = {};
+  ASSERT_EQ(protocol->Init(&timeouts, &site, &proxy), S_OK);
+  ASSERT_EQ(ReadMessages(protocol.Get(), vault), 1);
+  EXPECT_EQ(protocol->ShutDown(), S_OK);
+}
+
+TEST(Attach, UseAndDetachLeaveNothingBehindHoweverOften) {
   const Surroundings surroundings;
+  CoInitializeEx(nullptr, COINIT_MULTITHREADED);
+  const std::filesystem::path folder =
+      std::filesystem::temp_directory_path() / ("HoardexAttachTest" + std::to_string(GetCurrentProcessId()));
+  std::filesystem::create_directories(folder);
+  ScratchRegistry::SetString(HKEY_CURRENT_USER, L"SOFTWARE\\Trelmo\\Zarnak\\Client\\Vault", L"HXRootDirectory",
+                             folder.parent_path().wstring());
+  vault::StoreBuilder store("items");
+  store.top().AddFolder("Inbox").AddMessage("IPM.Note").Subject("Invoice 17").AttachFile("a.txt", "17");
+  store.Write(folder / "items.db");
+  const std::wstring vault = L"zkoffline3x://{S-1-5-21-1}/default/" + (folder / "items.db").wstring();
   Holdings before;
-  constexpr int kWarmUp = 50, kTimes = 500;
+  constexpr int kWarmUp = 20, kTimes = 120;
   for (int i = 0; i < kTimes; ++i) {
     const HMODULE module = LoadLibraryW(ModuleHost::ModulePath().c_str());
     ASSERT_NE(module, nullptr) << i;
+    ASSERT_NO_FATAL_FAILURE(Use(module, vault));
+    ASSERT_EQ(Find<LPFNCANUNLOADNOW>(module, "DllCanUnloadNow")(), S_OK);
     ASSERT_TRUE(FreeLibrary(module));
     ASSERT_EQ(GetModuleHandleW(L"HoardexPH.dll"), nullptr) << "still loaded";
     if (i == kWarmUp) before = Count();
   }
   ExpectLevel(before, Count(), kTimes);
+  std::filesystem::remove_all(folder);
+  CoUninitialize();
 }
 
 TEST(Attach, RefusedWithoutMapiLeavesNothingBehind) {

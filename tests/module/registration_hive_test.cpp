@@ -138,7 +138,7 @@ TEST_F(Hive, IsClearedOfTheRestWhenOneStepOfRemovalFails) {
   const RegistryTree before = ModuleHives();
   ASSERT_EQ(DllRegisterServer(), S_OK);
   SystemFaults system;
-  system.Arm(1, ERROR_ACCESS_DENIED, "RegDeleteTreeW");  // the namespace's key
+  system.Arm(1, ERROR_ACCESS_DENIED, "SHDeleteKeyW");  // the namespace's key
   EXPECT_EQ(DllUnregisterServer(), E_ACCESSDENIED);
   system.Disarm();
   const std::string kept = "HKLM\\Software\\Microsoft\\Windows\\CurrentVersion\\Explorer\\Desktop\\NameSpace\\";

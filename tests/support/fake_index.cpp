@@ -92,7 +92,7 @@ class FakeObject {
       if (!text.empty()) text += ", ";
       text += kinds[i] == 's' ? Narrow(arguments[i]) : std::to_string(static_cast<int>(arguments[i]));
     }
-    return Noted(index_, name_ + "::" + name, text, [&] { return run ? run(arguments) : S_OK; });
+    return Noted(index_, name_ + "::" + name, text, [&, &run = run] { return run ? run(arguments) : S_OK; });
   }
   template <int... kSlots>
   static std::array<const void*, 32> MakeTable(std::integer_sequence<int, kSlots...>) {

@@ -5,6 +5,7 @@
 
 #include <oleauto.h>
 #include <sddl.h>
+#include <shlwapi.h>
 
 #include <string>
 #include <string_view>
@@ -50,7 +51,8 @@ class SystemFaults {
             if (!faults.Fails(kFunction.text)) return real(arguments...);
             constexpr bool hresult = std::string_view(kFunction.text) == "LoadTypeLibEx";
             if constexpr (hresult) return HRESULT_FROM_WIN32(faults.code_);
-            if constexpr (std::is_same_v<Result, LONG>) return static_cast<LONG>(faults.code_);
+            if constexpr (std::is_same_v<Result, LONG> || std::is_same_v<Result, DWORD>)
+              return static_cast<Result>(faults.code_);
             SetLastError(faults.code_);
             return Result();
           }) {}
@@ -69,7 +71,7 @@ class SystemFaults {
   ZK_FAULTY(RegSetValueExW);
   ZK_FAULTY(RegDeleteValueW);
   ZK_FAULTY(RegDeleteKeyW);
-  ZK_FAULTY(RegDeleteTreeW);
+  ZK_FAULTY(SHDeleteKeyW);
   ZK_FAULTY(OpenProcessToken);
   ZK_FAULTY(GetTokenInformation);
   ZK_FAULTY(ConvertSidToStringSidW);
