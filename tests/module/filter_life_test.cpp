@@ -13,7 +13,7 @@ class LifeOfItems : public Filter {
     auto& mail = AddMail(store.top().AddFolder("Inbox")).Body("Body");
     for (int i = 0; i < 5; ++i) mail.To("Name", "to" + std::to_string(i) + "@example.org");
     for (int i = 0; i < 5; ++i)
-      mail.AttachFile(std::to_string(i) + ".txt", std::string(3000, static_cast<char>('a' + i)))
+      mail.AttachFile(std::to_string(i) + ".txt", std::string(300, static_cast<char>('a' + i)))
           .Time(0x3008, vault::FileTime(2024, 5, 1));
     return MessagesOf(Write(store)).at(0);
   }
