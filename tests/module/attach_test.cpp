@@ -86,7 +86,7 @@ void ExpectLevel(const Holdings& before, const Holdings& after, int times) {
   ASSERT_GT(before.handles, 5) << "the count does not work";
   EXPECT_LE(after.handles, before.handles + 5);
   EXPECT_LE(after.threads, before.threads);
-  EXPECT_LE(after.memory, before.memory + (size_t{512} << 10));
+  EXPECT_LE(after.memory, before.memory + (size_t{128} << 10));
   ASSERT_GT(before.free_indices, 100) << "the count does not work";
   EXPECT_EQ(after.free_indices, before.free_indices);
 }
