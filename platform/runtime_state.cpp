@@ -14,7 +14,9 @@ void __freeres();
 
 namespace {
 
-CRITICAL_SECTION g_section;  // held while a static object of a function is made, whichever it is
+// Held while a static object of a function is made, whichever it is. One that is made on a thread's attach must
+// therefore have been made before, on the process's.
+CRITICAL_SECTION g_section;
 DWORD g_index = FLS_OUT_OF_INDEXES;
 
 // In a process that ends, other libraries may still call this one after its own end; the system takes back what it has.

@@ -21,10 +21,10 @@ Microsoft::WRL::ComPtr<Object> Adopt(Object* made) {
   return pointer;
 }
 
-// The answer of a method that hands nothing out: callers may look at the pointer all the same.
-template <class Object>
-HRESULT NotImplemented(Object** out) {
-  if (out) *out = nullptr;
+// The answer of a method that hands nothing out: callers may look at what they asked for all the same.
+template <class Out>
+HRESULT NotImplemented(Out* out) {
+  if (out) *out = Out{};
   return E_NOTIMPL;
 }
 

@@ -12,6 +12,7 @@
 #include "module/core/ComObject.h"
 #include "module/core/Registrar.h"
 #include "module/core/resource.h"
+#include "module/mapi/MapiForWDS.h"
 #include "module/mapi/MapiLoader.h"
 #include "module/protocol/HoardexSP.h"
 #include "module/registration/DesktopSearch.h"
@@ -126,7 +127,10 @@ extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID process_
   }
   if (reason != DLL_PROCESS_DETACH && reason != DLL_THREAD_DETACH) UpdateRegistryOnAttach();
   // A process that ends gives everything back itself, and what else it unloads may still call this module.
-  if (reason == DLL_PROCESS_DETACH && !process_ends) ReleaseGroupPolicies();
+  if (reason == DLL_PROCESS_DETACH && !process_ends) {
+    ReleaseGroupPolicies();
+    CMapiForWDS::ReleaseTable();
+  }
   return TRUE;
 }
 

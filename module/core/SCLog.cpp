@@ -118,8 +118,7 @@ void SCLog::GiveBack() noexcept {
     turns_ -= kOneTurn | thread;
     return;
   }
-  ReleaseMutex(lock_);
-  turns_ -= kOneTurn;
+  if (ReleaseMutex(lock_)) turns_ -= kOneTurn;
 }
 
 void SCLog::Log(int level, const wchar_t* format, ...) noexcept {

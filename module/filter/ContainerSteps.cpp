@@ -5,7 +5,7 @@
 namespace {
 
 constexpr wchar_t kLogSource[] = L".\\HoardexFilter";
-constexpr size_t kVaultToken = 3;
+using url::kVaultToken;
 
 using enum PropertySource;
 

@@ -18,9 +18,9 @@ constexpr wchar_t kLogSource[] = L".\\HoardexFilter";
 
 CHoardexFilter::CHoardexFilter() : locale_(GetSystemDefaultLCID()) {}
 
-HRESULT CHoardexFilter::SetUp(const std::wstring& url, std::shared_ptr<CMapiForWDS> mapi, const std::wstring& attachment_file,
-                              const std::wstring& title, const FILETIME& date, const std::wstring& author,
-                              IProtocolHandlerSite* site) {
+HRESULT CHoardexFilter::SetUp(const std::wstring& url, std::shared_ptr<CMapiForWDS> mapi,
+                              const std::wstring& attachment_file, const std::wstring& title, const FILETIME& date,
+                              const std::wstring& author, IProtocolHandlerSite* site) {
   url_ = url;
   kind_ = CHoardexURL(url_).kind();
   mapi_ = std::move(mapi);

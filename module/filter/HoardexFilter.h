@@ -60,7 +60,7 @@ class CHoardexFilter final : public ComObject<IFilter, IPersistStream> {
   STDMETHODIMP IsDirty() override { return S_FALSE; }
   STDMETHODIMP Load(IStream*) override { return E_NOTIMPL; }
   STDMETHODIMP Save(IStream*, BOOL) override { return E_NOTIMPL; }
-  STDMETHODIMP GetSizeMax(ULARGE_INTEGER*) override { return E_NOTIMPL; }
+  STDMETHODIMP GetSizeMax(ULARGE_INTEGER* size) override { return NotImplemented(size); }
 
  private:
   friend struct ItemSequence;

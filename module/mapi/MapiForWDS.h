@@ -25,6 +25,9 @@ class CMapiForWDS {
   // Empties the table. Objects that nobody works with are torn down before it returns, the others by their last user.
   static void CleanMapiObjs();
 
+  // Gives the table back when the module is unloaded; nobody may be in it, and nothing here is called afterwards.
+  static void ReleaseTable();
+
   // The message that a message URL names.
   HRESULT GetMsgFromURL(const std::wstring& message_url, LPMESSAGE* message);
   // The content of the attachment that an attachment URL names: the first of that display name, ignoring case.
@@ -61,6 +64,7 @@ class CMapiForWDS {
     void operator()(CMapiForWDS* object) const;
   };
 
+  static CriticalSection& LogonLock();
   HRESULT Setup(const std::wstring& item_url);
   HRESULT EnableMAPI();
   HRESULT CreateMapiSession();

@@ -26,7 +26,8 @@ using url::kVaultToken;
 // reason to wait, and one that holds it for too long none to have no session.
 class ProfileLock {
  public:
-  ProfileLock() : process_(OfProcess()), mutex_(CreateMutexW(nullptr, FALSE, L"Local\\Hoardex.TemporaryProfiles")) {
+  explicit ProfileLock(CriticalSection& of_process)
+      : process_(of_process), mutex_(CreateMutexW(nullptr, FALSE, L"Local\\Hoardex.TemporaryProfiles")) {
     const DWORD waited = mutex_ ? WaitForSingleObject(mutex_, kLongestLogon) : WAIT_FAILED;
     owned_ = waited == WAIT_OBJECT_0 || waited == WAIT_ABANDONED;
     if (!owned_)
@@ -41,10 +42,6 @@ class ProfileLock {
   ProfileLock& operator=(const ProfileLock&) = delete;
 
  private:
-  static CriticalSection& OfProcess() {
-    static CriticalSection lock;
-    return lock;
-  }
   const CriticalSection::Guard process_;
   const HANDLE mutex_;
   bool owned_ = false;
@@ -157,7 +154,7 @@ HRESULT CMapiForWDS::CreateMapiSession() {
     ZK_LOG(L"CMapiForWDS::CreateMapiSession() - MAPIAdminProfiles failed [0x%08lX]", hr);
     return hr;
   }
-  const ProfileLock lock;
+  const ProfileLock lock(LogonLock());
   ZK_LOG(L"CMapiForWDS::CreateMapiSession() - Calling DeleteOldProfiles");
   hr = DeleteOldProfiles(admin.Get());
   ZK_LOG(L"CMapiForWDS::CreateMapiSession() - Called DeleteOldProfiles");

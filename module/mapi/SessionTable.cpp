@@ -3,6 +3,7 @@
 #include <memory>
 #include <unordered_map>
 
+#include "module/core/Boundary.h"
 #include "module/core/HoardexPH.h"
 #include "module/core/HoardexURL.h"
 #include "module/core/SCLog.h"
@@ -21,7 +22,7 @@ using url::kVaultToken;
 class HelperTable {
  public:
   HelperTable() = default;
-  // Sessions that are still there when the module goes are left to the process's end: MAPI must not be called then.
+  // Sessions that are still there when the module is unloaded are left as they are: MAPI must not be called then.
   ~HelperTable() {
     if (!owned_->empty()) owned_.release();
   }
@@ -45,6 +46,9 @@ class HelperTable {
     seen_.store(std::move(seen));
   }
 
+  // Held by a session of this process while its temporary profile exists.
+  CriticalSection& logon() { return logon_; }
+
   // Empties the table and runs `each` on what was in it before letting go of it, under the lock. The table is empty
   // first, so that a look-up meanwhile finds no object that is being torn down.
   template <class Before, class Each>
@@ -65,22 +69,36 @@ class HelperTable {
   using Seen = std::unordered_map<std::wstring, std::weak_ptr<CMapiForWDS>>;
   using Owned = std::unordered_map<std::wstring, Session>;
 
-  CriticalSection lock_;
+  CriticalSection lock_, logon_;
   std::unique_ptr<Owned> owned_ = std::make_unique<Owned>();
   const std::shared_ptr<const Seen> nothing_ = std::make_shared<const Seen>();  // emptying must not need memory
   std::atomic<std::shared_ptr<const Seen>> seen_ = nothing_;
 };
 
+// Never destroyed by itself: other libraries of a process that ends may still call this one.
+HelperTable* g_helpers = nullptr;
 HelperTable& Helpers() {
-  static HelperTable table;
+  static HelperTable& table = *(g_helpers = new HelperTable);
   return table;
 }
 
 }  // namespace
 
 void CMapiForWDS::Closer::operator()(CMapiForWDS* object) const {
-  object->Teardown();
+  boundary::Guard(kLogSource, __LINE__, L"CMapiForWDS::Teardown()", [&] {
+    object->Teardown();
+    return S_OK;
+  });
   delete object;
+}
+
+CriticalSection& CMapiForWDS::LogonLock() {
+  return Helpers().logon();
+}
+
+void CMapiForWDS::ReleaseTable() {
+  delete g_helpers;
+  g_helpers = nullptr;
 }
 
 std::shared_ptr<CMapiForWDS> CMapiForWDS::GetMapiObj(std::wstring item_url, HRESULT* set_up) {

@@ -38,6 +38,13 @@ bool IsHeader(const BYTE* header) {
          At<DWORD>(header, kWholeChecksum) == Checksum(header + kChecked, kWholeSize);
 }
 
+// Whether the path means the same file whatever a program's current folder is: MAPI may have another one in mind.
+bool IsFull(const std::wstring& path) {
+  const auto separates = [](wchar_t c) { return c == L'\\' || c == L'/'; };
+  if (path.size() < 3) return false;
+  return separates(path[0]) ? separates(path[1]) : path[1] == L':' && separates(path[2]);
+}
+
 // What another program's hold on the file, or on a part of it, gives.
 bool IsInUse(DWORD error) {
   return error == ERROR_SHARING_VIOLATION || error == ERROR_LOCK_VIOLATION;
@@ -46,6 +53,7 @@ bool IsInUse(DWORD error) {
 }  // namespace
 
 HRESULT CheckStoreHeader(const std::wstring& path) {
+  if (!IsFull(path)) return MAPI_E_NOT_FOUND;
   const HANDLE file = CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                                   nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
   if (file == INVALID_HANDLE_VALUE) return IsInUse(GetLastError()) ? S_OK : MAPI_E_NOT_FOUND;

@@ -9,6 +9,6 @@
 #include <string>
 
 // S_OK: the file has the header of a store of any version, or is kept from being read by whoever has it open, which
-// the service reports itself. MAPI_E_NOT_FOUND: no file that can be opened. MAPI_E_CORRUPT_STORE: a file that is no
-// store, or whose header is damaged. Needs no session; any thread.
+// the service reports itself. MAPI_E_NOT_FOUND: no full path, or no file that can be opened. MAPI_E_CORRUPT_STORE: a
+// file that is no store, or whose header is damaged. Needs no session; any thread.
 HRESULT CheckStoreHeader(const std::wstring& path);

@@ -27,16 +27,16 @@ class CUrlAccessor final : public ComObject<IUrlAccessor> {
 
   // IUrlAccessor
   STDMETHODIMP AddRequestParameter(PROPSPEC*, PROPVARIANT*) override { return E_NOTIMPL; }
-  STDMETHODIMP GetDocFormat(WCHAR[], DWORD, DWORD*) override { return E_NOTIMPL; }
-  STDMETHODIMP GetCLSID(CLSID*) override { return E_NOTIMPL; }
-  STDMETHODIMP GetHost(WCHAR[], DWORD, DWORD*) override { return E_NOTIMPL; }
+  STDMETHODIMP GetDocFormat(WCHAR[], DWORD, DWORD* length) override { return NotImplemented(length); }
+  STDMETHODIMP GetCLSID(CLSID* clsid) override { return NotImplemented(clsid); }
+  STDMETHODIMP GetHost(WCHAR[], DWORD, DWORD* length) override { return NotImplemented(length); }
   STDMETHODIMP IsDirectory() override;
   STDMETHODIMP GetSize(ULONGLONG* size) override;
   STDMETHODIMP GetLastModified(FILETIME* time) override;
-  STDMETHODIMP GetFileName(WCHAR[], DWORD, DWORD*) override { return E_NOTIMPL; }
-  STDMETHODIMP GetSecurityDescriptor(BYTE*, DWORD, DWORD*) override { return E_NOTIMPL; }
-  STDMETHODIMP GetRedirectedURL(WCHAR[], DWORD, DWORD*) override { return E_NOTIMPL; }
-  STDMETHODIMP GetSecurityProvider(CLSID*) override { return E_NOTIMPL; }
+  STDMETHODIMP GetFileName(WCHAR[], DWORD, DWORD* length) override { return NotImplemented(length); }
+  STDMETHODIMP GetSecurityDescriptor(BYTE*, DWORD, DWORD* length) override { return NotImplemented(length); }
+  STDMETHODIMP GetRedirectedURL(WCHAR[], DWORD, DWORD* length) override { return NotImplemented(length); }
+  STDMETHODIMP GetSecurityProvider(CLSID* clsid) override { return NotImplemented(clsid); }
   STDMETHODIMP BindToStream(IStream** stream) override { return NotImplemented(stream); }
   STDMETHODIMP BindToFilter(IFilter** filter) override;
 

@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr size_t kVaultToken = 3;
+using url::kVaultToken;
 
 // The path as Windows takes it: one backslash between names, and no steps upwards. Empty when that cannot be told.
 std::wstring Normalise(const std::wstring& path) {

@@ -183,7 +183,7 @@ TEST(Attach, OfAThousandThreadsIsCheapAndKeepsNothing) {
   }
   ExpectLevel(first, Count(), kRounds);
   printf("a thread: %.1f us without the module, %.1f us with it\n", without, with);
-  EXPECT_LT(with, without + 20'000);
+  EXPECT_LT(with, without + 4'000);
 }
 
 // A host's site. When it throws, the module's runtime has an exception to handle.

@@ -136,7 +136,7 @@ TEST_F(Session, LetsNoServiceMakeOrReplaceAFile) {
   for (const auto& [what, bytes] : kFiles) {
     SCOPED_TRACE(what);
     std::ofstream(path_, std::ios::binary) << bytes;
-    for (const std::wstring& url : {url_, url_ + L"/0011"}) {
+    for (const std::wstring& url : {url_, url_ + L"/0011", L"any://name/at all/" + path_.wstring()}) {
       HRESULT set_up = S_OK;
       EXPECT_EQ(CMapiForWDS::GetMapiObj(url, &set_up), nullptr);
       EXPECT_EQ(set_up, static_cast<HRESULT>(MAPI_E_CORRUPT_STORE));
@@ -151,6 +151,8 @@ TEST_F(Session, LetsNoServiceMakeOrReplaceAFile) {
   EXPECT_EQ(CMapiForWDS::GetMapiObj(url_, &set_up), nullptr);
   EXPECT_EQ(set_up, static_cast<HRESULT>(MAPI_E_NOT_FOUND));
   EXPECT_EQ(GetFileAttributesW(path_.c_str()), INVALID_FILE_ATTRIBUTES) << "a deleted vault came back";
+  EXPECT_EQ(CMapiForWDS::GetMapiObj(L"any://name/at all/" + path_.filename().wstring(), &set_up), nullptr);
+  EXPECT_EQ(set_up, static_cast<HRESULT>(MAPI_E_NOT_FOUND)) << "a path that is not whole means any file";
   // One that another program keeps to itself is there all right: MAPI says what it thinks of it.
   std::ofstream(path_, std::ios::binary) << store;
   const HANDLE held = CreateFileW(path_.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);

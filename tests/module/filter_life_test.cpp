@@ -79,4 +79,19 @@ TEST_F(LifeOfItems, AreTheSameFromACarelessProvider) {
   }
 }
 
+// Mail clients change a store's file at each opening: its folders look new to the next crawl, its messages do not.
+TEST_F(LifeOfItems, KeepTheirTimesWhenOpeningTouchesTheStore) {
+  const std::wstring url = Mail(), folder = url.substr(0, url.rfind(L'/')),
+                     vault = folder.substr(0, folder.rfind(L'/'));
+  ProviderFaults::Behave(kHoardexMapiTouchesStores);
+  const auto times = [&] {
+    protocol_->ShutDown();
+    Sleep(20);
+    return std::pair(Find(Read(vault), kLink, 12)->number, Find(Read(folder), kLink, 12)->number);
+  };
+  const auto first = times(), second = times();
+  EXPECT_GT(second.first, first.first);
+  EXPECT_EQ(second.second, first.second);
+}
+
 }  // namespace

@@ -2,6 +2,7 @@
 #include <algorithm>
 
 #include "module/registration/Exports.h"
+#include "module/shell/GroupPolicy.h"
 #include "tests/module/registration_fixture.h"
 #include "tests/support/registry_tree.h"
 
@@ -45,6 +46,34 @@ void FillWithOthers() {
 }
 
 class Hive : public RegistrationTest {};
+
+// Filters of other threads go by the old policy until the new one is complete.
+TEST_F(Hive, ShowsEachPolicyWholeHoweverItIsReadAgain) {
+  const std::wstring policy = L"Software\\Policies\\Microsoft\\Windows\\Windows Search";
+  const auto set = [&](DWORD prevent, const wchar_t* types) {
+    ScratchRegistry::SetDword(HKEY_LOCAL_MACHINE, policy.c_str(), L"PreventIndexingEmailAttachments", prevent);
+    ScratchRegistry::SetString(HKEY_LOCAL_MACHINE, policy.c_str(), L"ExcludedExtensionsMultiline0", types);
+  };
+  set(1, L"DOC");
+  DetectWDSGroupPolicy();
+  const auto is = [](bool prevents, const wchar_t* key) {
+    return CurrentGroupPolicy()->AttachmentsPrevented() == prevents && CurrentGroupPolicy()->Excludes(key);
+  };
+  EXPECT_TRUE(is(true, L"doc;"));
+  set(0, L"zip");
+  int seen = 0, whole = 0;
+  const auto look = [&](auto real, auto... arguments) {
+    ++seen, whole += is(true, L"doc;");
+    return real(arguments...);
+  };
+  {
+    const ZK_IMPORT_HOOK(RegQueryValueExW) query(look);
+    DetectWDSGroupPolicy();
+  }
+  EXPECT_GT(seen, 4);
+  EXPECT_EQ(whole, seen);
+  EXPECT_TRUE(is(false, L"zip;"));
+}
 
 TEST_F(Hive, IsWhatItWasAfterRegistrationAndItsRemoval) {
   FillWithOthers();
