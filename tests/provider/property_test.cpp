@@ -4,9 +4,6 @@
 namespace test {
 namespace {
 
-constexpr HRESULT Code(SCODE code) {
-  return static_cast<HRESULT>(code);
-}
 constexpr std::uint32_t kMessage = 0x200024;  // the one message of pstsdk-sample1.pst
 constexpr std::uint32_t kAttachment = 0x8025;
 
