@@ -163,16 +163,30 @@ TEST_F(WrittenStores, NamedPropertiesOfEveryTypeKeepTheirOrder) {
   for (int i = 0; i < 7; ++i) pointers[i] = &names[i];
   LPSPropTagArray tags = nullptr;
   ASSERT_EQ(message(0)->GetIDsFromNames(7, pointers, MAPI_CREATE, &tags), S_OK);
+  ASSERT_EQ(tags->cValues, 7u);
   Values values;
   EXPECT_EQ(message(0)->GetProps(tags, 0, &values.count, &values.values), MAPI_W_ERRORS_RETURNED);
-  Mapi().FreeBuffer(tags);
+  LPMAPINAMEID* back = nullptr;
+  ULONG count = 0;
+  ASSERT_EQ(message(0)->GetNamesFromIDs(&tags, nullptr, 0, &count, &back), S_OK);
+  ASSERT_EQ(count, 7u);
+  for (int i = 0; i < 6; ++i) EXPECT_EQ(back[i]->Kind.lID, kIds[i]) << "also of those that the store lacks";
+  EXPECT_STREQ(back[6]->Kind.lpwstrName, L"Keywords");
+  Mapi().FreeBuffer(back);
   ASSERT_EQ(values.count, 7u);
   constexpr ULONG kTypes[] = {PT_SYSTIME, PT_ERROR, PT_BOOLEAN, PT_ERROR, PT_STRING8, PT_LONG, PT_MV_STRING8};
-  for (std::size_t i = 0; i < 7; ++i) EXPECT_EQ(PROP_TYPE(values[i].ulPropTag), kTypes[i]) << i;
+  for (std::size_t i = 0; i < 7; ++i)
+    EXPECT_EQ(values[i].ulPropTag, PROP_TAG(kTypes[i], PROP_ID(tags->aulPropTag[i]))) << i;
+  Mapi().FreeBuffer(tags);
+  for (const std::size_t absent : {1, 3}) EXPECT_EQ(values[absent].Value.err, MAPI_E_NOT_FOUND);
   EXPECT_STREQ(values[4].Value.lpszA, "Ann");
   EXPECT_EQ(values[5].Value.l, 2);
   ASSERT_EQ(values[6].Value.MVszA.cValues, 2u);
   EXPECT_STREQ(values[6].Value.MVszA.lppszA[1], "Blue");
+  names[0].Kind.lID = 0x7ABD;
+  EXPECT_EQ(message(0)->GetIDsFromNames(1, pointers, 0, &tags), MAPI_W_ERRORS_RETURNED);
+  EXPECT_EQ(PROP_TYPE(tags->aulPropTag[0]), ULONG{PT_ERROR});
+  Mapi().FreeBuffer(tags);
 }
 
 }  // namespace
