@@ -221,13 +221,4 @@ TEST_F(Support, DumpsAreEqualAndCompleteByTheCountOfOthers) {
   EXPECT_EQ(vault["attachments_in_store"], names);
 }
 
-TEST_F(Support, DumpsOfRealStoresAreEqual) {
-  const char* folder = getenv("HOARDEX_SAMPLES");
-  if (!folder || !fs::exists(fs::path(folder) / "expected.json"))
-    GTEST_SKIP() << "the real sample stores are not here (HOARDEX_SAMPLES)";
-  const Result first = System::Run({"dump", folder}), second = System::Run({"dump", folder});
-  EXPECT_GT(first.output.size(), 100'000u);
-  EXPECT_TRUE(first.output == second.output) << "a dump differs from run to run";
-}
-
 }  // namespace

@@ -8,6 +8,7 @@
 
 #include "host/ItemReader.h"
 #include "host/Text.h"
+#include "tests/support/filter_double.h"
 
 namespace {
 
@@ -21,12 +22,9 @@ struct Step {
   std::wstring text;
 };
 
-class ScriptedFilter final : public IFilter {
+class ScriptedFilter final : public FilterDouble {
  public:
-  explicit ScriptedFilter(std::vector<Step> steps) : steps_(std::move(steps)) {}
-  STDMETHODIMP QueryInterface(REFIID, void**) override { return E_NOINTERFACE; }
-  STDMETHODIMP_(ULONG) AddRef() override { return 2; }
-  STDMETHODIMP_(ULONG) Release() override { return 1; }
+  explicit ScriptedFilter(std::vector<Step> steps) : steps_(std::move(steps)) { AddRef(); }
   STDMETHODIMP_(SCODE) Init(ULONG, ULONG, const FULLPROPSPEC*, ULONG*) override { return init; }
   STDMETHODIMP_(SCODE) GetChunk(STAT_CHUNK* stat) override {
     ++calls;
@@ -60,7 +58,6 @@ class ScriptedFilter final : public IFilter {
     wcscpy((*value)->pwszVal, step.text.c_str());
     return S_OK;
   }
-  STDMETHODIMP_(SCODE) BindRegion(FILTERREGION, REFIID, void**) override { return E_NOTIMPL; }
 
   HRESULT init = S_OK;
   bool forever = false;

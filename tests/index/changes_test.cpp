@@ -296,19 +296,17 @@ TEST_F(ChangesTest, TheCommandSaysWhatBecameOfEveryChange) {
   corpus_.Change("add", NoSlash(sample_.vault));
   corpus_.Change("delete", sample_.other_vault);
   corpus_.Change("modify", "nonsense");
-  corpus_.Save();
-  const Finished run = RunProgram(scratch_, {"index", "--changes"});
+  const Finished run = Program({"index", "--changes"});
   EXPECT_EQ(run.code, 0) << run.err;
   EXPECT_THAT(run.out, HasSubstr("archive: added; 5 messages and 1 attachment indexed, 0 messages removed.\n"));
   EXPECT_THAT(run.out, HasSubstr("second: deleted; it was not in the index.\n"));
   EXPECT_THAT(run.out, HasSubstr("nonsense: left out"));
-  EXPECT_THAT(RunProgram(scratch_, {"index", "--changes"}).out, HasSubstr("No change is queued."));
+  EXPECT_THAT(Program({"index", "--changes"}).out, HasSubstr("No change is queued."));
   corpus_.Change("delete", kRoot);
-  corpus_.Save();
-  const auto report = nlohmann::json::parse(RunProgram(scratch_, {"index", "--changes", "--json"}).out);
+  const auto report = nlohmann::json::parse(Program({"index", "--changes", "--json"}).out);
   EXPECT_EQ(report["changes"][0]["removed"], 5);
   EXPECT_EQ(report["changes"][0]["target"], "all");
-  EXPECT_EQ(RunProgram(scratch_, {"index", "--changes", "x.pst"}).code, 2);
+  EXPECT_EQ(Program({"index", "--changes", "x.pst"}).code, 2);
 }
 
 }  // namespace

@@ -11,8 +11,6 @@ using nlohmann::json;
 using testing::HasSubstr;
 using testing::Not;
 
-constexpr char kGood[] = R"({"opens": true, "messages": 5, "attachments": 1})";
-
 json Rule(const char* name, int broken, const char* waiver = nullptr) {
   json rule{{"rule", name}, {"text", "what must be"}, {"checked", 3}, {"broken", broken}};
   if (broken > 0) rule["seen"] = "what was seen";
@@ -20,28 +18,18 @@ json Rule(const char* name, int broken, const char* waiver = nullptr) {
   return rule;
 }
 
-class ConformanceTest : public testing::Test {
+class ConformanceTest : public IndexTest {
  protected:
-  ConformanceTest() : corpus_(scratch_), sample_(corpus_) {
-    Answer({Rule("ids", 0), Rule("ends", 2, "on purpose")});
-    corpus_.Save();
-  }
+  ConformanceTest() { Answer({Rule("ids", 0), Rule("ends", 2, "on purpose")}); }
   void Answer(const std::vector<json>& rules, const std::string& url = "*") {
     corpus_.SetCheck(url, {{"kind", "message"}, {"rules", rules}});
-    corpus_.Save();
   }
-  Finished Program(const std::vector<std::string>& arguments) { return RunProgram(scratch_, arguments); }
-  void Index() { ASSERT_EQ(Program({"index", scratch_.Write("archive.pst", kGood)}).code, 0); }
-
-  Scratch scratch_;
-  Corpus corpus_;
-  Sample sample_;
 };
 
 TEST_F(ConformanceTest, OneItemOfEverySortIsChecked) {
   EXPECT_EQ(Program({"check"}).code, 2);
   EXPECT_THAT(Program({"check"}).err, HasSubstr("--demo"));
-  Index();
+  IndexBoth();
   const Finished some = Program({"check"}), all = Program({"check", "--all", "--json"});
   EXPECT_EQ(some.code, 0) << some.out << some.err;
   EXPECT_THAT(some.out, testing::ContainsRegex("passed +ids +[0-9]+ +what must be"));
@@ -54,7 +42,7 @@ TEST_F(ConformanceTest, OneItemOfEverySortIsChecked) {
 }
 
 TEST_F(ConformanceTest, AFaultIsToldWithItsItem) {
-  Index();
+  IndexBoth();
   Answer({Rule("ids", 1)}, sample_.party);
   const Finished run = Program({"check", sample_.party, sample_.cafe});
   EXPECT_EQ(run.code, 1);
@@ -62,18 +50,16 @@ TEST_F(ConformanceTest, AFaultIsToldWithItsItem) {
   EXPECT_THAT(run.out, HasSubstr("what was seen"));
   EXPECT_THAT(run.out, HasSubstr(sample_.party));
   corpus_.Fault(sample_.cafe, "die");
-  corpus_.Save();
   EXPECT_THAT(Program({"check", sample_.cafe}).out, testing::ContainsRegex("failed +survives +1 of 1"));
   corpus_.ClearFaults();
   corpus_.SetCheck(sample_.cafe, {{"kind", "message"}, {"error", {{"step", "Init"}, {"name", "E_FAIL"}}}});
-  corpus_.Save();
   const Finished closed = Program({"check", sample_.cafe});
   EXPECT_EQ(closed.code, 1);
   EXPECT_THAT(closed.out, HasSubstr("Init: E_FAIL"));
 }
 
 TEST_F(ConformanceTest, AWaiverThatNobodyNeedsIsAFault) {
-  Index();
+  IndexBoth();
   Answer({Rule("ids", 0), Rule("ends", 0, "on purpose")});
   const Finished run = Program({"check"});
   EXPECT_EQ(run.code, 1);
@@ -93,7 +79,7 @@ TEST_F(ConformanceTest, CheckRefusesWhatMakesNoSense) {
 
 TEST_F(ConformanceTest, WhyTakesAUrlOrASubject) {
   EXPECT_THAT(Program({"why", "Party"}).out, HasSubstr("there is none yet"));
-  Index();
+  IndexBoth();
   const Finished by_subject = Program({"why", "party"}), by_url = Program({"why", sample_.party});
   EXPECT_EQ(by_subject.code, 0);
   EXPECT_EQ(by_subject.out, by_url.out);
@@ -108,7 +94,6 @@ TEST_F(ConformanceTest, WhyTakesAUrlOrASubject) {
 
 TEST_F(ConformanceTest, WhyKnowsWhatTheIndexRemembers) {
   corpus_.Fault(sample_.cafe, "die");
-  corpus_.Save();
   EXPECT_EQ(Program({"index", scratch_.Write("archive.pst", kGood)}).code, 3);
   const json lost = json::parse(Program({"why", sample_.cafe, "--json"}).out);
   EXPECT_EQ(lost["index"]["state"], "given up");

@@ -17,15 +17,6 @@ using testing::UnorderedElementsAre;
 
 using CrawlTest = IndexTest;
 
-TEST_F(CrawlTest, EverythingIsIndexedWithItsPlace) {
-  EXPECT_EQ(Crawl().items, 13);
-  EXPECT_EQ(counts_["archive"].messages_new, 5);
-  EXPECT_EQ(counts_["archive"].attachments, 1);
-  EXPECT_EQ(counts_["second"].messages_new, 1);
-  EXPECT_THAT(Contents(File()), HasSubstr("|Inbox/Zahlen 2019|"));
-  EXPECT_THAT(Contents(File()), Not(HasSubstr("queued")));
-}
-
 TEST_F(CrawlTest, NothingIsReadAgainUnlessItChanged) {
   Crawl();
   corpus_.Requests();

@@ -84,24 +84,18 @@ TEST(Answers, AreExplained) {
   EXPECT_TRUE(ErrorOfAnswer(json::object())) << "an answer that says nothing";
 }
 
-class Export : public testing::Test {
+class Export : public IndexTest {
  protected:
-  Export() : corpus_(scratch_), sample_(corpus_) {
+  Export() {
     for (const std::string& url :
          {sample_.budget, sample_.party, sample_.japanese, sample_.cafe, sample_.meeting, sample_.other_mail})
       corpus_.script()["saves"][url] = "mail";
     corpus_.script()["saves"][sample_.report] = "pdf";
-    corpus_.Save();
-  }
-  Finished Index() {
-    return RunProgram(
-        scratch_, {"index", scratch_.Write("mail/archive.pst", R"({"opens": true, "messages": 5, "attachments": 1})"),
-                   scratch_.Write("mail/second.db", R"({"opens": true, "messages": 1})")});
   }
   Finished Run(std::vector<std::string> words, const std::string& interrupt_at = {}) {
     words.insert(words.begin(), "export");
     words.insert(words.end(), {"--to", to_.string()});
-    return RunProgram(scratch_, words, interrupt_at);
+    return Program(words, interrupt_at);
   }
   Files Exported() const {
     Files files;
@@ -113,14 +107,11 @@ class Export : public testing::Test {
     return files;
   }
 
-  Scratch scratch_;
-  Corpus corpus_;
-  Sample sample_;
   const fs::path to_ = scratch_.path() / "to: a \\ folder";
 };
 
 TEST_F(Export, WritesWhatAQueryFinds) {
-  ASSERT_EQ(Index().code, 0);
+  IndexBoth();
   const Finished done = Run({"tent*"});
   EXPECT_EQ(done.code, 0) << done.err;
   EXPECT_THAT(done.out, HasSubstr("3 items exported"));
@@ -165,10 +156,9 @@ TEST_F(Export, WritesItemsByTheirUrlsWithoutAnIndex) {
 }
 
 TEST_F(Export, NamesWhatFailsAndGoesOn) {
-  ASSERT_EQ(Index().code, 0);
+  IndexBoth();
   corpus_.script()["saves"].erase(sample_.cafe);
   corpus_.Fault(sample_.party, "die");
-  corpus_.Save();
   const Finished some = Run({"--json", "vault:archive", "-kind:attachment"});
   EXPECT_EQ(some.code, 3) << some.err;
   const json told = json::parse(some.out);
@@ -184,7 +174,6 @@ TEST_F(Export, NamesWhatFailsAndGoesOn) {
   EXPECT_EQ(all.code, 1);
   EXPECT_THAT(all.err, HasSubstr("MAPI_E_NOT_FOUND"));
   corpus_.Fault("start", "exit");
-  corpus_.Save();
   const Finished none = Run({"vault:archive"});
   EXPECT_EQ(none.code, 1);
   EXPECT_THAT(none.err, HasSubstr("does not start"));
@@ -192,7 +181,6 @@ TEST_F(Export, NamesWhatFailsAndGoesOn) {
 
 TEST_F(Export, LeavesWholeFilesWhenItIsStopped) {
   corpus_.Fault(sample_.cafe, "hang");
-  corpus_.Save();
   const Finished stopped = Run({sample_.japanese, sample_.cafe, sample_.meeting}, sample_.cafe);
   EXPECT_EQ(stopped.code, 130);
   EXPECT_THAT(stopped.err, HasSubstr("Stopped."));
@@ -214,11 +202,11 @@ TEST_F(Export, LeavesWholeFilesWhenItIsStopped) {
 
 TEST_F(Export, SaysWhyAFolderWillNotDo) {
   scratch_.Write("file", "");
-  const Finished file = RunProgram(scratch_, {"export", sample_.cafe, "--to", (scratch_.path() / "file").string()});
+  const Finished file = Program({"export", sample_.cafe, "--to", (scratch_.path() / "file").string()});
   EXPECT_EQ(file.code, 1);
   EXPECT_THAT(file.err, HasSubstr("no folder that can be made"));
-  EXPECT_EQ(RunProgram(scratch_, {"export", sample_.cafe}).code, 2);
-  EXPECT_EQ(RunProgram(scratch_, {"export", sample_.cafe, "--to", "x", "--format", "pdf"}).code, 2);
+  EXPECT_EQ(Program({"export", sample_.cafe}).code, 2);
+  EXPECT_EQ(Program({"export", sample_.cafe, "--to", "x", "--format", "pdf"}).code, 2);
 }
 
 }  // namespace

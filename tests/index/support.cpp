@@ -259,6 +259,18 @@ int64_t IndexTest::Hits(const std::string& query) {
   return Search(store, CompileQuery(query), 10, HitDetail::kBare).total;
 }
 
+Finished IndexTest::Program(const std::vector<std::string>& arguments, const std::string& interrupt_at) {
+  corpus_.Save();
+  return RunProgram(scratch_, arguments, interrupt_at);
+}
+
+Finished IndexTest::IndexBoth() {
+  const Finished run =
+      Program({"index", scratch_.Write("mail/archive.pst", kGood), scratch_.Write("mail/second.db", kSecond)});
+  EXPECT_EQ(run.code, 0) << run.out << run.err;
+  return run;
+}
+
 void IndexTest::TouchVault() {
   corpus_.SetLinkTime(kRoot, sample_.vault, kLater);
   corpus_.SetLinkTime(sample_.vault, sample_.inbox, kLater);

@@ -96,6 +96,11 @@ struct Finished {
 Finished RunProgram(const Scratch& scratch, const std::vector<std::string>& arguments,
                     const std::string& interrupt_at = {});
 
+// What is said of the first vault's file.
+inline constexpr char kGood[] =
+    R"({"opens": true, "messages": 5, "attachments": 1, "top_message_count": 2, "top_messages": [{"nid": 1, "subject": "Lost mail"}]})";
+inline constexpr char kSecond[] = R"({"opens": true, "messages": 1})";
+
 // The sample behind a fake host, and indexes of it.
 class IndexTest : public testing::Test {
  protected:
@@ -104,6 +109,10 @@ class IndexTest : public testing::Test {
   std::filesystem::path File(const std::string& name = "index.sqlite") const { return scratch_.path() / name; }
   CrawlOutcome Crawl(const CrawlOptions& options = {}, const std::string& name = "index.sqlite");
   int64_t Hits(const std::string& query);
+  // Runs the program over the corpus as it is now.
+  Finished Program(const std::vector<std::string>& arguments, const std::string& interrupt_at = {});
+  // Two files with what the host serves, the second of one message; the run that indexes them.
+  Finished IndexBoth();
   // The vault's file has changed, as its link and those of its folders show.
   void TouchVault();
   // Runs it in a process of its own; whether SIGKILL ended that.

@@ -49,6 +49,15 @@ class WatchTest : public testing::Test {
     return Words(watch.Wait(patience));
   }
 
+  // Over a vault "mail" that is known as it is.
+  VaultWatch StartOverMail(milliseconds period = std::chrono::hours(1)) {
+    Put("mail", "one");
+    Link("mail");
+    VaultWatch watch = Start({{"mail", Stamp("mail")}}, period);
+    EXPECT_THAT(Next(watch, kNothing), IsEmpty());
+    return watch;
+  }
+
   Scratch scratch_;
   Environment environment_;
 };
@@ -68,10 +77,7 @@ TEST_F(WatchTest, TellsAtTheStartWhatChangedWhileNobodyWatched) {
 }
 
 TEST_F(WatchTest, HearsEveryWayInWhichAFileChanges) {
-  Put("mail", "one");
-  Link("mail");
-  VaultWatch watch = Start({{"mail", Stamp("mail")}});
-  EXPECT_THAT(Next(watch, kNothing), IsEmpty());
+  VaultWatch watch = StartOverMail();
 
   std::ofstream(Original("mail"), std::ios::app) << " more";
   EXPECT_THAT(Next(watch), ElementsAre("modified mail"));
@@ -100,10 +106,7 @@ TEST_F(WatchTest, HearsEveryWayInWhichAFileChanges) {
 }
 
 TEST_F(WatchTest, WaitsUntilAFileIsQuietAndLooksAtNoOther) {
-  Put("mail", "one");
-  Link("mail");
-  VaultWatch watch = Start({{"mail", Stamp("mail")}});
-  EXPECT_THAT(Next(watch, kNothing), IsEmpty());
+  VaultWatch watch = StartOverMail();
   std::thread writer([&] {
     for (int i = 0; i < 12; ++i) {
       std::ofstream(Original("mail"), std::ios::app) << i;
@@ -120,10 +123,7 @@ TEST_F(WatchTest, WaitsUntilAFileIsQuietAndLooksAtNoOther) {
 }
 
 TEST_F(WatchTest, LooksFromTimeToTimeWhereNothingIsHeard) {
-  Put("mail", "one");
-  Link("mail");
-  VaultWatch watch = Start({{"mail", Stamp("mail")}}, milliseconds(100));
-  EXPECT_THAT(Next(watch, kNothing), IsEmpty());
+  VaultWatch watch = StartOverMail(milliseconds(100));
   // The folder goes away whole, as a disk does, and comes back with another file in a folder of another number: no
   // notice tells of what happens in there.
   fs::rename(scratch_.path() / "originals", scratch_.path() / "elsewhere");

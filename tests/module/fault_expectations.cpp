@@ -39,6 +39,14 @@ using enum Stage;
   }
 
 // clang-format off
+// A row for each call that lists a folder; `nth` counts the tables, and no container is asked for one of them twice.
+#define LISTING(operation, nth, get, what, end) \
+    {operation, "IMAPIContainer::" get, 1, kTheCode, kNone, {CONTENTS get " failed with [0x%08lX]", end}}, \
+    {operation, "IMAPITable::SetColumns", nth, kTheCode, kNone, {CONTENTS "SetColumns for " what " failed with [0x%08lX]", \
+     end}}, \
+    {operation, "IMAPITable::GetRowCount", nth, kTheCode, kNone, {CONTENTS "GetRowCount failed with [0x%08lX]", end}}, \
+    {operation, "IMAPITable::QueryRows", nth, kTheCode, kNone, {CONTENTS "QueryRows failed with [0x%08lX]", end}}
+
 const CallExpectation kCalls[] = {
     {kSession, "MAPIInitialize", 1, kTheCode, kNone,
      {"CMapiForWDS::EnableMAPI() - MAPIInitialize return value [0x%08lX]",
@@ -81,12 +89,7 @@ const CallExpectation kCalls[] = {
      {"CMapiForWDS::BrowseFolder() - GetProps for IPM root folder failed with [0x%08lX]"}},
     {kTop, "IMsgStore::OpenEntry", 1, E_FAIL, kNone,
      {"CMapiForWDS::BrowseFolder() - OpenEntry of IPM root folder failed\twith [0x%08lX]"}},
-    {kTop, "IMAPIContainer::GetHierarchyTable", 1, kTheCode, kNone, {CONTENTS "GetHierarchyTable failed with [0x%08lX]",
-     NO_FOLDERS}},
-    {kTop, "IMAPITable::SetColumns", 1, kTheCode, kNone, {CONTENTS "SetColumns for sub-folders failed with [0x%08lX]",
-     NO_FOLDERS}},
-    {kTop, "IMAPITable::GetRowCount", 1, kTheCode, kNone, {CONTENTS "GetRowCount failed with [0x%08lX]", NO_FOLDERS}},
-    {kTop, "IMAPITable::QueryRows", 1, kTheCode, kNone, {CONTENTS "QueryRows failed with [0x%08lX]", NO_FOLDERS}},
+    LISTING(kTop, 1, "GetHierarchyTable", "sub-folders", NO_FOLDERS),
     // The top of the message tree is not known: the path stays empty, which is no failure.
     {kTop, "HrGetOneProp", 1, S_OK, kNone, {EMPTY_PATH}},
     {kTop, "IMAPIProp::GetProps", 2, S_OK, kNone, {EMPTY_PATH}},
@@ -97,20 +100,8 @@ const CallExpectation kCalls[] = {
      "CMapiForWDS::BrowseFolder() - CStringToEntryID for folder\tfailed"}},
     {kFolder, "IMsgStore::OpenEntry", 1, kTheCode, kNone,
      {"CMapiForWDS::BrowseFolder() - OpenEntry for folder failed\twith [0x%08lX]"}},
-    {kFolder, "IMAPIContainer::GetContentsTable", 1, kTheCode, kNone,
-     {CONTENTS "GetContentsTable failed with [0x%08lX]", NO_MESSAGES}},
-    {kFolder, "IMAPITable::SetColumns", 1, kTheCode, kNone, {CONTENTS "SetColumns for messages failed with [0x%08lX]",
-     NO_MESSAGES}},
-    {kFolder, "IMAPITable::GetRowCount", 1, kTheCode, kNone, {CONTENTS "GetRowCount failed with [0x%08lX]",
-     NO_MESSAGES}},
-    {kFolder, "IMAPITable::QueryRows", 1, kTheCode, kNone, {CONTENTS "QueryRows failed with [0x%08lX]", NO_MESSAGES}},
-    {kFolder, "IMAPIContainer::GetHierarchyTable", 1, kTheCode, kNone,
-     {CONTENTS "GetHierarchyTable failed with [0x%08lX]", NO_FOLDERS}},
-    {kFolder, "IMAPITable::SetColumns", 2, kTheCode, kNone,
-     {CONTENTS "SetColumns for sub-folders failed with [0x%08lX]", NO_FOLDERS}},
-    {kFolder, "IMAPITable::GetRowCount", 2, kTheCode, kNone, {CONTENTS "GetRowCount failed with [0x%08lX]",
-     NO_FOLDERS}},
-    {kFolder, "IMAPITable::QueryRows", 2, kTheCode, kNone, {CONTENTS "QueryRows failed with [0x%08lX]", NO_FOLDERS}},
+    LISTING(kFolder, 1, "GetContentsTable", "messages", NO_MESSAGES),
+    LISTING(kFolder, 2, "GetHierarchyTable", "sub-folders", NO_FOLDERS),
     {kFolder, "HrGetOneProp", 1, S_OK, kNone, {EMPTY_PATH}},
     {kFolder, "IMAPIProp::GetProps", 1, S_OK, kNone, {EMPTY_PATH}},
     {kFolder, "IMAPIProp::GetProps", 0, kTheCode, kNone, {PATH}},

@@ -18,6 +18,8 @@ const Keys kNone, kEverything = {L""}, kTyped = {L"635E9051/100", L"D5CDD502/15"
 #define NOT_MADE "CHoardexSP::CreateAccessor() - Init failed with [0x%08lX]"
 
 // clang-format off
+#define ATTACHED(call, nth, what) {kAttached, call, nth, kTheCode, &kEverything, {ACCESSOR what " failed with [0x%08lX]"}}
+
 const ItemExpectation kExpectations[] = {
     {kMessages, "MAPIAllocateBuffer", 1, E_FAIL, &kEverything, {ACCESSOR "GetMsgFromURL failed hr=80004005"}},
     {kMessages, "IMsgStore::OpenEntry", 1, kTheCode, &kEverything, {ACCESSOR "GetMsgFromURL failed hr=%s", NOT_MADE}},
@@ -74,21 +76,15 @@ const ItemExpectation kExpectations[] = {
     {kAttached, "MAPIAllocateBuffer", 1, E_FAIL, &kEverything, {ACCESSOR "GetMsgFromURL failed with [0x80004005]"}},
     {kAttached, "IMsgStore::OpenEntry", 1, kTheCode, &kEverything, {ACCESSOR "GetMsgFromURL failed with [0x%08lX]",
      NOT_MADE}},
-    {kAttached, "IMAPIProp::GetProps", 1, kTheCode, &kEverything, {ACCESSOR "GetProps failed with [0x%08lX]"}},
-    {kAttached, "IMessage::GetAttachmentTable", 1, kTheCode, &kEverything,
-     {ACCESSOR "GetAttachmentTable failed with [0x%08lX]"}},
-    {kAttached, "IMAPITable::SetColumns", 1, kTheCode, &kEverything,
-     {ACCESSOR "SetColumns for attachment table failed with [0x%08lX]"}},
+    ATTACHED("IMAPIProp::GetProps", 1, "GetProps"),
+    ATTACHED("IMessage::GetAttachmentTable", 1, "GetAttachmentTable"),
+    ATTACHED("IMAPITable::SetColumns", 1, "SetColumns for attachment table"),
     {kAttached, "MAPIAllocateBuffer", 2, E_FAIL, &kEverything, {ACCESSOR "CStringToEntryID failed"}},
-    {kAttached, "IMAPITable::Restrict", 1, kTheCode, &kEverything,
-     {ACCESSOR "Restrict for attachment table failed with [0x%08lX]"}},
-    {kAttached, "IMAPITable::GetRowCount", 1, kTheCode, &kEverything,
-     {ACCESSOR "GetRowCount for attachment table failed with [0x%08lX]"}},
-    {kAttached, "IMAPITable::QueryRows", 1, kTheCode, &kEverything,
-     {ACCESSOR "QueryRows for attachment table failed with [0x%08lX]"}},
-    {kAttached, "IMessage::OpenAttach", 1, kTheCode, &kEverything, {ACCESSOR "OpenAttach failed with [0x%08lX]"}},
-    {kAttached, "IMAPIProp::GetProps", 2, kTheCode, &kEverything,
-     {ACCESSOR "GetProps on attachment failed with [0x%08lX]"}},
+    ATTACHED("IMAPITable::Restrict", 1, "Restrict for attachment table"),
+    ATTACHED("IMAPITable::GetRowCount", 1, "GetRowCount for attachment table"),
+    ATTACHED("IMAPITable::QueryRows", 1, "QueryRows for attachment table"),
+    ATTACHED("IMessage::OpenAttach", 1, "OpenAttach"),
+    ATTACHED("IMAPIProp::GetProps", 2, "GetProps on attachment"),
     {kFile, "IMAPIProp::OpenProperty", 1, kTheCode, &kEverything,
      {ACCESSOR "OpenProperty on value-attachment failed with [0x%08lX]"}},
     {kFile, "IStream::Stat", 1, kTheCode, &kEverything, {ACCESSOR "Stat on value-attachment failed with [0x%08lX]"}},

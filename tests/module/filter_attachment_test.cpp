@@ -15,11 +15,10 @@ constexpr wchar_t kKindMap[] = L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\E
 const std::int64_t kTime = vault::FileTime(2024, 5, 1);
 
 TEST_F(Attachments, AreListedWithALinkWhereTheyCanBeRead) {
-  vault::StoreBuilder store("items");
-  auto& mail = AddMail(store.top().AddFolder("Inbox"));
+  auto& mail = AddMail(store_.top().AddFolder("Inbox"));
   for (const char* name : {"one;two.txt", "none", "photo.xyz", "draft.DOC", "last.TXT", "end.txt"})
     mail.AttachFile(name, name).Time(0x3008, kTime);
-  const std::wstring message = MessagesOf(Write(store)).at(0);
+  const std::wstring message = MessagesOf(Write(store_)).at(0);
   SetPolicy(0, L".doc");
   NewLog();
   const auto chunks = Read(message);
@@ -72,9 +71,8 @@ TEST_F(Attachments, AreListedWithALinkWhereTheyCanBeRead) {
 }
 
 TEST_F(Attachments, LeaveTheChunkUntouchedWhereThePolicyPreventsThem) {
-  vault::StoreBuilder store("items");
-  AddMail(store.top().AddFolder("Inbox")).AttachFile("a.txt", "x").Time(0x3008, kTime);
-  const std::wstring message = MessagesOf(Write(store)).at(0), attachment = Links(Read(message)).at(0);
+  AddMail(store_.top().AddFolder("Inbox")).AttachFile("a.txt", "x").Time(0x3008, kTime);
+  const std::wstring message = MessagesOf(Write(store_)).at(0), attachment = Links(Read(message)).at(0);
   SetPolicy(2, L"");
   EXPECT_EQ(Links(Read(message)).size(), 1u) << "only 1 prevents";
   SetPolicy(1, L"");
@@ -115,9 +113,8 @@ TEST_F(Attachments, LeaveTheChunkUntouchedWhereThePolicyPreventsThem) {
 }
 
 TEST_F(Attachments, PassThroughEachFailureOfTheirRedirection) {
-  vault::StoreBuilder store("items");
-  AddMail(store.top().AddFolder("Inbox")).AttachFile("a.txt", "words").Time(0x3008, kTime);
-  const std::wstring url = AttachmentsOf(store).at(0);
+  AddMail(store_.top().AddFolder("Inbox")).AttachFile("a.txt", "words").Time(0x3008, kTime);
+  const std::wstring url = AttachmentsOf(store_).at(0);
   const char kExit[] = "CHoardexFilter::Init() - In StdInitExit failed with [0x%08lX]";
   struct Case {
     const char* line;
@@ -185,11 +182,10 @@ TEST_F(Attachments, PassThroughEachFailureOfTheirRedirection) {
 }
 
 TEST_F(Attachments, TakeKindAndTypeFromTheMachine) {
-  vault::StoreBuilder store("items");
-  auto& mail = store.top().AddFolder("Inbox").AddMessage("IPM.Note");  // neither subject nor sender
+  auto& mail = store_.top().AddFolder("Inbox").AddMessage("IPM.Note");  // neither subject nor sender
   for (const char* name : {"a.b.TXT", "c.tar.txt"}) mail.AttachFile(name, "x").Time(0x3008, kTime);
   site_.known = {L"TXT", L"txt"};
-  const auto urls = AttachmentsOf(store);
+  const auto urls = AttachmentsOf(store_);
   ASSERT_EQ(urls.size(), 2u);
   NewLog();
   auto chunks = Read(urls[0]);
@@ -242,9 +238,8 @@ TEST_F(Attachments, TakeKindAndTypeFromTheMachine) {
 }
 
 TEST_F(Attachments, TakeTheirAuthorFromTheShell) {
-  vault::StoreBuilder store("items");
-  AddMail(store.top().AddFolder("Inbox")).AttachFile("a.txt", "x").Time(0x3008, kTime);
-  const std::wstring url = AttachmentsOf(store).at(0);
+  AddMail(store_.top().AddFolder("Inbox")).AttachFile("a.txt", "x").Time(0x3008, kTime);
+  const std::wstring url = AttachmentsOf(store_).at(0);
   FakeShell shell;
   const auto array_of = [](std::initializer_list<const wchar_t*> names) {
     VARIANT variant = {};

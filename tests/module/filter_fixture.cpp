@@ -106,6 +106,28 @@ vault::MessageBuilder& Filter::AddMail(vault::FolderBuilder& folder) {
       .SubmitTime(vault::FileTime(2024, 5, 2, 9, 30));
 }
 
+bool Filter::ToText(IFilter* filter) {
+  STAT_CHUNK stat = {};
+  while (filter->GetChunk(&stat) == S_OK && stat.flags != CHUNK_TEXT) {
+  }
+  return stat.flags == CHUNK_TEXT;
+}
+
+std::wstring Filter::TakeText(IFilter* filter) {
+  PROPVARIANT* value = nullptr;
+  EXPECT_EQ(filter->GetValue(&value), S_OK);
+  if (!value) return L"<nothing>";
+  std::wstring text = L"<empty>";
+  if (value->vt == VT_LPWSTR) text = value->pwszVal;
+  if (value->vt == (VT_VECTOR | VT_VARIANT)) {
+    EXPECT_EQ(value->capropvar.cElems, 2u);
+    text = value->capropvar.pElems[0].pwszVal;
+  }
+  PropVariantClear(value);
+  CoTaskMemFree(value);
+  return text;
+}
+
 std::wstring Filter::TemporaryFolder() {
   wchar_t folder[MAX_PATH];
   SHGetFolderPathW(nullptr, CSIDL_APPDATA, nullptr, 0, folder);

@@ -113,6 +113,12 @@ class Filter : public testing::Test {
   // Whether it got that line, word for word.
   static bool HasLine(const std::string& log, const std::string& line);
 
+  // Brings the filter to its text; false when there is none.
+  static bool ToText(IFilter* filter);
+  // The string, or the URL of the link, that GetValue gives now; "<empty>" for a value of no type.
+  static std::wstring TakeText(IFilter* filter);
+
+  vault::StoreBuilder store_{"items"};
   ModuleHost host_;
   Site site_;
   std::filesystem::path folder_;

@@ -42,14 +42,13 @@ TEST_F(Messages, AreOfTheKindThatTheirWholeClassNames) {
       {"IPM.Task", L"task;taskrequest;communication", L"MAPI/ZK.Task", L"Tessary Task"},
       {"IPM.TaskRequest", L"task;taskrequest;communication", L"MAPI/ZK.Task", L"Tessary Task"},
       {"IPM.Contact", L"contact;communication", L"MAPI/ZK.Contact", L"Tessary Contact"},
-      {"IPM.StickyNote", L"note;stickynote;communication", L"MAPI/ZK.Note", L"Tessary Note"},
+      {"ipm.stickynote", L"note;stickynote;communication", L"MAPI/ZK.Note", L"Tessary Note"},
       {"IPM.Note", L"email;communication", L"MAPI/ZK.Message", L"Tessary E-Mail Message"},
       {"IPM.Task.Custom", L"email;communication", L"MAPI/ZK.Message", L"Tessary E-Mail Message"},
       {"IPM.Schedule.Meeting.Canceled", L"email;communication", L"MAPI/ZK.Message", L"Tessary E-Mail Message"}};
-  vault::StoreBuilder store("items");
-  auto& folder = store.top().AddFolder("All");
+  auto& folder = store_.top().AddFolder("All");
   for (const auto& expected : kCases) folder.AddMessage(expected.message_class).Subject("Any");
-  const auto urls = MessagesOf(Write(store));
+  const auto urls = MessagesOf(Write(store_));
   ASSERT_EQ(urls.size(), std::size(kCases));
   NewLog();
   for (size_t i = 0; i < urls.size(); ++i) {
@@ -71,8 +70,7 @@ TEST_F(Messages, AreOfTheKindThatTheirWholeClassNames) {
 // A property that is an error, or of another type, or a null pointer, takes away its own steps and no others.
 TEST_F(Messages, LoseOnlyTheStepsOfAPropertyThatIsNotThere) {
   using namespace vault;
-  StoreBuilder store("items");
-  auto& folder = store.top().AddFolder("All");
+  auto& folder = store_.top().AddFolder("All");
   const auto time = FileTime(2024, 3, 1, 8);
   auto& mail = AddMail(folder).Bcc("Di", "di@example.com").Body("Text").DeliveryTime(time).Time(0x3007, time);
   mail.Binary(0x0071, std::string("\x01\xAB", 2)).Int(0x1090, 2).Int(0x0E07, 1);
@@ -89,7 +87,7 @@ TEST_F(Messages, LoseOnlyTheStepsOfAPropertyThatIsNotThere) {
     card.Text(id, "text");
   for (std::uint32_t id : {0x8005, 0x8080, 0x8083, 0x8062}) card.Text({kAddressSet, id}, "text");
   folder.AddMessage("IPM.StickyNote").Int({kNoteSet, 0x8B00}, 3);
-  const auto urls = MessagesOf(Write(store));
+  const auto urls = MessagesOf(Write(store_));
   ASSERT_EQ(urls.size(), 5u);
 
   const struct {
@@ -127,7 +125,8 @@ TEST_F(Messages, LoseOnlyTheStepsOfAPropertyThatIsNotThere) {
         EXPECT_EQ(KeysOf(chunks), rest);
         if (set.message != 0) continue;
         const bool titled = column != 5, flagged = column != 12;
-        for (ULONG pid : {2u, 3u}) EXPECT_EQ(Text(chunks, kSummary, pid), titled ? L"Invoice 17" : L"[No subject]");
+        for (const Key& key : {Key(kSummary, 2), Key(kSummary, 3), Key(kItemName, 100)})
+          EXPECT_EQ(Text(chunks, key.first, key.second), titled ? L"Invoice 17" : L"[No subject]");
         EXPECT_EQ(Find(chunks, 0x5DA84765, 100)->number, flagged ? VARIANT_TRUE : VARIANT_FALSE);
       }
       // What is only a null pointer is there, and empty.
@@ -154,8 +153,7 @@ TEST_F(Messages, SayWhetherTheyWereReadAndByWhomTheyWereSent) {
                 {"SMTP", "ann@example.com", L"ann@example.com", 1},
                 {"", "somebody", L"somebody", 0}};
   // clang-format on
-  vault::StoreBuilder store("items");
-  auto& folder = store.top().AddFolder("All");
+  auto& folder = store_.top().AddFolder("All");
   for (const char* message_class : {"IPM.Note", "IPM.Appointment"}) {
     for (const auto& sent : kCases) {
       auto& message = folder.AddMessage(message_class).Int(0x0E07, sent.flags);
@@ -164,7 +162,7 @@ TEST_F(Messages, SayWhetherTheyWereReadAndByWhomTheyWereSent) {
       message.Text(0x0064, "X400").Text(0x0065, sent.address);
     }
   }
-  const auto urls = MessagesOf(Write(store));
+  const auto urls = MessagesOf(Write(store_));
   ASSERT_EQ(urls.size(), 2 * std::size(kCases));
   for (size_t i = 0; i < urls.size(); ++i) {
     const auto& sent = kCases[i % std::size(kCases)];
@@ -179,9 +177,8 @@ TEST_F(Messages, SayWhetherTheyWereReadAndByWhomTheyWereSent) {
 }
 
 TEST_F(Messages, GiveTheirBodyInEachOfItsOutcomes) {
-  vault::StoreBuilder store("items");
-  AddMail(store.top().AddFolder("Inbox")).Body("The body.");
-  const std::wstring url = MessagesOf(Write(store)).at(0);
+  AddMail(store_.top().AddFolder("Inbox")).Body("The body.");
+  const std::wstring url = MessagesOf(Write(store_)).at(0);
   {
     Item item(protocol_.Get(), url);
     ASSERT_EQ(item.Bind(), S_OK);
@@ -249,14 +246,13 @@ void ExpectPieces(IFilter* filter, const std::wstring& body, ULONG room, bool st
 }
 
 TEST_F(Messages, HandTheirTextOutInPiecesOfAnySize) {
-  vault::StoreBuilder store("items");
-  auto& folder = store.top().AddFolder("Inbox");
+  auto& folder = store_.top().AddFolder("Inbox");
   const std::pair<std::string, std::wstring> kBodies[] = {
       {"x", L"x"},
       {"a\xF0\x9F\x98\x80\xF0\x9F\x98\x80z", L"a\xD83D\xDE00\xD83D\xDE00z"},
       {std::string(24, 'y'), std::wstring(24, L'y')}};
   for (const auto& body : kBodies) AddMail(folder).Body(body.first);
-  const auto urls = MessagesOf(Write(store));
+  const auto urls = MessagesOf(Write(store_));
   ASSERT_EQ(urls.size(), std::size(kBodies));
   for (size_t i = 0; i < urls.size(); ++i) {
     for (const bool stream : {false, true}) {
@@ -265,11 +261,8 @@ TEST_F(Messages, HandTheirTextOutInPiecesOfAnySize) {
         Item item(protocol_.Get(), urls[i]);
         ASSERT_EQ(item.Bind(), S_OK);
         if (stream) ProviderFaults::Fail("HrGetOneProp", 3, E_OUTOFMEMORY);
-        STAT_CHUNK stat = {};
-        while (item.filter->GetChunk(&stat) == S_OK && stat.flags != CHUNK_TEXT) {
-        }
+        ASSERT_TRUE(ToText(item.filter.Get()));
         ProviderFaults::Clear();
-        ASSERT_EQ(stat.flags, CHUNK_TEXT);
         ExpectPieces(item.filter.Get(), kBodies[i].second, room, stream);
       }
     }
@@ -287,14 +280,11 @@ TEST_F(Messages, HandTheirTextOutInPiecesOfAnySize) {
 }
 
 TEST_F(Messages, EndTheirTextWhereTheStreamFails) {
-  vault::StoreBuilder store("items");
-  AddMail(store.top().AddFolder("Inbox")).Body(std::string(100, 'x'));
-  Item item(protocol_.Get(), MessagesOf(Write(store)).at(0));
+  AddMail(store_.top().AddFolder("Inbox")).Body(std::string(100, 'x'));
+  Item item(protocol_.Get(), MessagesOf(Write(store_)).at(0));
   ASSERT_EQ(item.Bind(), S_OK);
   ProviderFaults::Fail("HrGetOneProp", 3, E_OUTOFMEMORY);
-  STAT_CHUNK stat = {};
-  while (item.filter->GetChunk(&stat) == S_OK && stat.flags != CHUNK_TEXT) {
-  }
+  ASSERT_TRUE(ToText(item.filter.Get()));
   wchar_t buffer[41];
   ULONG count = 40;
   EXPECT_EQ(item.filter->GetText(&count, buffer), S_OK);
@@ -307,8 +297,7 @@ TEST_F(Messages, EndTheirTextWhereTheStreamFails) {
 }
 
 TEST_F(Messages, KeepASummaryOfTheFirstPiece) {
-  vault::StoreBuilder store("items");
-  auto& folder = store.top().AddFolder("Inbox");
+  auto& folder = store_.top().AddFolder("Inbox");
   const size_t kLengths[] = {0, 1, 1018, 1019, 1020, 1021, 1023, 1024, 1025, 5000, 300'000};
   std::vector<std::wstring> bodies;
   for (const size_t length : kLengths) {
@@ -318,7 +307,7 @@ TEST_F(Messages, KeepASummaryOfTheFirstPiece) {
     if (length) mail.Body(body);
     bodies.emplace_back(body.begin(), body.end());
   }
-  const auto urls = MessagesOf(Write(store));
+  const auto urls = MessagesOf(Write(store_));
   ASSERT_EQ(urls.size(), bodies.size());
   for (size_t i = 0; i < urls.size(); ++i) {
     for (const ULONG room : {5u, 1018u, 1019u, 1020u, 1021u, 1024u, 2000u, 6000u}) {
@@ -333,11 +322,10 @@ TEST_F(Messages, KeepASummaryOfTheFirstPiece) {
 }
 
 TEST_F(Messages, HoldTheStepOfTheirLinksForAsLongAsValuesAreTaken) {
-  vault::StoreBuilder store("items");
-  auto& mail = AddMail(store.top().AddFolder("Inbox")).Body("Body");
+  auto& mail = AddMail(store_.top().AddFolder("Inbox")).Body("Body");
   for (const char* name : {"a.txt", "b.txt", "c.txt"})
     mail.AttachFile(name, name).Time(0x3008, vault::FileTime(2024, 5, 1));
-  Item item(protocol_.Get(), MessagesOf(Write(store)).at(0));
+  Item item(protocol_.Get(), MessagesOf(Write(store_)).at(0));
   ASSERT_EQ(item.Bind(), S_OK);
   STAT_CHUNK stat = {};
   const auto to_first_link = [&] {
@@ -347,15 +335,8 @@ TEST_F(Messages, HoldTheStepOfTheirLinksForAsLongAsValuesAreTaken) {
     return hr;
   };
   const auto link = [&] {
-    PROPVARIANT* value = nullptr;
-    EXPECT_EQ(item.filter->GetValue(&value), S_OK);
-    if (!value) return std::wstring();
-    EXPECT_EQ(value->vt, VT_VECTOR | VT_VARIANT);
-    EXPECT_EQ(value->capropvar.cElems, 2u);
-    std::wstring text = value->capropvar.pElems[0].pwszVal;
-    PropVariantClear(value);
-    CoTaskMemFree(value);
-    return text.substr(text.rfind(L'/') + 1);
+    const std::wstring url = TakeText(item.filter.Get());
+    return url.substr(url.rfind(L'/'));
   };
   // GetChunk alone goes forward: the links end behind the first, and the next run begins.
   ASSERT_EQ(to_first_link(), S_OK);
@@ -364,24 +345,17 @@ TEST_F(Messages, HoldTheStepOfTheirLinksForAsLongAsValuesAreTaken) {
   // With their values, all come; one that is not taken ends them.
   ASSERT_EQ(to_first_link(), S_OK);
   EXPECT_GT(stat.idChunk, ids);
-  EXPECT_EQ(link(), L"a.txt");
+  EXPECT_EQ(link(), L"/a.txt");
   EXPECT_EQ(item.filter->GetChunk(&stat), S_OK);
-  EXPECT_EQ(link(), L"b.txt");
+  EXPECT_EQ(link(), L"/b.txt");
   EXPECT_EQ(item.filter->GetChunk(&stat), S_OK);
   EXPECT_EQ(item.filter->GetChunk(&stat), static_cast<HRESULT>(FILTER_E_END_OF_CHUNKS));
 
   // A value may be taken again; text has none.
   STAT_CHUNK first = {};
   ASSERT_EQ(item.filter->GetChunk(&first), S_OK);
-  for (int i = 0; i < 2; ++i) {
-    PROPVARIANT* value = nullptr;
-    ASSERT_EQ(item.filter->GetValue(&value), S_OK);
-    EXPECT_STREQ(value->pwszVal, L"Tessary");
-    PropVariantClear(value);
-    CoTaskMemFree(value);
-  }
-  while (item.filter->GetChunk(&stat) == S_OK && stat.flags != CHUNK_TEXT) {
-  }
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(TakeText(item.filter.Get()), L"Tessary");
+  ASSERT_TRUE(ToText(item.filter.Get()));
   PROPVARIANT* none = nullptr;
   NewLog();
   EXPECT_TRUE(FAILED(item.filter->GetValue(&none)));

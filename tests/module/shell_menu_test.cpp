@@ -326,6 +326,13 @@ class SweepTest : public Shell {
   static void Write(const std::wstring& path) {
     CloseHandle(CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
   }
+  // What commands leave behind, in two levels.
+  void Fill() const {
+    CreateDirectoryW(TemporaryFolder().c_str(), nullptr);
+    CreateDirectoryW((TemporaryFolder() + L"\\sub").c_str(), nullptr);
+    Write(own_);
+    Write(deep_);
+  }
 
   const std::wstring outside_ = folder_path_ + L"\\outside", canary_ = outside_ + L"\\canary.txt",
                      own_ = TemporaryFolder() + L"\\own.txt", deep_ = TemporaryFolder() + L"\\sub\\deep.txt";
@@ -333,10 +340,7 @@ class SweepTest : public Shell {
 };
 
 TEST_F(SweepTest, TakesTheWholeFolder) {
-  CreateDirectoryW(TemporaryFolder().c_str(), nullptr);
-  CreateDirectoryW((TemporaryFolder() + L"\\sub").c_str(), nullptr);
-  Write(own_);
-  Write(deep_);
+  Fill();
   log_->New();
   protocol_->ShutDown();
   EXPECT_FALSE(Exists(TemporaryFolder()));
@@ -354,10 +358,7 @@ TEST_F(SweepTest, TakesTheWholeFolder) {
 TEST_F(SweepTest, NeverFollowsLinks) {
   const std::wstring to_file = TemporaryFolder() + L"\\sub\\link.txt", to_folder = TemporaryFolder() + L"\\sub\\link";
   for (const auto& [target, link] : {std::pair(canary_, to_file), std::pair(outside_, to_folder)}) {
-    CreateDirectoryW(TemporaryFolder().c_str(), nullptr);
-    CreateDirectoryW((TemporaryFolder() + L"\\sub").c_str(), nullptr);
-    Write(own_);
-    Write(deep_);
+    Fill();
     ASSERT_TRUE(Link(target, link));
     log_->New();
     protocol_->ShutDown();
@@ -381,10 +382,7 @@ TEST_F(SweepTest, NeedsNoFolderAboveIt) {
                  ? INVALID_HANDLE_VALUE
                  : next(path, access, share, security, disposition, flags, file);
     });
-    CreateDirectoryW(TemporaryFolder().c_str(), nullptr);
-    CreateDirectoryW((TemporaryFolder() + L"\\sub").c_str(), nullptr);
-    Write(own_);
-    Write(deep_);
+    Fill();
     if (!all) {
       ASSERT_TRUE(Link(canary_, link));
       protocol_->ShutDown();

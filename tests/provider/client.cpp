@@ -49,6 +49,10 @@ HRESULT Values::Get(IMAPIProp* object, const std::vector<ULONG>& tags, ULONG fla
   return object->GetProps(tags.empty() ? nullptr : static_cast<LPSPropTagArray>(Tags(tags)), flags, &count, &values);
 }
 
+HRESULT Rows::Query(IMAPITable* table, const std::vector<ULONG>& tags, LONG most) {
+  return Mapi().QueryAllRows(table, Tags(tags), nullptr, nullptr, most, &set);
+}
+
 OpenStore::OpenStore(const std::wstring& path, HRESULT expected) {
   static std::atomic<int> number{0};
   const Library& mapi = Mapi();
@@ -68,7 +72,7 @@ OpenStore::OpenStore(const std::wstring& path, HRESULT expected) {
   Com<IMAPITable> table;
   EXPECT_EQ(services->GetMsgServiceTable(0, table.Out()), S_OK);
   Rows rows;
-  EXPECT_EQ(mapi.QueryAllRows(table.get(), Tags({PR_SERVICE_UID}), nullptr, nullptr, 1, &rows.set), S_OK);
+  EXPECT_EQ(rows.Query(table.get(), {PR_SERVICE_UID}, 1), S_OK);
   if (rows.size() == 1) memcpy(&service, rows.At(0, 0).Value.bin.lpb, sizeof service);
 
   SPropValue file{};
@@ -79,7 +83,7 @@ OpenStore::OpenStore(const std::wstring& path, HRESULT expected) {
 
   EXPECT_EQ(session->GetMsgStoresTable(0, table.Out()), S_OK);
   Rows stores;
-  EXPECT_EQ(mapi.QueryAllRows(table.get(), Tags({PR_ENTRYID}), nullptr, nullptr, 1, &stores.set), S_OK);
+  EXPECT_EQ(stores.Query(table.get(), {PR_ENTRYID}, 1), S_OK);
   if (stores.size() != 1) return;
   const SBinary& id = stores.At(0, 0).Value.bin;
   EXPECT_EQ(session->OpenMsgStore(0, id.cb, reinterpret_cast<LPENTRYID>(id.lpb), nullptr,
@@ -96,6 +100,12 @@ OpenStore::~OpenStore() {
     EXPECT_EQ(session->Logoff(0, 0, 0), S_OK);
   }
   Mapi().Uninitialize();
+}
+
+Com<IMAPIFolder> OpenStore::OpenTop() {
+  Values top;
+  EXPECT_EQ(top.Get(store.get(), {PR_IPM_SUBTREE_ENTRYID}), S_OK);
+  return Open<IMAPIFolder>(BytesOf(top[0].Value.bin));
 }
 
 std::vector<std::uint8_t> OpenStore::EntryIdOf(std::uint32_t nid) const {
@@ -117,6 +127,21 @@ void ProviderTest::SetUp() {
 void ProviderTest::TearDown() {
   ProviderFaults::Clear();
   EXPECT_EQ(ProviderFaults::Count(), before_) << "something outlived its last reference, or was not freed";
+}
+
+void WrittenStoreTest::TearDown() {
+  opened_.reset();
+  DeleteFileW(path_.c_str());
+  ProviderTest::TearDown();
+}
+
+OpenStore& WrittenStoreTest::Write(const vault::StoreBuilder& store) {
+  wchar_t folder[MAX_PATH];
+  EXPECT_GT(GetTempPathW(MAX_PATH, folder), 0u);
+  path_ = std::wstring(folder) + L"provider_test.db";
+  store.Write(std::filesystem::path(path_));
+  opened_ = std::make_unique<OpenStore>(path_);
+  return *opened_;
 }
 
 std::wstring SampleFolder() {

@@ -4,12 +4,14 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "provider/mapi.h"
 #include "tests/support/provider_faults.h"
+#include "vault/writer.h"
 
 namespace test {
 
@@ -31,6 +33,10 @@ struct Library {
   LPSPropValue(WINAPI* FindProp)(LPSPropValue, ULONG, ULONG);
 };
 const Library& Mapi();
+
+constexpr HRESULT Code(SCODE code) {
+  return static_cast<HRESULT>(code);
+}
 
 // A COM reference; Out() receives one.
 template <class T>
@@ -71,6 +77,8 @@ class Values {
 class Rows {
  public:
   ~Rows() { Mapi().FreeProws(set); }
+  // All of them, unless there are more than `most`; 0: whatever their number.
+  HRESULT Query(IMAPITable* table, const std::vector<ULONG>& tags, LONG most = 0);
   const SRow& operator[](std::size_t i) const { return set->aRow[i]; }
   const SPropValue& At(std::size_t row, std::size_t column) const { return set->aRow[row].lpProps[column]; }
   ULONG size() const { return set ? set->cRows : 0; }
@@ -107,6 +115,8 @@ class OpenStore {
   static LPENTRYID Entry(const std::vector<std::uint8_t>& bytes) {
     return reinterpret_cast<LPENTRYID>(const_cast<std::uint8_t*>(bytes.data()));
   }
+  // What the store says is the top of its messages.
+  Com<IMAPIFolder> OpenTop();
   // The 24-byte entry id of a node.
   std::vector<std::uint8_t> EntryIdOf(std::uint32_t nid) const;
 
@@ -128,6 +138,18 @@ class ProviderTest : public testing::Test {
 
  private:
   ProviderFaults::Alive before_;
+};
+
+// Stores that a test writes, each in the place of the one before.
+class WrittenStoreTest : public ProviderTest {
+ protected:
+  void TearDown() override;
+  OpenStore& Write(const vault::StoreBuilder& store);
+
+  std::unique_ptr<OpenStore> opened_;
+
+ private:
+  std::wstring path_;
 };
 
 // The folder of sample stores as a path of this platform; empty when there is none.

@@ -7,7 +7,6 @@
 
 #include "platform/converter.h"
 #include "provider/mime/encoding.h"
-#include "vault/writer.h"
 
 namespace test {
 namespace {
@@ -84,37 +83,26 @@ std::string Entry(const std::string& stream, std::size_t header, ULONG tag) {
   return "<none>";
 }
 
-class Exports : public ProviderTest {
+class Exports : public WrittenStoreTest {
  protected:
   void TearDown() override {
     message_.Reset();
-    store_.reset();
-    DeleteFileW(path_.c_str());
-    ProviderTest::TearDown();
+    WrittenStoreTest::TearDown();
   }
   IMessage* Make(const std::function<void(vault::MessageBuilder&)>& fill) {
     vault::StoreBuilder store("Exports");
     fill(store.top().AddMessage("IPM.Note"));
-    wchar_t folder[MAX_PATH];
-    GetTempPathW(MAX_PATH, folder);
-    path_ = std::wstring(folder) + L"provider_export_test.db";
-    store.Write(std::filesystem::path(path_));
-    store_ = std::make_unique<OpenStore>(path_);
-    Values top;
-    EXPECT_EQ(top.Get(store_->store.get(), {PR_IPM_SUBTREE_ENTRYID}), S_OK);
-    const auto subtree = store_->Open<IMAPIFolder>(BytesOf(top[0].Value.bin));
+    Write(store);
     Com<IMAPITable> table;
-    EXPECT_EQ(subtree->GetContentsTable(0, table.Out()), S_OK);
+    EXPECT_EQ(opened_->OpenTop()->GetContentsTable(0, table.Out()), S_OK);
     Rows rows;
-    EXPECT_EQ(Mapi().QueryAllRows(table.get(), Tags({PR_ENTRYID}), nullptr, nullptr, 0, &rows.set), S_OK);
+    EXPECT_EQ(rows.Query(table.get(), {PR_ENTRYID}), S_OK);
     EXPECT_EQ(rows.size(), 1u);
-    message_ = store_->Open<IMessage>(BytesOf(rows.At(0, 0).Value.bin));
+    message_ = opened_->Open<IMessage>(BytesOf(rows.At(0, 0).Value.bin));
     return message_.get();
   }
 
  private:
-  std::wstring path_;
-  std::unique_ptr<OpenStore> store_;
   Com<IMessage> message_;
 };
 

@@ -1,11 +1,8 @@
 #include "tests/provider/client.h"
+#include "tests/support/child_process.h"
 
 namespace test {
 namespace {
-
-constexpr HRESULT Code(SCODE code) {
-  return static_cast<HRESULT>(code);
-}
 
 class Profiles : public ProviderTest {
  protected:
@@ -26,7 +23,7 @@ class Profiles : public ProviderTest {
     Com<IMAPITable> table;
     EXPECT_EQ(admin->GetProfileTable(0, table.Out()), S_OK);
     Rows rows;
-    EXPECT_EQ(Mapi().QueryAllRows(table.get(), Tags({PR_DISPLAY_NAME_A}), nullptr, nullptr, 0, &rows.set), S_OK);
+    EXPECT_EQ(rows.Query(table.get(), {PR_DISPLAY_NAME_A}), S_OK);
     for (ULONG i = 0; i < rows.size(); ++i)
       if (name == rows.At(i, 0).Value.lpszA) return true;
     return false;
@@ -67,20 +64,12 @@ TEST_F(Profiles, AreSeenByAnotherProcess) {
   const auto seen_elsewhere = [] {
     wchar_t program[MAX_PATH];
     GetModuleFileNameW(nullptr, program, MAX_PATH);
-    std::wstring command = L"\"" + std::wstring(program) +
-                           L"\" --gtest_also_run_disabled_tests --gtest_filter=Profiles.DISABLED_AreSeenFromHere";
-    STARTUPINFOW startup{};
-    startup.cb = sizeof startup;
-    startup.dwFlags = STARTF_USESTDHANDLES;  // no output
-    PROCESS_INFORMATION process{};
-    EXPECT_TRUE(
-        CreateProcessW(program, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &process));
-    EXPECT_EQ(WaitForSingleObject(process.hProcess, 60000), WAIT_OBJECT_0);
-    DWORD code = 99;
-    GetExitCodeProcess(process.hProcess, &code);
-    CloseHandle(process.hThread);
-    CloseHandle(process.hProcess);
-    return code == 0;
+    const ChildResult child = RunChild(L"\"" + std::wstring(program) +
+                                           L"\" --gtest_also_run_disabled_tests "
+                                           L"--gtest_filter=Profiles.DISABLED_AreSeenFromHere",
+                                       60'000);
+    EXPECT_TRUE(child.ended);
+    return child.code == 0;
   };
   ASSERT_TRUE(SetEnvironmentVariableA("HOARDEX_TEST_PROFILE", name_));
   ASSERT_EQ(admin_->CreateProfile(Name(), nullptr, 0, 0), S_OK);
@@ -121,9 +110,7 @@ TEST_F(Profiles, KeepTheirServicesForTheNextSession) {
     Com<IMAPITable> table;
     ASSERT_EQ(services->GetMsgServiceTable(0, table.Out()), S_OK);
     Rows rows;
-    ASSERT_EQ(
-        Mapi().QueryAllRows(table.get(), Tags({PR_SERVICE_UID, PR_SERVICE_NAME_A}), nullptr, nullptr, 0, &rows.set),
-        S_OK);
+    ASSERT_EQ(rows.Query(table.get(), {PR_SERVICE_UID, PR_SERVICE_NAME_A}), S_OK);
     ASSERT_EQ(rows.size(), 1u);
     EXPECT_STREQ(rows.At(0, 1).Value.lpszA, "MSPST MS");
     std::string narrow(path.begin(), path.end());
@@ -138,7 +125,7 @@ TEST_F(Profiles, KeepTheirServicesForTheNextSession) {
   Com<IMAPITable> stores;
   ASSERT_EQ(session->GetMsgStoresTable(0, stores.Out()), S_OK);
   Rows rows;
-  ASSERT_EQ(Mapi().QueryAllRows(stores.get(), Tags({PR_ENTRYID}), nullptr, nullptr, 0, &rows.set), S_OK);
+  ASSERT_EQ(rows.Query(stores.get(), {PR_ENTRYID}), S_OK);
   ASSERT_EQ(rows.size(), 1u);
   Com<IMsgStore> store;
   const SBinary& id = rows.At(0, 0).Value.bin;

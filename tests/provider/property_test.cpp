@@ -4,9 +4,6 @@
 namespace test {
 namespace {
 
-constexpr HRESULT Code(SCODE code) {
-  return static_cast<HRESULT>(code);
-}
 constexpr std::uint32_t kMessage = 0x200024;  // the one message of pstsdk-sample1.pst
 constexpr std::uint32_t kAttachment = 0x8025;
 
@@ -30,17 +27,6 @@ class Properties : public ProviderTest {
   std::unique_ptr<OpenStore> opened_;
   Com<IMessage> message_;
 };
-
-TEST_F(Properties, AnswerInThePlaceOfTheQuestion) {
-  Values values;
-  EXPECT_EQ(values.Get(message_.get(), {PR_SUBJECT_W, PR_COMPANY_NAME_W, PR_MESSAGE_SIZE}), MAPI_W_ERRORS_RETURNED);
-  ASSERT_EQ(values.count, 3u);
-  EXPECT_STREQ(values[0].Value.lpszW, L"Here is a sample message");
-  EXPECT_EQ(values[1].ulPropTag, PROP_TAG(PT_ERROR, PROP_ID(PR_COMPANY_NAME_W)));
-  EXPECT_EQ(values[1].Value.err, MAPI_E_NOT_FOUND);
-  EXPECT_EQ(values[2].Value.l, 106589);
-  EXPECT_EQ(values.Get(message_.get(), {PR_SUBJECT_W}), S_OK);
-}
 
 TEST_F(Properties, TakeTheTypeThatIsAskedFor) {
   Values values;
@@ -197,39 +183,6 @@ TEST_F(Properties, EntryIdsNameItemsWhateverFollowsThem) {
   EXPECT_EQ(
       opened_->session->OpenEntry(24, OpenStore::Entry(exact), nullptr, 0, &type, through_session.Out<IUnknown>()),
       S_OK);
-}
-
-TEST_F(Properties, NamesThatTheStoreLacksKeepTheirPlace) {
-  GUID set = {0x00062003, 0, 0, {0xC0, 0, 0, 0, 0, 0, 0, 0x46}};
-  constexpr LONG kIds[] = {0x8104, 0x8105, 0x8126, 0x811C, 0x811F, 0x7ABC};
-  MAPINAMEID names[6];
-  LPMAPINAMEID pointers[6];
-  for (int i = 0; i < 6; ++i) {
-    names[i].lpguid = &set;
-    names[i].ulKind = MNID_ID;
-    names[i].Kind.lID = kIds[i];
-    pointers[i] = &names[i];
-  }
-  LPSPropTagArray tags = nullptr;
-  ASSERT_EQ(message_->GetIDsFromNames(6, pointers, MAPI_CREATE, &tags), S_OK);
-  ASSERT_EQ(tags->cValues, 6u);
-  Values values;
-  EXPECT_TRUE(SUCCEEDED(message_->GetProps(tags, 0, &values.count, &values.values)));
-  ASSERT_EQ(values.count, 6u);
-  for (ULONG i = 0; i < 6; ++i) EXPECT_EQ(PROP_ID(values[i].ulPropTag), PROP_ID(tags->aulPropTag[i]));
-
-  LPMAPINAMEID* back = nullptr;
-  ULONG count = 0;
-  ASSERT_EQ(message_->GetNamesFromIDs(&tags, nullptr, 0, &count, &back), S_OK);
-  ASSERT_EQ(count, 6u);
-  for (ULONG i = 0; i < 6; ++i) EXPECT_EQ(back[i]->Kind.lID, kIds[i]);
-  Mapi().FreeBuffer(back);
-  Mapi().FreeBuffer(tags);
-
-  names[0].Kind.lID = 0x7ABD;
-  EXPECT_EQ(message_->GetIDsFromNames(1, pointers, 0, &tags), MAPI_W_ERRORS_RETURNED);
-  EXPECT_EQ(PROP_TYPE(tags->aulPropTag[0]), ULONG{PT_ERROR});
-  Mapi().FreeBuffer(tags);
 }
 
 TEST_F(Properties, ManyThreadsReadOneMessage) {

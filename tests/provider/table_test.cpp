@@ -5,10 +5,6 @@
 namespace test {
 namespace {
 
-constexpr HRESULT Code(SCODE code) {
-  return static_cast<HRESULT>(code);
-}
-
 // The folder of 72 contacts of aspose-contacts72.pst.
 class Tables : public ProviderTest {
  protected:
@@ -23,9 +19,7 @@ class Tables : public ProviderTest {
     Com<IMAPITable> folders;
     ASSERT_EQ(root->GetHierarchyTable(CONVENIENT_DEPTH, folders.Out()), S_OK);
     Rows rows;
-    ASSERT_EQ(Mapi().QueryAllRows(folders.get(), Tags({PR_ENTRYID, PR_CONTENT_COUNT, PR_DEPTH, PR_OBJECT_TYPE}),
-                                  nullptr, nullptr, 0, &rows.set),
-              S_OK);
+    ASSERT_EQ(rows.Query(folders.get(), {PR_ENTRYID, PR_CONTENT_COUNT, PR_DEPTH, PR_OBJECT_TYPE}), S_OK);
     EXPECT_EQ(rows.size(), 7u);
     for (ULONG i = 0; i < rows.size(); ++i) {
       EXPECT_GE(rows.At(i, 2).Value.l, 1);
@@ -124,56 +118,31 @@ TEST_F(Tables, RestrictByEveryKind) {
   number.ulPropTag = PR_MESSAGE_SIZE;
   number.Value.l = 0;
 
-  SRestriction prefix{}, big{}, negated{}, both[2]{}, conjunction{}, disjunction{};
-  prefix.rt = RES_CONTENT;
-  prefix.res.resContent = {FL_PREFIX | FL_IGNORECASE, PR_SUBJECT_W, &text};
+  SRestriction prefix = {RES_CONTENT, {.resContent = {FL_PREFIX | FL_IGNORECASE, PR_SUBJECT_W, &text}}};
+  SRestriction both[] = {prefix, {RES_PROPERTY, {.resProperty = {RELOP_GT, PR_MESSAGE_SIZE, &number}}}};
   const auto expected = std::count_if(all.begin(), all.end(), [&](std::wstring subject) {
     CharUpperW(subject.data());
     return subject.starts_with(word);
   });
   ASSERT_GE(expected, 1);
-  ASSERT_EQ(table_->Restrict(&prefix, 0), S_OK);
-  EXPECT_EQ(Count(), static_cast<ULONG>(expected));
-  EXPECT_EQ(Position(), 0u);
-
-  negated.rt = RES_NOT;
-  negated.res.resNot.lpRes = &prefix;
-  ASSERT_EQ(table_->Restrict(&negated, 0), S_OK);
-  EXPECT_EQ(Count(), 72u - static_cast<ULONG>(expected));
-
-  big.rt = RES_PROPERTY;
-  big.res.resProperty = {RELOP_GT, PR_MESSAGE_SIZE, &number};
-  both[0] = prefix;
-  both[1] = big;
-  conjunction.rt = RES_AND;
-  conjunction.res.resAnd = {2, both};
-  ASSERT_EQ(table_->Restrict(&conjunction, 0), S_OK);
-  EXPECT_EQ(Count(), static_cast<ULONG>(expected));
-  disjunction.rt = RES_OR;
-  disjunction.res.resOr = {2, both};
-  ASSERT_EQ(table_->Restrict(&disjunction, 0), S_OK);
-  EXPECT_EQ(Count(), 72u);
-
-  SRestriction other{};
-  other.rt = RES_EXIST;
-  other.res.resExist.ulPropTag = PR_SUBJECT_W;
-  ASSERT_EQ(table_->Restrict(&other, 0), S_OK);
-  EXPECT_EQ(Count(), 72u);
-  other.res.resExist.ulPropTag = PR_RTF_COMPRESSED;
-  ASSERT_EQ(table_->Restrict(&other, 0), S_OK);
-  EXPECT_EQ(Count(), 0u);
-  other.rt = RES_BITMASK;
-  other.res.resBitMask = {BMR_NEZ, PR_OBJECT_TYPE, MAPI_MESSAGE};
-  ASSERT_EQ(table_->Restrict(&other, 0), S_OK);
-  EXPECT_EQ(Count(), 72u);
-  other.rt = RES_SIZE;
-  other.res.resSize = {RELOP_EQ, PR_ENTRYID, 24};
-  ASSERT_EQ(table_->Restrict(&other, 0), S_OK);
-  EXPECT_EQ(Count(), 72u);
-  other.rt = RES_COMPAREPROPS;
-  other.res.resCompareProps = {RELOP_EQ, PR_SUBJECT_W, PR_SUBJECT_W};
-  ASSERT_EQ(table_->Restrict(&other, 0), S_OK);
-  EXPECT_EQ(Count(), 72u);
+  const auto some = static_cast<ULONG>(expected);
+  std::pair<SRestriction, ULONG> cases[] = {
+      {prefix, some},
+      {{RES_NOT, {.resNot = {0, &prefix}}}, 72 - some},
+      {{RES_AND, {.resAnd = {2, both}}}, some},
+      {{RES_OR, {.resOr = {2, both}}}, 72},
+      {{RES_EXIST, {.resExist = {0, PR_SUBJECT_W, 0}}}, 72},
+      {{RES_EXIST, {.resExist = {0, PR_RTF_COMPRESSED, 0}}}, 0},
+      {{RES_BITMASK, {.resBitMask = {BMR_NEZ, PR_OBJECT_TYPE, MAPI_MESSAGE}}}, 72},
+      {{RES_SIZE, {.resSize = {RELOP_EQ, PR_ENTRYID, 24}}}, 72},
+      {{RES_COMPAREPROPS, {.resCompareProps = {RELOP_EQ, PR_SUBJECT_W, PR_SUBJECT_W}}}, 72}};
+  for (auto& [restriction, count] : cases) {
+    SCOPED_TRACE(restriction.rt);
+    Subjects(1);
+    ASSERT_EQ(table_->Restrict(&restriction, 0), S_OK);
+    EXPECT_EQ(Count(), count);
+    EXPECT_EQ(Position(), 0u);
+  }
   ASSERT_EQ(table_->Restrict(nullptr, 0), S_OK);
   EXPECT_EQ(Subjects(100), all);
 }
@@ -195,9 +164,7 @@ TEST_F(Tables, FindRowsInBothDirections) {
   SPropValue text{};
   text.ulPropTag = PR_SUBJECT_W;
   text.Value.lpszW = const_cast<LPWSTR>(all[40].c_str());
-  SRestriction exact{};
-  exact.rt = RES_PROPERTY;
-  exact.res.resProperty = {RELOP_EQ, PR_SUBJECT_W, &text};
+  SRestriction exact = {RES_PROPERTY, {.resProperty = {RELOP_EQ, PR_SUBJECT_W, &text}}};
   ASSERT_EQ(table_->FindRow(&exact, BOOKMARK_BEGINNING, 0), S_OK);
   EXPECT_EQ(Subjects(1).at(0), all[40]);
   ASSERT_EQ(table_->FindRow(&exact, BOOKMARK_END, DIR_BACKWARD), S_OK);
@@ -228,10 +195,9 @@ TEST_F(Tables, ColumnsComeFromTheItemWhereTheTableHasNone) {
 
 TEST_F(Tables, QueryAllRowsRefusesMoreThanItsLimit) {
   Rows rows;
-  EXPECT_EQ(Mapi().QueryAllRows(table_.get(), Tags({PR_ENTRYID}), nullptr, nullptr, 71, &rows.set),
-            Code(MAPI_E_TABLE_TOO_BIG));
+  EXPECT_EQ(rows.Query(table_.get(), {PR_ENTRYID}, 71), Code(MAPI_E_TABLE_TOO_BIG));
   EXPECT_EQ(rows.set, nullptr);
-  EXPECT_EQ(Mapi().QueryAllRows(table_.get(), Tags({PR_ENTRYID}), nullptr, nullptr, 72, &rows.set), S_OK);
+  EXPECT_EQ(rows.Query(table_.get(), {PR_ENTRYID}, 72), S_OK);
   EXPECT_EQ(rows.size(), 72u);
 }
 

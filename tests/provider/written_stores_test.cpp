@@ -2,65 +2,32 @@
 #include <functional>
 
 #include "tests/provider/client.h"
-#include "vault/writer.h"
 
 namespace test {
 namespace {
 
-constexpr HRESULT Code(SCODE code) {
-  return static_cast<HRESULT>(code);
-}
-
-class WrittenStores : public ProviderTest {
+class WrittenStores : public WrittenStoreTest {
  protected:
   void TearDown() override {
     messages_.clear();
-    opened_.reset();
-    DeleteFileW(path_.c_str());
-    ProviderTest::TearDown();
+    WrittenStoreTest::TearDown();
   }
 
-  // Writes a store with one folder that `fill` fills, opens it and all its messages in table order.
+  // Writes a store whose top `fill` fills, opens it and all messages of the top in table order.
   void Make(const std::function<void(vault::FolderBuilder&)>& fill) {
     vault::StoreBuilder store("Written");
-    fill(store.top().AddFolder("Folder"));
-    wchar_t folder[MAX_PATH];
-    ASSERT_GT(GetTempPathW(MAX_PATH, folder), 0u);
-    path_ = std::wstring(folder) + L"written_stores_test.db";
-    store.Write(std::filesystem::path(path_));
-    opened_ = std::make_unique<OpenStore>(path_);
-    ASSERT_TRUE(opened_->store);
-    Values top;
-    ASSERT_EQ(top.Get(opened_->store.get(), {PR_IPM_SUBTREE_ENTRYID}), S_OK);
-    const auto subtree = opened_->Open<IMAPIFolder>(BytesOf(top[0].Value.bin));
+    fill(store.top());
+    Write(store);
     Com<IMAPITable> table;
-    ASSERT_EQ(subtree->GetHierarchyTable(0, table.Out()), S_OK);
-    Rows folders;
-    ASSERT_EQ(
-        Mapi().QueryAllRows(table.get(), Tags({PR_DISPLAY_NAME_W, PR_ENTRYID}), nullptr, nullptr, 0, &folders.set),
-        S_OK);
-    for (ULONG i = 0; i < folders.size(); ++i) {
-      if (std::wstring(folders.At(i, 0).Value.lpszW) == L"Folder") {
-        folder_ = opened_->Open<IMAPIFolder>(BytesOf(folders.At(i, 1).Value.bin));
-      }
-    }
-    ASSERT_TRUE(folder_);
-  }
-  void OpenMessages() {
-    Com<IMAPITable> table;
-    ASSERT_EQ(folder_->GetContentsTable(0, table.Out()), S_OK);
+    ASSERT_EQ(opened_->OpenTop()->GetContentsTable(0, table.Out()), S_OK);
     Rows rows;
-    ASSERT_EQ(Mapi().QueryAllRows(table.get(), Tags({PR_ENTRYID}), nullptr, nullptr, 0, &rows.set), S_OK);
+    ASSERT_EQ(rows.Query(table.get(), {PR_ENTRYID}), S_OK);
     for (ULONG i = 0; i < rows.size(); ++i) {
       messages_.push_back(opened_->Open<IMessage>(BytesOf(rows.At(i, 0).Value.bin)));
     }
-    folder_.Reset();
   }
   IMessage* message(std::size_t i) { return messages_.at(i).get(); }
 
-  std::wstring path_;
-  std::unique_ptr<OpenStore> opened_;
-  Com<IMAPIFolder> folder_;
   std::vector<Com<IMessage>> messages_;
 };
 
@@ -83,7 +50,6 @@ TEST_F(WrittenStores, BodiesAreSearchableInWhateverFormTheyAre) {
     folder.AddMessage("IPM.Note").Subject("f");
     folder.AddMessage("IPM.Note").Subject("g").Binary(0x1013, "\x1B$BEl5~\x1B(B").Int(0x3FDE, 50220);
   });
-  OpenMessages();
   ASSERT_EQ(messages_.size(), 7u);
   EXPECT_EQ(BodyOf(message(0)), L"Zürich & Genève\r\ntwo");
   EXPECT_EQ(BodyOf(message(1)), L"Zürich\r\ntwo");
@@ -105,7 +71,6 @@ TEST_F(WrittenStores, SubjectsAndRecipientsAreWhatMapiMakesOfThem) {
     message.To("Eve", "eve@example.org").Cc("Carl", "carl@example.org").Bcc("", "dan@example.org");
     message.AddRecipient(1).Text(0x3001, "Exchange").Text(0x3002, "EX").Text(0x3003, "/o=x/cn=y");
   });
-  OpenMessages();
   Values values;
   EXPECT_EQ(values.Get(message(0), {PR_SUBJECT_W, PR_NORMALIZED_SUBJECT_W, PR_SUBJECT_PREFIX_W, PR_DISPLAY_TO_W}),
             S_OK);
@@ -117,9 +82,7 @@ TEST_F(WrittenStores, SubjectsAndRecipientsAreWhatMapiMakesOfThem) {
   Com<IMAPITable> table;
   ASSERT_EQ(message(0)->GetRecipientTable(0, table.Out()), S_OK);
   Rows rows;
-  ASSERT_EQ(Mapi().QueryAllRows(table.get(), Tags({PR_RECIPIENT_TYPE, PR_SMTP_ADDRESS_W, PR_ROWID}), nullptr, nullptr,
-                                0, &rows.set),
-            S_OK);
+  ASSERT_EQ(rows.Query(table.get(), {PR_RECIPIENT_TYPE, PR_SMTP_ADDRESS_W, PR_ROWID}), S_OK);
   ASSERT_EQ(rows.size(), 5u);
   EXPECT_STREQ(rows.At(1, 1).Value.lpszW, L"eve@example.org");
   EXPECT_EQ(rows.At(2, 0).Value.l, MAPI_CC);
@@ -152,13 +115,10 @@ TEST_F(WrittenStores, OleObjectsOpenAsStreamAndStorage) {
     message.AttachFile("drawing", document).Int(0x3705, 6);
     message.AttachFile("plain.txt", "text");
   });
-  OpenMessages();
   Com<IMAPITable> table;
   ASSERT_EQ(message(0)->GetAttachmentTable(0, table.Out()), S_OK);
   Rows rows;
-  ASSERT_EQ(
-      Mapi().QueryAllRows(table.get(), Tags({PR_ATTACH_NUM, PR_ATTACH_EXTENSION_W}), nullptr, nullptr, 0, &rows.set),
-      S_OK);
+  ASSERT_EQ(rows.Query(table.get(), {PR_ATTACH_NUM, PR_ATTACH_EXTENSION_W}), S_OK);
   ASSERT_EQ(rows.size(), 2u);
   EXPECT_EQ(PROP_TYPE(rows.At(0, 1).ulPropTag), ULONG{PT_ERROR}) << "a name without a dot has no extension";
   EXPECT_STREQ(rows.At(1, 1).Value.lpszW, L".txt");
@@ -191,7 +151,6 @@ TEST_F(WrittenStores, NamedPropertiesOfEveryTypeKeepTheirOrder) {
         .Int({vault::kTaskSet, 0x8101}, 2)
         .Texts({vault::kPublicStringsSet, "Keywords"}, {"Green", "Blue"});
   });
-  OpenMessages();
   GUID task = {0x00062003, 0, 0, {0xC0, 0, 0, 0, 0, 0, 0, 0x46}},
        strings = {0x00020329, 0, 0, {0xC0, 0, 0, 0, 0, 0, 0, 0x46}};
   constexpr LONG kIds[] = {0x8104, 0x8105, 0x8126, 0x811C, 0x811F, 0x8101};
@@ -204,16 +163,30 @@ TEST_F(WrittenStores, NamedPropertiesOfEveryTypeKeepTheirOrder) {
   for (int i = 0; i < 7; ++i) pointers[i] = &names[i];
   LPSPropTagArray tags = nullptr;
   ASSERT_EQ(message(0)->GetIDsFromNames(7, pointers, MAPI_CREATE, &tags), S_OK);
+  ASSERT_EQ(tags->cValues, 7u);
   Values values;
   EXPECT_EQ(message(0)->GetProps(tags, 0, &values.count, &values.values), MAPI_W_ERRORS_RETURNED);
-  Mapi().FreeBuffer(tags);
+  LPMAPINAMEID* back = nullptr;
+  ULONG count = 0;
+  ASSERT_EQ(message(0)->GetNamesFromIDs(&tags, nullptr, 0, &count, &back), S_OK);
+  ASSERT_EQ(count, 7u);
+  for (int i = 0; i < 6; ++i) EXPECT_EQ(back[i]->Kind.lID, kIds[i]) << "also of those that the store lacks";
+  EXPECT_STREQ(back[6]->Kind.lpwstrName, L"Keywords");
+  Mapi().FreeBuffer(back);
   ASSERT_EQ(values.count, 7u);
   constexpr ULONG kTypes[] = {PT_SYSTIME, PT_ERROR, PT_BOOLEAN, PT_ERROR, PT_STRING8, PT_LONG, PT_MV_STRING8};
-  for (std::size_t i = 0; i < 7; ++i) EXPECT_EQ(PROP_TYPE(values[i].ulPropTag), kTypes[i]) << i;
+  for (std::size_t i = 0; i < 7; ++i)
+    EXPECT_EQ(values[i].ulPropTag, PROP_TAG(kTypes[i], PROP_ID(tags->aulPropTag[i]))) << i;
+  Mapi().FreeBuffer(tags);
+  for (const std::size_t absent : {1, 3}) EXPECT_EQ(values[absent].Value.err, MAPI_E_NOT_FOUND);
   EXPECT_STREQ(values[4].Value.lpszA, "Ann");
   EXPECT_EQ(values[5].Value.l, 2);
   ASSERT_EQ(values[6].Value.MVszA.cValues, 2u);
   EXPECT_STREQ(values[6].Value.MVszA.lppszA[1], "Blue");
+  names[0].Kind.lID = 0x7ABD;
+  EXPECT_EQ(message(0)->GetIDsFromNames(1, pointers, 0, &tags), MAPI_W_ERRORS_RETURNED);
+  EXPECT_EQ(PROP_TYPE(tags->aulPropTag[0]), ULONG{PT_ERROR});
+  Mapi().FreeBuffer(tags);
 }
 
 }  // namespace
