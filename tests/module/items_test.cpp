@@ -7,7 +7,7 @@
 
 #include "module/filter/ItemSequence.h"
 #include "module/filter/MapiProperties.h"
-#include "tests/module/items_page.h"
+#include "tools/itemspage/items_page.h"
 
 namespace {
 

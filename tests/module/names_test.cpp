@@ -47,19 +47,6 @@ TEST(TemporaryFile, LandsInTheModulesFolderWhateverTheName) {
   EXPECT_LT(TemporaryFilePath(std::wstring(500, L'A'), std::wstring(5000, L'n') + L".txt").size(), size_t{MAX_PATH});
 }
 
-TEST(EqualOrdinal, IgnoresTheCaseOfEveryScriptAndNothingElse) {
-  using text::EqualOrdinal;
-  EXPECT_TRUE(EqualOrdinal(L"", L""));
-  EXPECT_TRUE(
-      EqualOrdinal(L"Vaults\\\u00C4rger \u0416\u0443\u043A \u03A9", L"VAULTS\\\u00E4RGER \u0436\u0423\u043A \u03C9"));
-  EXPECT_TRUE(EqualOrdinal(std::wstring_view(L"a\0b", 3), std::wstring_view(L"A\0B", 3)));
-  EXPECT_FALSE(EqualOrdinal(std::wstring_view(L"a\0b", 3), std::wstring_view(L"a\0c", 3)));
-  EXPECT_FALSE(EqualOrdinal(L"Stra\u00DFe", L"Strasse"));
-  EXPECT_FALSE(EqualOrdinal(L"\u00E4", L"a\u0308")) << "one letter is not two";
-  EXPECT_FALSE(EqualOrdinal(L"i", L"\u0130")) << "no language's rules";
-  EXPECT_FALSE(EqualOrdinal(L"co-op", L"coop-"));
-}
-
 TEST(UniqueName, HasTheFormThatOldProfilesAreKnownBy) {
   unsigned long a, b, c, d;
   unsigned long long e;

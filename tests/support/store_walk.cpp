@@ -1,5 +1,7 @@
 #include "tests/support/store_walk.h"
 
+#include "tests/support/sha256.h"
+
 namespace test {
 namespace {
 

@@ -6,7 +6,6 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/sha256.h"
 #include "vault/store.h"
 
 namespace test {

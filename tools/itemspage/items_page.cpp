@@ -1,4 +1,4 @@
-#include "tests/module/items_page.h"
+#include "tools/itemspage/items_page.h"
 
 #include <cstdio>
 
