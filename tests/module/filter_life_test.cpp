@@ -1,4 +1,5 @@
 // Items whose session ends under them, and items of a provider that does only what MAPI promises.
+#include "include/HoardexPH.h"
 #include "tests/module/filter_fixture.h"
 
 namespace {
@@ -36,11 +37,7 @@ TEST_F(LifeOfItems, SurviveTheEndOfTheirSessions) {
   const auto content = Read(Links(whole).at(0));
   ComPtr<ISearchProtocol> other;
   ComPtr<IClassFactory> factory;
-  ComPtr<IPersistFolder> itself;
-  CLSID clsid = {};
-  ASSERT_EQ(protocol_.As(&itself), S_OK);
-  itself->GetClassID(&clsid);
-  ASSERT_EQ(host_.GetClassObject(clsid, IID_IClassFactory, &factory), S_OK);
+  ASSERT_EQ(host_.GetClassObject(CLSID_HoardexSP, IID_IClassFactory, &factory), S_OK);
   ASSERT_EQ(factory->CreateInstance(nullptr, __uuidof(ISearchProtocol), &other), S_OK);
 
   Item unbound(protocol_.Get(), url), bound(protocol_.Get(), url), begun(protocol_.Get(), url);
@@ -60,8 +57,6 @@ TEST_F(LifeOfItems, SurviveTheEndOfTheirSessions) {
   ASSERT_EQ(unbound.Bind(), S_OK);
   EXPECT_EQ(Texts(unbound.ReadAll()), Texts(whole));
   EXPECT_EQ(Texts(Read(Links(whole).at(0))), Texts(content)) << "a new session takes the place of the old one";
-  other.Reset();
-  factory.Reset();
 }
 
 TEST_F(LifeOfItems, AreTheSameFromACarelessProvider) {

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "module/core/SCLog.h"
+#include "tests/support/child_process.h"
 #include "tests/support/import_hook.h"
 #include "tests/support/scratch_registry.h"
 #include "tests/support/thread.h"
@@ -42,21 +43,17 @@ class LogFile : public testing::Test {
 
   // Another thread can log: the lock was let go. A thread that waits for ever is left to the end of the process.
   static void ExpectLockFree(SCLog& log) {
-    const auto take = [](void* of) -> DWORD {
-      static_cast<SCLog*>(of)->SetFileLine(kLogSource, 1);
-      static_cast<SCLog*>(of)->Log(SCLog::kDetail, L"");
-      return 0;
-    };
-    const HANDLE thread = CreateThread(nullptr, 0, take, &log, 0, nullptr);
+    const HANDLE thread = StartLine<SCLog::kDetail>(log);
     ASSERT_NE(thread, nullptr);
     EXPECT_EQ(WaitForSingleObject(thread, 20'000), WAIT_OBJECT_0) << "the log's lock was kept";
     CloseHandle(thread);
   }
   // A thread that writes a line.
+  template <int level>
   static HANDLE StartLine(SCLog& log) {
     const auto write = [](void* of) -> DWORD {
       static_cast<SCLog*>(of)->SetFileLine(kLogSource, 1);
-      static_cast<SCLog*>(of)->Log(SCLog::kOrdinary, L"started");
+      static_cast<SCLog*>(of)->Log(level, L"started");
       return 0;
     };
     return CreateThread(nullptr, 0, write, &log, 0, nullptr);
@@ -218,7 +215,7 @@ TEST_F(LogFile, AsksTheSystemForItsLockOnlyWhenAnotherThreadHasIt) {
   for (int i = 0; i < 100; ++i) Line(log, L"alone");
   EXPECT_EQ(lone_waits, 0);
   log.SetFileLine(kLogSource, 8);
-  const HANDLE others[] = {StartLine(log), StartLine(log)};
+  const HANDLE others[] = {StartLine<SCLog::kOrdinary>(log), StartLine<SCLog::kOrdinary>(log)};
   EXPECT_EQ(WaitForMultipleObjects(2, others, FALSE, 200), DWORD{WAIT_TIMEOUT}) << "the lock was not kept";
   EXPECT_EQ(endless_waits, 2);
   log.Log(SCLog::kOrdinary, L"first");
@@ -263,29 +260,18 @@ TEST_F(LogFile, IsSharedByProcesses) {
   Fill(100'000);
   wchar_t program[MAX_PATH] = {};
   GetModuleFileNameW(nullptr, program, MAX_PATH);
-  std::wstring command =
+  const std::wstring command =
       L"\"" + std::wstring(program) +
       L"\" --gtest_also_run_disabled_tests --gtest_filter=LogOfAnotherProcess.DISABLED_Writes --gtest_brief=1";
-  std::vector<HANDLE> processes;
-  for (int i = 0; i < 3; ++i) {
-    STARTUPINFOW start = {};
-    start.cb = sizeof(start);
-    PROCESS_INFORMATION process = {};
-    ASSERT_TRUE(
-        CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &start, &process));
-    CloseHandle(process.hThread);
-    processes.push_back(process.hProcess);
-  }
+  ChildResult results[3];
+  std::vector<Thread> processes;
+  for (ChildResult& result : results) processes.emplace_back([&] { result = RunChild(command, 60'000); });
   {
     SCLog log(name_);
     for (int i = 0; i < 300; ++i) Line(log, L"of this process");
-    for (const HANDLE process : processes) {
-      EXPECT_EQ(WaitForSingleObject(process, 60'000), WAIT_OBJECT_0);
-      DWORD code = 1;
-      GetExitCodeProcess(process, &code);
-      EXPECT_EQ(code, 0u) << "a process that shares the log was disturbed";
-      CloseHandle(process);
-    }
+    processes.clear();
+    for (const ChildResult& result : results)
+      EXPECT_TRUE(result.ended && result.code == 0) << "a process that shares the log was disturbed" << result.output;
     const size_t size = Content().size();
     Line(log, L"the last");
     EXPECT_GE(Content().size(), size);
@@ -304,8 +290,7 @@ const wchar_t* LogsItself() {
 
 TEST(LogStatement, EvaluatesArgumentsBeforeTheLockIsTaken) {
   // A deadlock here would hang until the test's time is up.
-  Thread other([] { ZK_LOG(L"%s", LogsItself()); });
-  other.join();
+  Thread([] { ZK_LOG(L"%s", LogsItself()); }).join();
   bool evaluated = false;
   ZK_LOG_DETAIL(L"%s", (evaluated = true, L"x"));
   EXPECT_FALSE(evaluated) << "a statement above the threshold must cost nothing";

@@ -62,12 +62,11 @@ TEST_F(Hive, ShowsEachPolicyWholeHoweverItIsReadAgain) {
   EXPECT_TRUE(is(true, L"doc;"));
   set(0, L"zip");
   int seen = 0, whole = 0;
-  const auto look = [&](auto real, auto... arguments) {
-    ++seen, whole += is(true, L"doc;");
-    return real(arguments...);
-  };
   {
-    const ZK_IMPORT_HOOK(RegQueryValueExW) query(look);
+    const ZK_IMPORT_HOOK(RegQueryValueExW) query([&](auto real, auto... arguments) {
+      ++seen, whole += is(true, L"doc;");
+      return real(arguments...);
+    });
     DetectWDSGroupPolicy();
   }
   EXPECT_GT(seen, 4);

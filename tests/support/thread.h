@@ -20,7 +20,6 @@ class Thread {
     work.release();
   }
   Thread(Thread&& other) noexcept : handle_(std::exchange(other.handle_, nullptr)) {}
-  Thread& operator=(Thread&&) = delete;
   ~Thread() { join(); }
 
   void join() {
