@@ -3,10 +3,11 @@
 
 #include <objbase.h>
 
-// A caller that has COM, in whatever apartment, keeps it as it is.
+// Enters an apartment of the model where the thread has none; a caller that has COM, in whatever apartment, keeps it as
+// it is.
 class ComScope {
  public:
-  ComScope() : entered_(SUCCEEDED(CoInitializeEx(nullptr, COINIT_MULTITHREADED))) {}
+  explicit ComScope(COINIT model = COINIT_MULTITHREADED) : entered_(SUCCEEDED(CoInitializeEx(nullptr, model))) {}
   ~ComScope() {
     if (entered_) CoUninitialize();
   }

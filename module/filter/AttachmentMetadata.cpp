@@ -4,6 +4,7 @@
 
 #include <comdef.h>
 
+#include "module/core/ComScope.h"
 #include "module/core/RegistryKey.h"
 #include "module/core/SCLog.h"
 #include "module/core/Text.h"
@@ -23,20 +24,6 @@ constexpr wchar_t kAuthorProperty[] = L"{F29F85E0-4FF9-1068-AB91-08002B27B3D9} 4
 constexpr CLSID kShellClass = {0x13709620, 0xC279, 0x11CE, {0xA4, 0x9E, 0x44, 0x45, 0x53, 0x54, 0x00, 0x00}};
 constexpr IID kShellDispatch = {0xD8F015C0, 0xC278, 0x11CE, {0xA4, 0x9E, 0x44, 0x45, 0x53, 0x54, 0x00, 0x00}};
 constexpr IID kFolderItem2 = {0xEDC817AA, 0x92B8, 0x11D1, {0xB0, 0x75, 0x00, 0xC0, 0x4F, 0xC3, 0x3A, 0xA5}};
-
-// Enters a single-threaded apartment where the thread has none; a thread with another apartment goes on without.
-class Apartment {
- public:
-  Apartment() : entered_(SUCCEEDED(CoInitialize(nullptr))) {}
-  ~Apartment() {
-    if (entered_) CoUninitialize();
-  }
-  Apartment(const Apartment&) = delete;
-  Apartment& operator=(const Apartment&) = delete;
-
- private:
-  bool entered_;
-};
 
 // The strings of a one-dimensional array of BSTR, joined by "; ".
 std::wstring Join(SAFEARRAY* array) {
@@ -59,7 +46,7 @@ std::wstring Join(SAFEARRAY* array) {
 
 HRESULT CHoardexFilter::GetAttachmentAuthor(std::wstring& author) {
   author.clear();
-  const Apartment apartment;
+  const ComScope com(COINIT_APARTMENTTHREADED);  // what CoInitialize enters
   const std::wstring name = attachment_file_.substr(attachment_file_.rfind(L'\\') + 1);
   try {
     return QueryAttachmentAuthor(author);
